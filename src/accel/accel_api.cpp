@@ -1,0 +1,75 @@
+// Entry functions of the acceleration structures: argument checks, then one kernel.
+#include <cstdint>
+
+#include "bound_box.h"
+#include "frame/entry_points.h"
+#include "kd_build_simple.h"
+#include "triangle_accel.h"
+#include "vekcore.h"
+
+using namespace vekr;
+
+namespace {
+
+constexpr uint32_t kMaxSplitLimit = 50;
+// The budget check compares half the byte count (MB * 2^19, wrapping in 32 bits) with 16 MiB.
+constexpr uint32_t kMinHalfBudgetBytes = 0x1000000;
+
+}  // namespace
+
+Status entry::vekrTriangleAccelGetSize(int* pSize)
+{
+    if (pSize == nullptr) return StatusNullPointer;
+    *pSize = accel::kTriangleAccelBytes;
+    return StatusOk;
+}
+
+// Checks nothing by design: the records need no state and no data makes the call fail.
+Status entry::vekrTriangleAccelInit(TriangleAccel* pAccel, const float* pVertexCoord,
+                                    const int* pTriangleIndex, int triangleCount)
+{
+    if (triangleCount < 1) return StatusOk;
+    accel::initTriangleAccels(pAccel, pVertexCoord, pTriangleIndex, triangleCount);
+    return StatusOk;
+}
+
+// Only the vertex pointer is checked; box is written on every other path.
+Status entry::vekrSetBoundBox_32f(const float* vertices, int vertexCount, float* box)
+{
+    if (vertices == nullptr) return StatusNullPointer;
+    accel::computeBoundBox(vertices, vertexCount, box);
+    return StatusOk;
+}
+
+Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
+                                   const int* pTriangleIndex, int vertexCount, int triangleCount,
+                                   int* pTreeSize, const KDTreeBuildParams* pParams)
+{
+    if (ppTree == nullptr || pVertexCoord == nullptr || pTriangleIndex == nullptr ||
+        pTreeSize == nullptr)
+        return StatusNullPointer;
+    if (vertexCount < 0 || triangleCount < 0) return StatusBadSize;
+    if (pParams == nullptr) return StatusNullPointer;
+
+    switch (pParams->method) {
+    case KDTreeBuildSimple:
+        if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
+        return accel::buildKdTreeSimple(triangleCount, ppTree, pTreeSize);
+    case KDTreeBuildSah:
+        if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
+        // Ordered comparisons: a NaN ratio passes both.
+        if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
+        if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
+        // The surface-area-heuristic builder is not part of this library yet.
+        return StatusBadArgument;
+    default:
+        return StatusBadArgument;
+    }
+}
+
+// Hands the block to the core allocator and nothing else; null is passed on as it is.
+Status entry::vekrKDTreeFree(void* pTree)
+{
+    vekFree(pTree);
+    return StatusOk;
+}

@@ -1,0 +1,81 @@
+// The KD-tree block: 8-byte nodes addressed by self-relative byte offsets, then the triangle
+// lists of the leaves that do not fit a compact form.
+//
+//   inner node   word 0 = offset to the child pair (multiple of 8, >= 0) | axis (bits 0-1)
+//                word 1 = split coordinate (float bits); child 0 below, child 1 above the plane
+//   list leaf    word 0 = node - list (negative byte distance: the list lies after the node)
+//                word 1 = n > 0 triangles; 0 for an empty leaf (word 0 ignored)
+//   1 triangle   word 0 = 0x80000000 | index            word 1 = 0x80000001
+//   2 triangles  word 0 = 0x80000000 | b                word 1 = 0x80000002 | a << 2
+//   3 triangles  word 0 = 0x80000000 | d1 << 16 | d2    word 1 = 0x80000003 | mid << 2
+//                (indices mid - d1, mid, mid + d2)
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace vekr::accel {
+
+struct KdNode {
+    int32_t word0;   // inner: offsetAxis; leaf: bit 31 set, then list distance or inline index
+    uint32_t word1;  // inner: split (float bits); leaf: count or compact form
+};
+static_assert(sizeof(KdNode) == 8);
+
+constexpr int kNodeBytes = 8;
+constexpr int kRootAreaBytes = 16;           // the root and the 8 zero bytes after it
+constexpr int kMaxInnerNodesOnPath = 50;     // the traversal's fixed stack relies on it
+constexpr uint32_t kCompactFlag = 0x80000000u;
+constexpr uint32_t kCompactBaseLimit = 0x20000000u;  // base index must fit bits 2-30 of word 1
+constexpr int32_t kCompactLowSpreadLimit = 32768;    // mid - lo in bits 16-30 of word 0
+constexpr int32_t kCompactHighSpreadLimit = 65536;   // hi - mid in bits 0-15 of word 0
+
+inline bool isLeaf(const KdNode& node) { return node.word0 < 0; }
+
+// --- Inner nodes -------------------------------------------------------------------------
+
+inline KdNode encodeInner(int32_t childPairOffsetBytes, int axis, float split)
+{
+    uint32_t splitBits;
+    std::memcpy(&splitBits, &split, sizeof splitBits);
+    return KdNode{childPairOffsetBytes | axis, splitBits};
+}
+inline int innerAxis(const KdNode& node) { return node.word0 & 3; }
+inline int32_t innerChildOffset(const KdNode& node) { return node.word0 & ~7; }
+inline float innerSplit(const KdNode& node)
+{
+    float split;
+    std::memcpy(&split, &node.word1, sizeof split);
+    return split;
+}
+inline const KdNode* innerChildren(const KdNode* node)
+{
+    return reinterpret_cast<const KdNode*>(reinterpret_cast<const char*>(node) +
+                                           innerChildOffset(*node));
+}
+
+// --- Leaves ------------------------------------------------------------------------------
+
+// A list leaf whose list starts listOffsetBytes (> 0, a multiple of 4) after the node.
+inline KdNode encodeListLeaf(int32_t listOffsetBytes, int32_t count)
+{
+    return KdNode{-listOffsetBytes, uint32_t(count)};
+}
+
+// The compact form of one to three non-negative indices, when they fit its limits.
+bool encodeCompactLeaf(const int32_t* indices, int count, KdNode& out);
+
+// The triangles of a leaf: inline for the compact forms, in the block for a list leaf.
+struct LeafTriangles {
+    int count = 0;
+    const int32_t* list = nullptr;  // list leaves only
+    int32_t inlineIndices[3] = {0, 0, 0};
+
+    int32_t operator[](int i) const { return list ? list[i] : inlineIndices[i]; }
+};
+
+inline bool isCompactLeaf(const KdNode& node) { return (node.word1 & kCompactFlag) != 0; }
+
+LeafTriangles decodeLeaf(const KdNode* node);
+
+}  // namespace vekr::accel

@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <atomic>
+#include <vector>
+
+#include "frame/attach.h"
+#include "frame/parallel_region.h"
+#include "frame/scratch.h"
+#include "vekcore.h"
+
+using namespace vekr::frame;
+
+TEST(Attach, FlagFollowsAvxAndOsStateBits)
+{
+    const unsigned long long bits = vekGetEnabledCpuFeatures();
+    EXPECT_EQ(processorAvxFlag(), (bits & 0x10) != 0 && (bits & 0x20) != 0);
+}
+
+TEST(Scratch, CountBelowOneNeverReachesTheAllocator)
+{
+    vekFailNthAllocation(1);
+    EXPECT_EQ(allocElements<double>(0), nullptr);
+    EXPECT_EQ(allocElements<float>(-3), nullptr);
+    EXPECT_EQ(allocElements<char>(1), nullptr) << "the armed failure was still pending";
+    vekFailNthAllocation(0);
+}
+
+TEST(Scratch, OwnerFreesUnlessReleased)
+{
+    const long long before = vekGetLiveAllocationCount();
+    {
+        ScratchArray<int> held(10);
+        ASSERT_TRUE(held);
+        EXPECT_EQ(vekGetLiveAllocationCount(), before + 1);
+    }
+    EXPECT_EQ(vekGetLiveAllocationCount(), before);
+    ScratchArray<double> kept(4);
+    double* block = kept.release();
+    EXPECT_FALSE(kept);
+    EXPECT_EQ(vekGetLiveAllocationCount(), before + 1);
+    vekFree(block);
+    EXPECT_EQ(vekGetLiveAllocationCount(), before);
+}
+
+namespace {
+
+// Runs a region and returns the team size each member reported, indexed by member.
+std::vector<int> teamSeenByMembers()
+{
+    std::vector<std::atomic<int>> seen(16);
+    std::atomic<int> members{0};
+    runParallelRegion([&](int member, int teamSize) {
+        seen[member].store(teamSize);
+        members.fetch_add(1);
+    });
+    std::vector<int> out;
+    for (int i = 0; i < members.load(); ++i) out.push_back(seen[i].load());
+    return out;
+}
+
+}  // namespace
+
+TEST(ParallelRegion, TeamHasTheCoreThreadCount)
+{
+    const int initial = vekGetNumThreads();
+    for (int threads : {1, 2, 3}) {
+        vekSetNumThreads(threads);
+        EXPECT_EQ(teamSeenByMembers(), std::vector<int>(threads, threads)) << threads;
+    }
+    vekSetNumThreads(initial);
+}
+
+TEST(ParallelRegion, RunsSerialisedWhereTheRuntimeAllowsNoNewLevel)
+{
+    const int initial = vekGetNumThreads();
+    const int initialLevels = omp_get_max_active_levels();
+    vekSetNumThreads(2);
+    omp_set_max_active_levels(1);
+    std::vector<int> inner[2];
+#pragma omp parallel num_threads(2)
+    inner[omp_get_thread_num()] = teamSeenByMembers();
+    EXPECT_EQ(inner[0], std::vector<int>{1});
+    if (!inner[1].empty()) {
+        EXPECT_EQ(inner[1], std::vector<int>{1});
+    }
+    omp_set_max_active_levels(initialLevels);
+    vekSetNumThreads(initial);
+}

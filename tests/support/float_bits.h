@@ -1,0 +1,23 @@
+// Bit-level float helpers for exact comparisons in tests.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace vekr::test {
+
+inline uint32_t floatBits(float f)
+{
+    uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
+}
+
+inline float bitsToFloat(uint32_t u)
+{
+    float f;
+    std::memcpy(&f, &u, sizeof f);
+    return f;
+}
+
+}  // namespace vekr::test

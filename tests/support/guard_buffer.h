@@ -1,0 +1,51 @@
+// Buffers flush against inaccessible pages: any read or write past either end faults at once.
+#pragma once
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+
+namespace vekr::test {
+
+// count elements of T whose last element ends exactly where a PROT_NONE page begins; a second
+// PROT_NONE page lies before the region. With count 0 the data pointer is the guard page itself.
+template <class T>
+class GuardedArray {
+public:
+    explicit GuardedArray(size_t count) : count_(count)
+    {
+        const size_t page = size_t(sysconf(_SC_PAGESIZE));
+        const size_t bytes = count * sizeof(T);
+        dataPages_ = (bytes + page - 1) / page;
+        mapBytes_ = (dataPages_ + 2) * page;
+        void* map = mmap(nullptr, mapBytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (map == MAP_FAILED) throw std::runtime_error("mmap failed");
+        map_ = static_cast<char*>(map);
+        if (dataPages_ > 0 &&
+            mprotect(map_ + page, dataPages_ * page, PROT_READ | PROT_WRITE) != 0)
+            throw std::runtime_error("mprotect failed");
+        data_ = reinterpret_cast<T*>(map_ + page + dataPages_ * page - bytes);
+    }
+    ~GuardedArray() { munmap(map_, mapBytes_); }
+    GuardedArray(const GuardedArray&) = delete;
+    GuardedArray& operator=(const GuardedArray&) = delete;
+
+    T* data() { return data_; }
+    size_t size() const { return count_; }
+    T& operator[](size_t i) { return data_[i]; }
+
+    void copyFrom(const T* src) { std::memcpy(data_, src, count_ * sizeof(T)); }
+
+private:
+    size_t count_;
+    size_t dataPages_ = 0;
+    size_t mapBytes_ = 0;
+    char* map_ = nullptr;
+    T* data_ = nullptr;
+};
+
+}  // namespace vekr::test
