@@ -69,6 +69,12 @@ void expectSameBits(const float* actual, const std::vector<float>& expected, con
             << what << ", field " << i << ": " << actual[i] << " vs " << expected[size_t(i)];
 }
 
+std::string pathName(const ::testing::TestParamInfo<BoxFunction>& info)
+{
+    static const char* const kNames[] = {"Scalar", "Avx", "Api"};
+    return kNames[info.index];
+}
+
 class BoundBoxPaths : public ::testing::TestWithParam<BoxFunction> {};
 
 }  // namespace
@@ -112,10 +118,7 @@ TEST_P(BoundBoxPaths, SignedZerosGiveTheSameBoxAsAScan)
 
 INSTANTIATE_TEST_SUITE_P(Paths, BoundBoxPaths,
                          ::testing::Values(&boxThroughScalar, &boxThroughAvx, &boxThroughApi),
-                         [](const ::testing::TestParamInfo<BoxFunction>& info) {
-                             const char* names[] = {"Scalar", "Avx", "Api"};
-                             return std::string(names[info.index]);
-                         });
+                         pathName);
 
 TEST(BoundBox, NonPositiveCountGivesTheWidenedInvertedBox)
 {

@@ -38,7 +38,10 @@ public:
     size_t size() const { return count_; }
     T& operator[](size_t i) { return data_[i]; }
 
-    void copyFrom(const T* src) { std::memcpy(data_, src, count_ * sizeof(T)); }
+    void copyFrom(const T* src)
+    {
+        if (count_ > 0) std::memcpy(data_, src, count_ * sizeof(T));
+    }
 
 private:
     size_t count_;
