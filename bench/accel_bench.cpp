@@ -16,15 +16,16 @@ std::vector<float> randomCoordinates(size_t count, unsigned seed)
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> coord(-100.0f, 100.0f);
     std::vector<float> v(count);
-    for (float& x : v) x = coord(rng);
+    for (float& x : v)
+        x = coord(rng);
     return v;
 }
 
 void setVertexThroughput(benchmark::State& state, int vertexCount)
 {
     state.SetBytesProcessed(int64_t(state.iterations()) * vertexCount * 12);
-    state.counters["vertices/s"] = benchmark::Counter(
-        double(state.iterations()) * vertexCount, benchmark::Counter::kIsRate);
+    state.counters["vertices/s"] =
+        benchmark::Counter(double(state.iterations()) * vertexCount, benchmark::Counter::kIsRate);
 }
 
 void BM_SetBoundBox(benchmark::State& state)
@@ -83,20 +84,25 @@ void BM_TriangleAccelInit(benchmark::State& state)
     std::mt19937 rng(4);
     std::uniform_int_distribution<int> pick(0, vertexCount - 1);
     for (size_t t = 0; t < size_t(triangles); ++t)
-        for (int c = 0; c < 4; ++c) indices[t * 4 + c] = c < 3 ? pick(rng) : 0;
+        for (int c = 0; c < 4; ++c)
+            indices[t * 4 + c] = c < 3 ? pick(rng) : 0;
     std::vector<TriangleAccel> records(static_cast<size_t>(triangles));
     for (auto _ : state) {
         vekrTriangleAccelInit(records.data(), vertices.data(), indices.data(), triangles);
         benchmark::ClobberMemory();
     }
-    state.counters["triangles/s"] = benchmark::Counter(
-        double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
+    state.counters["triangles/s"] =
+        benchmark::Counter(double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
 }
 
 }  // namespace
 
 BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000);
-BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesScalar>)->RangeMultiplier(10)->Range(1'000, 1'000'000);
-BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesAvx>)->RangeMultiplier(10)->Range(1'000, 1'000'000);
+BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesScalar>)
+    ->RangeMultiplier(10)
+    ->Range(1'000, 1'000'000);
+BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesAvx>)
+    ->RangeMultiplier(10)
+    ->Range(1'000, 1'000'000);
 BENCHMARK(BM_StreamingRead)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
 BENCHMARK(BM_TriangleAccelInit)->RangeMultiplier(10)->Range(1'000, 1'000'000);

@@ -24,8 +24,8 @@ int main(void)
 
     BoundBox box;
     if (vekrSetBoundBox_32f(vertices, vertexCount, &box.minX) != StatusOk) return 1;
-    printf("box (%g, %g, %g) - (%g, %g, %g)\n", box.minX, box.minY, box.minZ, box.maxX,
-           box.maxY, box.maxZ);
+    printf("box (%g, %g, %g) - (%g, %g, %g)\n", box.minX, box.minY, box.minZ, box.maxX, box.maxY,
+           box.maxZ);
 
     KDTreeBuildParams params = {KDTreeBuildSimple, 0, 0.0f, 0, NULL};
     void* tree = NULL;

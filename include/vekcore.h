@@ -20,19 +20,19 @@ extern "C" {
  * processor has the feature and, for the vector register states, the operating system
  * saves those registers (XCR0), so the instructions are usable. */
 enum {
-    VekCpuSse = 0x1,             /* SSE */
-    VekCpuSse2 = 0x2,            /* SSE2 */
-    VekCpuSse3 = 0x4,            /* SSE3 */
-    VekCpuSsse3 = 0x8,           /* SSSE3 */
-    VekCpuAvx = 0x10,            /* AVX instructions (CPUID.1:ECX bit 28) */
-    VekCpuAvxOsState = 0x20,     /* OS saves the XMM and YMM registers (OSXSAVE, XCR0 bits 1-2) */
-    VekCpuSse41 = 0x40,          /* SSE4.1 */
-    VekCpuSse42 = 0x80,          /* SSE4.2 */
-    VekCpuFma = 0x100,           /* FMA3 */
-    VekCpuAvx2 = 0x200,          /* AVX2 */
-    VekCpuF16c = 0x400,          /* F16C half-float conversion */
-    VekCpuPopcnt = 0x800,        /* POPCNT */
-    VekCpuAvx512f = 0x1000       /* AVX-512 Foundation, with the OS saving the ZMM state */
+    VekCpuSse = 0x1,         /* SSE */
+    VekCpuSse2 = 0x2,        /* SSE2 */
+    VekCpuSse3 = 0x4,        /* SSE3 */
+    VekCpuSsse3 = 0x8,       /* SSSE3 */
+    VekCpuAvx = 0x10,        /* AVX instructions (CPUID.1:ECX bit 28) */
+    VekCpuAvxOsState = 0x20, /* OS saves the XMM and YMM registers (OSXSAVE, XCR0 bits 1-2) */
+    VekCpuSse41 = 0x40,      /* SSE4.1 */
+    VekCpuSse42 = 0x80,      /* SSE4.2 */
+    VekCpuFma = 0x100,       /* FMA3 */
+    VekCpuAvx2 = 0x200,      /* AVX2 */
+    VekCpuF16c = 0x400,      /* F16C half-float conversion */
+    VekCpuPopcnt = 0x800,    /* POPCNT */
+    VekCpuAvx512f = 0x1000   /* AVX-512 Foundation, with the OS saving the ZMM state */
 };
 
 /* Allocates size bytes aligned to 64 bytes; null when size is 0 or memory is short. */
@@ -51,7 +51,8 @@ VEKCORE_API int vekSetNumThreads(int threadCount);
 /* The thread count set by vekSetNumThreads; until it is called, the OpenMP runtime's maximum. */
 VEKCORE_API int vekGetNumThreads(void);
 
-/* The thread count for one parallel region of the libraries (the same value as vekGetNumThreads). */
+/* The thread count for one parallel region of the libraries (the same value as vekGetNumThreads).
+ */
 VEKCORE_API int ownGetNumThreads(void);
 
 /* Size in bytes of the largest data or unified cache of the processor, 0 when unknown. */
@@ -66,6 +67,9 @@ VEKCORE_API void vekFailNthAllocation(int n);
 
 /* Number of vekMalloc blocks not yet released by vekFree. */
 VEKCORE_API long long vekGetLiveAllocationCount(void);
+
+/* Size in bytes asked for by the most recent vekMalloc call (whether or not it succeeded). */
+VEKCORE_API size_t vekGetLastAllocationSize(void);
 
 #ifdef __cplusplus
 }

@@ -12,74 +12,74 @@ extern "C" {
 /* Result of every exported function but vekrGetLibVersion: 0 success, negative errors
  * (nothing written), positive warnings (the outputs are valid). */
 typedef enum Status {
-    StatusOk = 0,                     /* success */
-    StatusWarnNoOperation = 1,        /* completed; nothing to do, or a division by zero met */
-    StatusWarnVoiOutsideSource = 40,  /* the source box origin lies outside the source volume */
-    StatusBuildMismatch = -2,         /* a KD-tree build failed its partition consistency test */
-    StatusNoMemory = -4,              /* memory unavailable, or the build budget too small to start */
-    StatusBadArgument = -5,           /* an argument outside the set the function knows */
-    StatusBadSize = -6,               /* a count or size is negative, or zero where one is needed */
-    StatusOutOfRange = -7,            /* a spherical-harmonic order or band out of range */
-    StatusNullPointer = -8,           /* a required pointer is null */
-    StatusMemoryLimit = -9,           /* the KD-tree build ran out of its memory budget */
-    StatusBadParameter = -11,         /* a field of a parameter record is out of range */
-    StatusBadInterpolation = -22,     /* an unknown interpolation kind */
-    StatusBadScale = -23,             /* a scale factor that is zero or negative */
-    StatusBadChannels = -53,          /* an unsupported channel count */
-    StatusBadCoefficients = -56       /* an affine matrix with |determinant| below 1e-10 */
+    StatusOk = 0,                    /* success */
+    StatusWarnNoOperation = 1,       /* completed; nothing to do, or a division by zero met */
+    StatusWarnVoiOutsideSource = 40, /* the source box origin lies outside the source volume */
+    StatusBuildMismatch = -2,        /* a KD-tree build failed its partition consistency test */
+    StatusNoMemory = -4,          /* memory unavailable, or the build budget too small to start */
+    StatusBadArgument = -5,       /* an argument outside the set the function knows */
+    StatusBadSize = -6,           /* a count or size is negative, or zero where one is needed */
+    StatusOutOfRange = -7,        /* a spherical-harmonic order or band out of range */
+    StatusNullPointer = -8,       /* a required pointer is null */
+    StatusMemoryLimit = -9,       /* the KD-tree build ran out of its memory budget */
+    StatusBadParameter = -11,     /* a field of a parameter record is out of range */
+    StatusBadInterpolation = -22, /* an unknown interpolation kind */
+    StatusBadScale = -23,         /* a scale factor that is zero or negative */
+    StatusBadChannels = -53,      /* an unsupported channel count */
+    StatusBadCoefficients = -56   /* an affine matrix with |determinant| below 1e-10 */
 } Status;
 
 /* Version of the library build (static; never freed by the caller). */
 typedef struct LibVersion {
-    int32_t majorVersion;     /* major version number */
-    int32_t minorVersion;     /* minor version number */
-    int32_t updateNumber;     /* update within the minor version */
-    int32_t revision;         /* revision of the sources the library was built from */
-    char cpuTag[4];           /* processor variant, text padded with zero bytes ("AVX") */
-    const char* name;         /* library name with the processor variant in parentheses */
-    const char* versionText;  /* "major.minor.update (revision)" */
-    const char* buildDate;    /* build date: month abbreviation, day, year ("Nov 21 2026") */
+    int32_t majorVersion;    /* major version number */
+    int32_t minorVersion;    /* minor version number */
+    int32_t updateNumber;    /* update within the minor version */
+    int32_t revision;        /* revision of the sources the library was built from */
+    char cpuTag[4];          /* processor variant, text padded with zero bytes ("AVX") */
+    const char* name;        /* library name with the processor variant in parentheses */
+    const char* versionText; /* "major.minor.update (revision)" */
+    const char* buildDate;   /* build date: month abbreviation, day, year ("Nov 21 2026") */
 } LibVersion;
 
 /* Projected form of one triangle, read by the ray-triangle tests (40 bytes). p0, p1, p2 are
  * the triangle's vertices, e1 = p0 - p2, e2 = p1 - p2, n = e1 x e2, k the dominant axis of n,
  * u < v the other two, d = 1 / n[k], s = -1 for k = 1 and +1 otherwise. */
 typedef struct TriangleAccel {
-    uint32_t axes;  /* k << 4 | u << 2 | v; bit 31 when n lies along axis k; 0 if degenerate */
-    float nu;       /* n[u] * d (0 when bit 31 is set) */
-    float pk;       /* p2[k] */
-    float nv;       /* n[v] * d (0 when bit 31 is set) */
-    float pu;       /* p2[u] */
-    float pv;       /* p2[v] */
-    float e2u;      /* s * d * e2[u] */
-    float e2v;      /* s * d * e2[v] */
-    float e1u;      /* s * d * e1[u] */
-    float e1v;      /* s * d * e1[v] */
+    uint32_t axes; /* k << 4 | u << 2 | v; bit 31 when n lies along axis k; 0 if degenerate */
+    float nu;      /* n[u] * d (0 when bit 31 is set) */
+    float pk;      /* p2[k] */
+    float nv;      /* n[v] * d (0 when bit 31 is set) */
+    float pu;      /* p2[u] */
+    float pv;      /* p2[v] */
+    float e2u;     /* s * d * e2[u] */
+    float e2v;     /* s * d * e2[v] */
+    float e1u;     /* s * d * e1[u] */
+    float e1v;     /* s * d * e1[v] */
 } TriangleAccel;
 
 /* Axis-aligned scene box as six consecutive floats (the layout vekrSetBoundBox_32f writes). */
 typedef struct BoundBox {
-    float minX;  /* smallest x of the vertices minus the margin */
-    float minY;  /* smallest y minus the margin */
-    float minZ;  /* smallest z minus the margin */
-    float maxX;  /* largest x plus the margin */
-    float maxY;  /* largest y plus the margin */
-    float maxZ;  /* largest z plus the margin */
+    float minX; /* smallest x of the vertices minus the margin */
+    float minY; /* smallest y minus the margin */
+    float minZ; /* smallest z minus the margin */
+    float maxX; /* largest x plus the margin */
+    float maxY; /* largest y plus the margin */
+    float maxZ; /* largest z plus the margin */
 } BoundBox;
 
 /* KD-tree build methods, the values of KDTreeBuildParams.method. */
 enum {
-    KDTreeBuildSimple = 0x499D3DC2,  /* one leaf listing every triangle */
-    KDTreeBuildSah = 0x2D07705B      /* surface-area heuristic, at most maxDepth splits in all */
+    KDTreeBuildSimple = 0x499D3DC2, /* one leaf listing every triangle */
+    KDTreeBuildSah = 0x2D07705B     /* surface-area heuristic, at most maxDepth splits in all */
 };
 
 /* Parameters of vekrKDTreeBuildAlloc. The simple method reads only method and maxDepth. */
 typedef struct KDTreeBuildParams {
-    uint32_t method;         /* KDTreeBuildSimple or KDTreeBuildSah */
-    uint32_t maxDepth;       /* split limit of the tree, 0 to 50 */
-    float ratio;             /* 0 to 1: from cheap builds (0) to deep trees (1) */
-    uint32_t memoryLimitMB;  /* memory budget of the build in megabytes */
-    const float* pBoundBox;  /* optional scene box (six floats as in BoundBox), or null */
+    uint32_t method;        /* KDTreeBuildSimple or KDTreeBuildSah */
+    uint32_t maxDepth;      /* split limit of the tree, 0 to 50 */
+    float ratio;            /* 0 to 1: from cheap builds (0) to deep trees (1) */
+    uint32_t memoryLimitMB; /* memory budget of the build in megabytes */
+    const float* pBoundBox; /* optional scene box (six floats as in BoundBox), or null */
 } KDTreeBuildParams;
 
 /* The version record of this build; the same pointer on every call, never null. */

@@ -1,4 +1,5 @@
 // Entry functions of the acceleration structures: argument checks, then one kernel.
+#include <cstddef>
 #include <cstdint>
 
 #include "bound_box.h"
@@ -8,6 +9,15 @@
 #include "vekcore.h"
 
 using namespace vekr;
+
+// Callers fill these records by position as often as by name.
+static_assert(sizeof(BoundBox) == 24 && offsetof(BoundBox, minX) == 0 &&
+              offsetof(BoundBox, maxX) == 12 && offsetof(BoundBox, maxZ) == 20);
+static_assert(offsetof(KDTreeBuildParams, method) == 0 &&
+              offsetof(KDTreeBuildParams, maxDepth) == 4 &&
+              offsetof(KDTreeBuildParams, ratio) == 8 &&
+              offsetof(KDTreeBuildParams, memoryLimitMB) == 12 &&
+              offsetof(KDTreeBuildParams, pBoundBox) == 16);
 
 namespace {
 
@@ -52,18 +62,18 @@ Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
     if (pParams == nullptr) return StatusNullPointer;
 
     switch (pParams->method) {
-    case KDTreeBuildSimple:
-        if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
-        return accel::buildKdTreeSimple(triangleCount, ppTree, pTreeSize);
-    case KDTreeBuildSah:
-        if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
-        // Ordered comparisons: a NaN ratio passes both.
-        if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
-        if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
-        // The surface-area-heuristic builder is not part of this library yet.
-        return StatusBadArgument;
-    default:
-        return StatusBadArgument;
+        case KDTreeBuildSimple:
+            if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
+            return accel::buildKdTreeSimple(triangleCount, ppTree, pTreeSize);
+        case KDTreeBuildSah:
+            if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
+            // Ordered comparisons: a NaN ratio passes both.
+            if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
+            if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
+            // The surface-area-heuristic builder is not part of this library yet.
+            return StatusBadArgument;
+        default:
+            return StatusBadArgument;
     }
 }
 

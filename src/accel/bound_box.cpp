@@ -22,11 +22,18 @@ void reduceLanes(__m256 a, __m256 b, __m256 c, float out[3], Keep keep)
     _mm256_store_ps(lanes, a);
     _mm256_store_ps(lanes + 8, b);
     _mm256_store_ps(lanes + 16, c);
-    for (int i = 0; i < 24; ++i) out[i % 3] = keep(lanes[i], out[i % 3]);
+    for (int i = 0; i < 24; ++i)
+        out[i % 3] = keep(lanes[i], out[i % 3]);
 }
 
-inline float keepSmaller(float value, float running) { return value < running ? value : running; }
-inline float keepLarger(float value, float running) { return value > running ? value : running; }
+inline float keepSmaller(float value, float running)
+{
+    return value < running ? value : running;
+}
+inline float keepLarger(float value, float running)
+{
+    return value > running ? value : running;
+}
 
 }  // namespace
 

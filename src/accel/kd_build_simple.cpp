@@ -22,7 +22,8 @@ Status buildKdTreeSimple(int triangleCount, void** ppTree, int* pTreeSize)
     nodes[0] = encodeListLeaf(kRootAreaBytes, triangleCount);
     nodes[1] = KdNode{0, 0};
     auto* list = reinterpret_cast<int32_t*>(nodes + 2);
-    for (int32_t i = 0; i < triangleCount; ++i) list[i] = i;
+    for (int32_t i = 0; i < triangleCount; ++i)
+        list[i] = i;
 
     *ppTree = block.release();
     *pTreeSize = int(size);

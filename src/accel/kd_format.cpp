@@ -9,34 +9,37 @@ bool encodeCompactLeaf(const int32_t* indices, int count, KdNode& out)
     for (int i = 0; i < count; ++i)
         if (indices[i] < 0) return false;
     switch (count) {
-    case 1:
-        out = KdNode{int32_t(kCompactFlag | uint32_t(indices[0])), kCompactFlag | 1u};
-        return true;
-    case 2: {
-        // The index below the base limit goes into word 1, the first one if both qualify.
-        int inWord1;
-        if (uint32_t(indices[0]) < kCompactBaseLimit) inWord1 = 0;
-        else if (uint32_t(indices[1]) < kCompactBaseLimit) inWord1 = 1;
-        else return false;
-        const uint32_t base = uint32_t(indices[inWord1]);
-        const uint32_t other = uint32_t(indices[1 - inWord1]);
-        out = KdNode{int32_t(kCompactFlag | other), kCompactFlag | base << 2 | 2u};
-        return true;
-    }
-    case 3: {
-        int32_t sorted[3] = {indices[0], indices[1], indices[2]};
-        std::sort(sorted, sorted + 3);
-        const int32_t lowSpread = sorted[1] - sorted[0];
-        const int32_t highSpread = sorted[2] - sorted[1];
-        if (uint32_t(sorted[1]) >= kCompactBaseLimit || lowSpread >= kCompactLowSpreadLimit ||
-            highSpread >= kCompactHighSpreadLimit)
+        case 1:
+            out = KdNode{int32_t(kCompactFlag | uint32_t(indices[0])), kCompactFlag | 1u};
+            return true;
+        case 2: {
+            // The index below the base limit goes into word 1, the first one if both qualify.
+            int inWord1;
+            if (uint32_t(indices[0]) < kCompactBaseLimit)
+                inWord1 = 0;
+            else if (uint32_t(indices[1]) < kCompactBaseLimit)
+                inWord1 = 1;
+            else
+                return false;
+            const uint32_t base = uint32_t(indices[inWord1]);
+            const uint32_t other = uint32_t(indices[1 - inWord1]);
+            out = KdNode{int32_t(kCompactFlag | other), kCompactFlag | base << 2 | 2u};
+            return true;
+        }
+        case 3: {
+            int32_t sorted[3] = {indices[0], indices[1], indices[2]};
+            std::sort(sorted, sorted + 3);
+            const int32_t lowSpread = sorted[1] - sorted[0];
+            const int32_t highSpread = sorted[2] - sorted[1];
+            if (uint32_t(sorted[1]) >= kCompactBaseLimit || lowSpread >= kCompactLowSpreadLimit ||
+                highSpread >= kCompactHighSpreadLimit)
+                return false;
+            out = KdNode{int32_t(kCompactFlag | uint32_t(lowSpread) << 16 | uint32_t(highSpread)),
+                         kCompactFlag | uint32_t(sorted[1]) << 2 | 3u};
+            return true;
+        }
+        default:
             return false;
-        out = KdNode{int32_t(kCompactFlag | uint32_t(lowSpread) << 16 | uint32_t(highSpread)),
-                     kCompactFlag | uint32_t(sorted[1]) << 2 | 3u};
-        return true;
-    }
-    default:
-        return false;
     }
 }
 
@@ -50,8 +53,8 @@ LeafTriangles decodeLeaf(const KdNode* node)
         if (leaf.count > 0) {
             // The list lies |word 0| bytes after the node; the low two bits are not distance.
             const int32_t distance = int32_t(word0 & ~3u);
-            leaf.list = reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(node) -
-                                                         distance);
+            leaf.list =
+                reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(node) - distance);
         }
         return leaf;
     }
@@ -59,18 +62,18 @@ LeafTriangles decodeLeaf(const KdNode* node)
     const int32_t base = int32_t((word1 & ~kCompactFlag) >> 2);
     const int32_t low31 = int32_t(word0 & ~kCompactFlag);
     switch (leaf.count) {
-    case 1:
-        leaf.inlineIndices[0] = low31;
-        break;
-    case 2:
-        leaf.inlineIndices[0] = base;
-        leaf.inlineIndices[1] = low31;
-        break;
-    default:
-        leaf.inlineIndices[0] = base - (low31 >> 16);
-        leaf.inlineIndices[1] = base;
-        leaf.inlineIndices[2] = base + (low31 & 0xFFFF);
-        break;
+        case 1:
+            leaf.inlineIndices[0] = low31;
+            break;
+        case 2:
+            leaf.inlineIndices[0] = base;
+            leaf.inlineIndices[1] = low31;
+            break;
+        default:
+            leaf.inlineIndices[0] = base - (low31 >> 16);
+            leaf.inlineIndices[1] = base;
+            leaf.inlineIndices[2] = base + (low31 & 0xFFFF);
+            break;
     }
     return leaf;
 }

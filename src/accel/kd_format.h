@@ -23,14 +23,17 @@ struct KdNode {
 static_assert(sizeof(KdNode) == 8);
 
 constexpr int kNodeBytes = 8;
-constexpr int kRootAreaBytes = 16;           // the root and the 8 zero bytes after it
-constexpr int kMaxInnerNodesOnPath = 50;     // the traversal's fixed stack relies on it
+constexpr int kRootAreaBytes = 16;        // the root and the 8 zero bytes after it
+constexpr int kMaxInnerNodesOnPath = 50;  // the traversal's fixed stack relies on it
 constexpr uint32_t kCompactFlag = 0x80000000u;
 constexpr uint32_t kCompactBaseLimit = 0x20000000u;  // base index must fit bits 2-30 of word 1
 constexpr int32_t kCompactLowSpreadLimit = 32768;    // mid - lo in bits 16-30 of word 0
 constexpr int32_t kCompactHighSpreadLimit = 65536;   // hi - mid in bits 0-15 of word 0
 
-inline bool isLeaf(const KdNode& node) { return node.word0 < 0; }
+inline bool isLeaf(const KdNode& node)
+{
+    return node.word0 < 0;
+}
 
 // --- Inner nodes -------------------------------------------------------------------------
 
@@ -40,8 +43,14 @@ inline KdNode encodeInner(int32_t childPairOffsetBytes, int axis, float split)
     std::memcpy(&splitBits, &split, sizeof splitBits);
     return KdNode{childPairOffsetBytes | axis, splitBits};
 }
-inline int innerAxis(const KdNode& node) { return node.word0 & 3; }
-inline int32_t innerChildOffset(const KdNode& node) { return node.word0 & ~7; }
+inline int innerAxis(const KdNode& node)
+{
+    return node.word0 & 3;
+}
+inline int32_t innerChildOffset(const KdNode& node)
+{
+    return node.word0 & ~7;
+}
 inline float innerSplit(const KdNode& node)
 {
     float split;
@@ -74,7 +83,10 @@ struct LeafTriangles {
     int32_t operator[](int i) const { return list ? list[i] : inlineIndices[i]; }
 };
 
-inline bool isCompactLeaf(const KdNode& node) { return (node.word1 & kCompactFlag) != 0; }
+inline bool isCompactLeaf(const KdNode& node)
+{
+    return (node.word1 & kCompactFlag) != 0;
+}
 
 LeafTriangles decodeLeaf(const KdNode* node);
 

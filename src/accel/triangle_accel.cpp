@@ -23,9 +23,12 @@ DominantAxes chooseDominantAxes(const double n[3])
     int k = std::fabs(n[1]) > std::fabs(n[0]) ? 1 : 0;
     if (std::fabs(n[2]) > std::fabs(n[k])) k = 2;
     switch (k) {
-    case 0: return {0, 1, 2};
-    case 1: return {1, 0, 2};
-    default: return {2, 0, 1};
+        case 0:
+            return {0, 1, 2};
+        case 1:
+            return {1, 0, 2};
+        default:
+            return {2, 0, 1};
     }
 }
 

@@ -44,8 +44,8 @@ unsigned long long detectCpuFeatures()
 
     const bool osxsave = (l1.ecx & (1u << 27)) != 0;
     const uint64_t xcr0 = osxsave ? readXcr0() : 0;
-    const bool ymmSaved = (xcr0 & 0x6) == 0x6;          // XMM and YMM upper halves
-    const bool zmmSaved = (xcr0 & 0xE6) == 0xE6;        // plus opmask and both ZMM ranges
+    const bool ymmSaved = (xcr0 & 0x6) == 0x6;    // XMM and YMM upper halves
+    const bool zmmSaved = (xcr0 & 0xE6) == 0xE6;  // plus opmask and both ZMM ranges
     if (l1.ecx & (1u << 28)) bits |= VekCpuAvx;
     if (ymmSaved) bits |= VekCpuAvxOsState;
     if (ymmSaved && (l1.ecx & (1u << 12))) bits |= VekCpuFma;

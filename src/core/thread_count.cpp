@@ -7,7 +7,7 @@
 
 namespace {
 
-std::atomic<int> gThreadCount{0};   // 0: not set, follow the OpenMP runtime
+std::atomic<int> gThreadCount{0};  // 0: not set, follow the OpenMP runtime
 
 }  // namespace
 

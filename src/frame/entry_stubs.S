@@ -21,6 +21,7 @@ name:                                   \
     .size name, . - name;               \
     .set .Lslot, .Lslot + VEKR_SLOT_BYTES;
 
+    .hidden vekrEntryTable
     .text
     .set .Lslot, 0
 #include "entry_list.h"

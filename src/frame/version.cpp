@@ -1,6 +1,7 @@
 // The version record. Numbers come from the build (project version and source revision);
 // the date is the compiler's __DATE__ with the padding blank of one-digit days removed.
 #include <array>
+#include <cstddef>
 
 #include "entry_points.h"
 
@@ -10,6 +11,12 @@
 
 #define VEKR_STR_(x) #x
 #define VEKR_STR(x) VEKR_STR_(x)
+
+// Four ints, the 4-byte tag, then the text pointers from byte 20 rounded up to their alignment.
+constexpr size_t kFirstTextOffset =
+    (20 + alignof(const char*) - 1) / alignof(const char*) * alignof(const char*);
+static_assert(offsetof(LibVersion, revision) == 12 && offsetof(LibVersion, cpuTag) == 16 &&
+              offsetof(LibVersion, name) == kFirstTextOffset);
 
 namespace vekr::frame {
 namespace {

@@ -16,7 +16,7 @@ namespace {
 
 struct Mesh {
     std::vector<float> vertices;
-    std::vector<int> triangles;   // four ints per triangle
+    std::vector<int> triangles;  // four ints per triangle
     int triangleCount() const { return int(triangles.size() / 4); }
     const float* vertex(int tri, int corner) const
     {
@@ -30,12 +30,15 @@ Mesh randomMesh(int triangleCount, unsigned seed)
     std::uniform_real_distribution<float> coord(-50.0f, 50.0f);
     Mesh m;
     const int vertexCount = triangleCount + 2;
-    for (int i = 0; i < vertexCount * 3; ++i) m.vertices.push_back(coord(rng));
+    for (int i = 0; i < vertexCount * 3; ++i)
+        m.vertices.push_back(coord(rng));
     std::uniform_int_distribution<int> pick(0, vertexCount - 1);
     for (int t = 0; t < triangleCount; ++t) {
         int a = pick(rng), b = pick(rng), c = pick(rng);
-        while (b == a) b = pick(rng);
-        while (c == a || c == b) c = pick(rng);
+        while (b == a)
+            b = pick(rng);
+        while (c == a || c == b)
+            c = pick(rng);
         m.triangles.insert(m.triangles.end(), {a, b, c, 7 * t});
     }
     return m;
@@ -61,7 +64,8 @@ void expectNearFloat(float actual, long double reference, long double scale, con
                      int tri)
 {
     const long double tolerance = 4 * 1.1920929e-7L * (std::fabs(reference) + 1e-6L * scale);
-    EXPECT_NEAR(double(actual), double(reference), double(tolerance)) << what << ", triangle " << tri;
+    EXPECT_NEAR(double(actual), double(reference), double(tolerance))
+        << what << ", triangle " << tri;
 }
 
 }  // namespace
@@ -83,7 +87,8 @@ TEST(TriangleAccel, FieldsMatchLongDoubleGeometry)
     for (int t = 0; t < m.triangleCount(); ++t) {
         long double p[3][3];
         for (int c = 0; c < 3; ++c)
-            for (int a = 0; a < 3; ++a) p[c][a] = m.vertex(t, c)[a];
+            for (int a = 0; a < 3; ++a)
+                p[c][a] = m.vertex(t, c)[a];
         long double e1[3], e2[3];
         for (int a = 0; a < 3; ++a) {
             e1[a] = p[0][a] - p[2][a];
@@ -127,8 +132,8 @@ TEST(TriangleAccel, ReconstructsBarycentricWeightsOfPointsInTheTriangle)
             if (a + b > 1) a = 1 - a, b = 1 - b;
             double q[3];
             for (int x = 0; x < 3; ++x)
-                q[x] = a * m.vertex(t, 0)[x] + b * m.vertex(t, 1)[x] +
-                       (1 - a - b) * m.vertex(t, 2)[x];
+                q[x] =
+                    a * m.vertex(t, 0)[x] + b * m.vertex(t, 1)[x] + (1 - a - b) * m.vertex(t, 2)[x];
             // The point lies in the record's plane.
             const double lhs = q[k] + double(r.nu) * q[u] + double(r.nv) * q[v];
             const double rhs = double(r.pk) + double(r.nu) * r.pu + double(r.nv) * r.pv;
@@ -137,8 +142,8 @@ TEST(TriangleAccel, ReconstructsBarycentricWeightsOfPointsInTheTriangle)
             const double wu = q[u] - r.pu, wv = q[v] - r.pv;
             const double w0 = wu * r.e2v - wv * r.e2u;
             const double w1 = wv * r.e1u - wu * r.e1v;
-            const double conditioning = 100 * (std::fabs(r.e2u) + std::fabs(r.e2v) +
-                                               std::fabs(r.e1u) + std::fabs(r.e1v));
+            const double conditioning =
+                100 * (std::fabs(r.e2u) + std::fabs(r.e2v) + std::fabs(r.e1u) + std::fabs(r.e1v));
             EXPECT_NEAR(w0, a, 1e-6 * conditioning + 1e-6) << "triangle " << t;
             EXPECT_NEAR(w1, b, 1e-6 * conditioning + 1e-6) << "triangle " << t;
         }
@@ -176,19 +181,31 @@ TEST(TriangleAccel, DominantAxisTiesGoToTheLowerAxis)
 TEST(TriangleAccel, DegenerateTrianglesGiveZeroRecords)
 {
     const TriangleAccel zero{};
-    for (const TriangleAccel& r : {recordOf({1, 2, 3}, {1, 2, 3}, {4, 5, 6}),
-                                   recordOf({0, 0, 0}, {1, 1, 1}, {2, 2, 2}),
-                                   recordOf({7, 7, 7}, {7, 7, 7}, {7, 7, 7})})
+    for (const TriangleAccel& r :
+         {recordOf({1, 2, 3}, {1, 2, 3}, {4, 5, 6}), recordOf({0, 0, 0}, {1, 1, 1}, {2, 2, 2}),
+          recordOf({7, 7, 7}, {7, 7, 7}, {7, 7, 7})})
         EXPECT_EQ(std::memcmp(&r, &zero, sizeof zero), 0);
 }
 
-TEST(TriangleAccel, OneNegligibleMinorComponentKeepsTheRatios)
+TEST(TriangleAccel, AxisAlignedOnlyWhenBothMinorComponentsAreBelowDoubleEpsilon)
 {
-    // n = (0, tiny, 1) * c: only n.x is below the epsilon, so bit 31 stays clear.
-    const TriangleAccel r = recordOf({0, 0, 0}, {1, 0, 0}, {0, 1, -1e-3f});
-    EXPECT_EQ(r.axes, 2u << 4 | 0u << 2 | 1u);
-    EXPECT_EQ(r.nu, 0.0f);
-    EXPECT_NE(r.nv, 0.0f);
+    // p0 = (1, 0, s), p1 = (0, 1, s), p2 = 0 give n = (-s, -s, 1): both minor components are
+    // below 2.22e-16 for s = 1e-16 and above it for s = 1e-15.
+    const TriangleAccel flat = recordOf({1, 0, 1e-16f}, {0, 1, 1e-16f}, {0, 0, 0});
+    EXPECT_EQ(flat.axes, kAxisAlignedFlag | 2u << 4 | 0u << 2 | 1u);
+    EXPECT_EQ(floatBits(flat.nu), 0u);
+    EXPECT_EQ(floatBits(flat.nv), 0u);
+
+    const TriangleAccel tilted = recordOf({1, 0, 1e-15f}, {0, 1, 1e-15f}, {0, 0, 0});
+    EXPECT_EQ(tilted.axes, 2u << 4 | 0u << 2 | 1u);
+    EXPECT_EQ(tilted.nu, float(-double(1e-15f)));
+    EXPECT_EQ(tilted.nv, float(-double(1e-15f)));
+
+    // n = (0, c, 1): only n.x is negligible, so bit 31 stays clear and the ratios are kept.
+    const TriangleAccel one = recordOf({0, 0, 0}, {1, 0, 0}, {0, 1, -1e-3f});
+    EXPECT_EQ(one.axes, 2u << 4 | 0u << 2 | 1u);
+    EXPECT_EQ(one.nu, 0.0f);
+    EXPECT_NE(one.nv, 0.0f);
 }
 
 TEST(TriangleAccel, NonPositiveCountWritesNothing)

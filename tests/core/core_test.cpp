@@ -16,11 +16,12 @@ TEST(CoreAlloc, BlocksAre64ByteAlignedAndCounted)
         void* p = vekMalloc(size);
         ASSERT_NE(p, nullptr) << "size " << size;
         EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 64, 0u) << "size " << size;
-        static_cast<unsigned char*>(p)[size - 1] = 1;   // the whole block is usable
+        static_cast<unsigned char*>(p)[size - 1] = 1;  // the whole block is usable
         blocks.push_back(p);
     }
     EXPECT_EQ(vekGetLiveAllocationCount(), liveBefore + static_cast<long long>(blocks.size()));
-    for (void* p : blocks) vekFree(p);
+    for (void* p : blocks)
+        vekFree(p);
     vekFree(nullptr);
     EXPECT_EQ(vekGetLiveAllocationCount(), liveBefore);
     EXPECT_EQ(vekMalloc(0), nullptr);
@@ -37,10 +38,11 @@ TEST(CoreAlloc, FailsExactlyTheNthCallThenRecovers)
     EXPECT_NE(second, nullptr);
     EXPECT_EQ(third, nullptr);
     EXPECT_NE(fourth, nullptr);
-    for (void* p : {first, second, fourth}) vekFree(p);
+    for (void* p : {first, second, fourth})
+        vekFree(p);
 
     vekFailNthAllocation(1);
-    vekFailNthAllocation(0);   // disarmed before it fired
+    vekFailNthAllocation(0);  // disarmed before it fired
     void* p = vekMalloc(16);
     EXPECT_NE(p, nullptr);
     vekFree(p);

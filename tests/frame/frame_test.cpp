@@ -4,18 +4,11 @@
 #include <atomic>
 #include <vector>
 
-#include "frame/attach.h"
 #include "frame/parallel_region.h"
 #include "frame/scratch.h"
 #include "vekcore.h"
 
 using namespace vekr::frame;
-
-TEST(Attach, FlagFollowsAvxAndOsStateBits)
-{
-    const unsigned long long bits = vekGetEnabledCpuFeatures();
-    EXPECT_EQ(processorAvxFlag(), (bits & 0x10) != 0 && (bits & 0x20) != 0);
-}
 
 TEST(Scratch, CountBelowOneNeverReachesTheAllocator)
 {
@@ -55,7 +48,8 @@ std::vector<int> teamSeenByMembers()
         members.fetch_add(1);
     });
     std::vector<int> out;
-    for (int i = 0; i < members.load(); ++i) out.push_back(seen[i].load());
+    for (int i = 0; i < members.load(); ++i)
+        out.push_back(seen[i].load());
     return out;
 }
 

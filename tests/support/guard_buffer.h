@@ -11,12 +11,16 @@
 
 namespace vekr::test {
 
-// count elements of T whose last element ends exactly where a PROT_NONE page begins; a second
-// PROT_NONE page lies before the region. With count 0 the data pointer is the guard page itself.
+// Which end of the array touches its guard page. The other end has up to a page of slack, so
+// a test runs both to catch an access past either end.
+enum class FlushEnd { Back, Front };
+
+// count elements of T between two PROT_NONE pages, flush against the chosen one. With count 0
+// the data pointer is the guard page itself.
 template <class T>
 class GuardedArray {
 public:
-    explicit GuardedArray(size_t count) : count_(count)
+    explicit GuardedArray(size_t count, FlushEnd flush = FlushEnd::Back) : count_(count)
     {
         const size_t page = size_t(sysconf(_SC_PAGESIZE));
         const size_t bytes = count * sizeof(T);
@@ -25,10 +29,11 @@ public:
         void* map = mmap(nullptr, mapBytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (map == MAP_FAILED) throw std::runtime_error("mmap failed");
         map_ = static_cast<char*>(map);
-        if (dataPages_ > 0 &&
-            mprotect(map_ + page, dataPages_ * page, PROT_READ | PROT_WRITE) != 0)
+        if (dataPages_ > 0 && mprotect(map_ + page, dataPages_ * page, PROT_READ | PROT_WRITE) != 0)
             throw std::runtime_error("mprotect failed");
-        data_ = reinterpret_cast<T*>(map_ + page + dataPages_ * page - bytes);
+        data_ = flush == FlushEnd::Front
+                    ? reinterpret_cast<T*>(map_ + page)
+                    : reinterpret_cast<T*>(map_ + page + dataPages_ * page - bytes);
     }
     ~GuardedArray() { munmap(map_, mapBytes_); }
     GuardedArray(const GuardedArray&) = delete;
