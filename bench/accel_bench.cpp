@@ -97,7 +97,7 @@ void BM_TriangleAccelInit(benchmark::State& state)
 
 }  // namespace
 
-BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000);
+BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
 BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesScalar>)
     ->RangeMultiplier(10)
     ->Range(1'000, 1'000'000);
