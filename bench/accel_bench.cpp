@@ -95,6 +95,25 @@ void BM_TriangleAccelInit(benchmark::State& state)
         benchmark::Counter(double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
 }
 
+// The simple build writes one list of every triangle: bytes of tree written per second.
+void BM_KDTreeBuildSimple(benchmark::State& state)
+{
+    const int triangles = int(state.range(0));
+    const float vertex[3] = {0, 0, 0};
+    const int triangle[4] = {0, 0, 0, 0};
+    const KDTreeBuildParams params{KDTreeBuildSimple, 0, 0.0f, 0, nullptr};
+    for (auto _ : state) {
+        void* tree = nullptr;
+        int treeSize = 0;
+        vekrKDTreeBuildAlloc(&tree, vertex, triangle, 1, triangles, &treeSize, &params);
+        benchmark::DoNotOptimize(tree);
+        vekrKDTreeFree(tree);
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * (int64_t(triangles) * 4 + 16));
+    state.counters["triangles/s"] =
+        benchmark::Counter(double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
+}
+
 }  // namespace
 
 BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
@@ -106,3 +125,4 @@ BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesAvx>)
     ->Range(1'000, 1'000'000);
 BENCHMARK(BM_StreamingRead)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
 BENCHMARK(BM_TriangleAccelInit)->RangeMultiplier(10)->Range(1'000, 1'000'000);
+BENCHMARK(BM_KDTreeBuildSimple)->RangeMultiplier(10)->Range(1'000, 1'000'000);

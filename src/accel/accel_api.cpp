@@ -5,6 +5,7 @@
 #include "bound_box.h"
 #include "frame/entry_points.h"
 #include "kd_build_simple.h"
+#include "kd_format.h"
 #include "triangle_accel.h"
 #include "vekcore.h"
 
@@ -21,7 +22,6 @@ static_assert(offsetof(KDTreeBuildParams, method) == 0 &&
 
 namespace {
 
-constexpr uint32_t kMaxSplitLimit = 50;
 // The budget check compares half the byte count (MB * 2^19, wrapping in 32 bits) with 16 MiB.
 constexpr uint32_t kMinHalfBudgetBytes = 0x1000000;
 
@@ -61,20 +61,18 @@ Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
     if (vertexCount < 0 || triangleCount < 0) return StatusBadSize;
     if (pParams == nullptr) return StatusNullPointer;
 
-    switch (pParams->method) {
-        case KDTreeBuildSimple:
-            if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
-            return accel::buildKdTreeSimple(triangleCount, ppTree, pTreeSize);
-        case KDTreeBuildSah:
-            if (pParams->maxDepth > kMaxSplitLimit) return StatusBadParameter;
-            // Ordered comparisons: a NaN ratio passes both.
-            if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
-            if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
-            // The surface-area-heuristic builder is not part of this library yet.
-            return StatusBadArgument;
-        default:
-            return StatusBadArgument;
-    }
+    const uint32_t method = pParams->method;
+    if (method != KDTreeBuildSimple && method != KDTreeBuildSah) return StatusBadArgument;
+    // Unsigned, so a negative depth is refused too. The simple method checks it as well.
+    if (pParams->maxDepth > uint32_t(accel::kMaxInnerNodesOnPath)) return StatusBadParameter;
+    if (method == KDTreeBuildSimple)
+        return accel::buildKdTreeSimple(triangleCount, ppTree, pTreeSize);
+
+    // Ordered comparisons: a NaN ratio passes both.
+    if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
+    if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
+    // The surface-area-heuristic builder is not part of this library yet.
+    return StatusBadArgument;
 }
 
 // Hands the block to the core allocator and nothing else; null is passed on as it is.

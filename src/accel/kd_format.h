@@ -20,9 +20,9 @@ struct KdNode {
     int32_t word0;   // inner: offsetAxis; leaf: bit 31 set, then list distance or inline index
     uint32_t word1;  // inner: split (float bits); leaf: count or compact form
 };
-static_assert(sizeof(KdNode) == 8);
-
 constexpr int kNodeBytes = 8;
+static_assert(sizeof(KdNode) == kNodeBytes);
+
 constexpr int kRootAreaBytes = 16;        // the root and the 8 zero bytes after it
 constexpr int kMaxInnerNodesOnPath = 50;  // the traversal's fixed stack relies on it
 constexpr uint32_t kCompactFlag = 0x80000000u;

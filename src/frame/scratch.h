@@ -28,11 +28,9 @@ public:
     ~ScratchArray() { vekFree(data_); }
     ScratchArray(const ScratchArray&) = delete;
     ScratchArray& operator=(const ScratchArray&) = delete;
-    ScratchArray(ScratchArray&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
 
     explicit operator bool() const { return data_ != nullptr; }
     T* get() const { return data_; }
-    T& operator[](std::ptrdiff_t i) const { return data_[i]; }
     T* release() { return std::exchange(data_, nullptr); }
 
 private:

@@ -41,7 +41,6 @@ public:
 
     T* data() { return data_; }
     size_t size() const { return count_; }
-    T& operator[](size_t i) { return data_[i]; }
 
     void copyFrom(const T* src)
     {
