@@ -82,6 +82,19 @@ typedef struct KDTreeBuildParams {
     const float* pBoundBox; /* optional scene box (six floats as in BoundBox), or null */
 } KDTreeBuildParams;
 
+/* What the intersection functions need of one object: its box, its records and its tree. */
+typedef struct IntersectContext {
+    const float* boundBox;              /* six floats: min x, y, z, max x, y, z (BoundBox) */
+    const TriangleAccel* triangleAccel; /* one record per triangle, by triangle number */
+    const void* rootNode;               /* the tree block of vekrKDTreeBuildAlloc (its root) */
+} IntersectContext;
+
+/* Width and height of a block of pixels or rays, in elements. */
+typedef struct Size2D {
+    int32_t width;  /* elements per row */
+    int32_t height; /* rows */
+} Size2D;
+
 /* The version record of this build; the same pointer on every call, never null. */
 const LibVersion* vekrGetLibVersion(void);
 
@@ -102,6 +115,47 @@ Status vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord, const int*
 
 /* Releases a tree made by vekrKDTreeBuildAlloc; a null pointer is ignored. */
 Status vekrKDTreeFree(void* pTree);
+
+/* --- Rays and intersection ------------------------------------------------------------ */
+
+/* Writes the eye-ray directions of block (blockX, blockY) of an image plane into three planes
+ * of blockSize.width * blockSize.height floats: planeOrigin + stepX * column + stepY * row. */
+Status vekrCastEye_32f(const float planeOrigin[3], const float stepX[3], const float stepY[3],
+                       int blockX, int blockY, Size2D cellSize, float* const direction[3],
+                       Size2D blockSize);
+
+/* Nearest hit of every ray of a width x height block sharing one origin: writes dist, the
+ * weights of the first two vertices and the triangle index (-1 for a miss); checks nothing. */
+Status vekrIntersectEyeSO_32f(const float origin[3], const float* const direction[3],
+                              float* dist, float* const hitUV[2], int32_t* triIndex,
+                              const IntersectContext* context, int width, int height);
+
+/* Writes origin + direction * dist * eps for count rays sharing one origin; rays whose mask
+ * word is -1 get (0, 0, 0) (a full group of eight masked rays gets its points). */
+Status vekrHitPoint3DEpsS0_32f_M(const float origin[3], const float* const direction[3],
+                                 const float* dist, const int32_t* mask,
+                                 float* const hitPoint[3], int count, float eps);
+
+/* As vekrHitPoint3DEpsS0_32f_M for rays with one origin each (three origin planes). */
+Status vekrHitPoint3DEpsM0_32f_M(const float* const origin[3], const float* const direction[3],
+                                 const float* dist, const int32_t* mask,
+                                 float* const hitPoint[3], int count, float eps);
+
+/* --- Shading ------------------------------------------------------------------------------ */
+
+/* Writes the unit normal of every triangle (three floats each; zero for degenerate ones). */
+Status vekrTriangleNormal_32f(const float* vertices, const int* triangleIndices,
+                              float* triangleNormals, int triangleCount);
+
+/* Writes the normal of each ray's hit triangle into three planes; (0, 0, 0) for a miss. */
+Status vekrSurfFlatNormal_32f(const float* triangleNormals, const int* hitTriangles,
+                              float* const normals[3], int rayCount);
+
+/* Writes the vertex normals interpolated at each ray's hit, renormalised; (0, 0, 0) for a
+ * miss or a normal that cancels. */
+Status vekrSurfSmoothNormal_32f(const float* vertexNormals, const int* normalIndices,
+                                const int* hitTriangles, const float* const hitUV[2],
+                                float* const normals[3], int rayCount, int indexStep);
 
 #ifdef __cplusplus
 }
