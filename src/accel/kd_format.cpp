@@ -43,39 +43,4 @@ bool encodeCompactLeaf(const int32_t* indices, int count, KdNode& out)
     }
 }
 
-LeafTriangles decodeLeaf(const KdNode* node)
-{
-    LeafTriangles leaf;
-    const uint32_t word0 = uint32_t(node->word0);
-    const uint32_t word1 = node->word1;
-    if (!isCompactLeaf(*node)) {
-        leaf.count = int(word1);
-        if (leaf.count > 0) {
-            // The list lies |word 0| bytes after the node; the low two bits are not distance.
-            const int32_t distance = int32_t(word0 & ~3u);
-            leaf.list =
-                reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(node) - distance);
-        }
-        return leaf;
-    }
-    leaf.count = int(word1 & 3);
-    const int32_t base = int32_t((word1 & ~kCompactFlag) >> 2);
-    const int32_t low31 = int32_t(word0 & ~kCompactFlag);
-    switch (leaf.count) {
-        case 1:
-            leaf.inlineIndices[0] = low31;
-            break;
-        case 2:
-            leaf.inlineIndices[0] = base;
-            leaf.inlineIndices[1] = low31;
-            break;
-        default:
-            leaf.inlineIndices[0] = base - (low31 >> 16);
-            leaf.inlineIndices[1] = base;
-            leaf.inlineIndices[2] = base + (low31 & 0xFFFF);
-            break;
-    }
-    return leaf;
-}
-
 }  // namespace vekr::accel

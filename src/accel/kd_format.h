@@ -7,6 +7,7 @@
 //                word 1 = n > 0 triangles; 0 for an empty leaf (word 0 ignored)
 //   1 triangle   word 0 = 0x80000000 | index            word 1 = 0x80000001
 //   2 triangles  word 0 = 0x80000000 | b                word 1 = 0x80000002 | a << 2
+//                (tested in the order b, a)
 //   3 triangles  word 0 = 0x80000000 | d1 << 16 | d2    word 1 = 0x80000003 | mid << 2
 //                (indices mid - d1, mid, mid + d2)
 #pragma once
@@ -88,6 +89,41 @@ inline bool isCompactLeaf(const KdNode& node)
     return (node.word1 & kCompactFlag) != 0;
 }
 
-LeafTriangles decodeLeaf(const KdNode* node);
+// Inline: the traversal decodes a leaf per visit.
+inline LeafTriangles decodeLeaf(const KdNode* node)
+{
+    LeafTriangles leaf;
+    const uint32_t word0 = uint32_t(node->word0);
+    const uint32_t word1 = node->word1;
+    if (!isCompactLeaf(*node)) {
+        leaf.count = int(word1);
+        if (leaf.count > 0) {
+            // The list lies |word 0| bytes after the node; the low two bits are not distance.
+            const int32_t distance = int32_t(word0 & ~3u);
+            leaf.list =
+                reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(node) - distance);
+        }
+        return leaf;
+    }
+    leaf.count = int(word1 & 3);
+    const int32_t base = int32_t((word1 & ~kCompactFlag) >> 2);
+    const int32_t low31 = int32_t(word0 & ~kCompactFlag);
+    switch (leaf.count) {
+        case 1:
+            leaf.inlineIndices[0] = low31;
+            break;
+        case 2:
+            // The traversal tests the index of word 0 before the base.
+            leaf.inlineIndices[0] = low31;
+            leaf.inlineIndices[1] = base;
+            break;
+        default:
+            leaf.inlineIndices[0] = base - (low31 >> 16);
+            leaf.inlineIndices[1] = base;
+            leaf.inlineIndices[2] = base + (low31 & 0xFFFF);
+            break;
+    }
+    return leaf;
+}
 
 }  // namespace vekr::accel

@@ -1,25 +1,70 @@
 // Entry functions of ray generation, intersection and hit points: checks, then one kernel.
+#include <cstddef>
+
+#include "eye_rays.h"
 #include "frame/entry_points.h"
+#include "hit_points.h"
+#include "kd_traverse.h"
 
 using namespace vekr;
 
-Status entry::vekrCastEye_32f(const float*, const float*, const float*, int, int, Size2D,
-                              float* const[3], Size2D)
+// Callers fill these records by position as often as by name.
+static_assert(sizeof(Size2D) == 8 && offsetof(Size2D, height) == 4);
+static_assert(offsetof(IntersectContext, triangleAccel) == sizeof(void*) &&
+              offsetof(IntersectContext, rootNode) == 2 * sizeof(void*));
+
+// Only the output array is checked; the vectors, the planes and the sizes are used as given.
+Status entry::vekrCastEye_32f(const float* planeOrigin, const float* stepX, const float* stepY,
+                              int blockX, int blockY, Size2D cellSize, float* const direction[3],
+                              Size2D blockSize)
 {
+    if (direction == nullptr) return StatusNullPointer;
+    if (blockSize.height < 1) return StatusOk;
+    const ray::ImagePlane plane{planeOrigin, stepX, stepY};
+    const ray::EyeRayBlockOut block{blockX,
+                                    blockY,
+                                    cellSize.width,
+                                    cellSize.height,
+                                    blockSize.width,
+                                    blockSize.height,
+                                    {direction[0], direction[1], direction[2]}};
+    ray::castEyeRaysAvx(plane, block);
     return StatusOk;
 }
-Status entry::vekrIntersectEyeSO_32f(const float*, const float* const[3], float*, float* const[2],
-                                     int32_t*, const IntersectContext*, int, int)
+
+// Checks nothing by design: the caller's block is trusted, and every path reports success.
+Status entry::vekrIntersectEyeSO_32f(const float* origin, const float* const direction[3],
+                                     float* dist, float* const hitUV[2], int32_t* triIndex,
+                                     const IntersectContext* context, int width, int height)
 {
+    if (width < 1 || height < 1) return StatusOk;
+    const ray::SceneView scene{context->boundBox, context->triangleAccel,
+                               static_cast<const accel::KdNode*>(context->rootNode)};
+    const ray::EyeRayBlock block{origin,   direction, dist,  hitUV[0],
+                                 hitUV[1], triIndex,  width, height};
+    ray::intersectEyeRays(scene, block);
     return StatusOk;
 }
-Status entry::vekrHitPoint3DEpsS0_32f_M(const float*, const float* const[3], const float*,
-                                        const int32_t*, float* const[3], int, float)
+
+// The single origin is deliberately not checked.
+Status entry::vekrHitPoint3DEpsS0_32f_M(const float* origin, const float* const direction[3],
+                                        const float* dist, const int32_t* mask,
+                                        float* const hitPoint[3], int count, float eps)
 {
+    if (dist == nullptr || mask == nullptr || direction == nullptr || hitPoint == nullptr)
+        return StatusNullPointer;
+    ray::computeHitPointsAvx({origin, nullptr, direction, dist, mask, count, eps}, hitPoint);
     return StatusOk;
 }
-Status entry::vekrHitPoint3DEpsM0_32f_M(const float* const[3], const float* const[3], const float*,
-                                        const int32_t*, float* const[3], int, float)
+
+Status entry::vekrHitPoint3DEpsM0_32f_M(const float* const origin[3],
+                                        const float* const direction[3], const float* dist,
+                                        const int32_t* mask, float* const hitPoint[3], int count,
+                                        float eps)
 {
+    if (dist == nullptr || mask == nullptr || direction == nullptr || hitPoint == nullptr ||
+        origin == nullptr)
+        return StatusNullPointer;
+    ray::computeHitPointsAvx({nullptr, origin, direction, dist, mask, count, eps}, hitPoint);
     return StatusOk;
 }

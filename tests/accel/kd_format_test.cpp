@@ -51,12 +51,13 @@ TEST(KdFormat, TwoTriangleLeafPutsTheSmallIndexInTheCount)
     ASSERT_TRUE(encodeCompactLeaf(pair, 2, node));
     EXPECT_EQ(node.word1, uint32_t(7 * 4) | 0x80000002u);
     EXPECT_EQ(uint32_t(node.word0), 0xB0000000u);
-    EXPECT_EQ(decodedIndices(&node), (std::vector<int32_t>{7, 0x30000000}));
+    // Word 0's index comes first, the one in the count second.
+    EXPECT_EQ(decodedIndices(&node), (std::vector<int32_t>{0x30000000, 7}));
 
-    // The second qualifies alone: it goes into the count and decodes first.
-    EXPECT_EQ(compactRoundTrip({0x30000000, 7}), (std::vector<int32_t>{7, 0x30000000}));
-    // Both qualify: the first goes into the count.
-    EXPECT_EQ(compactRoundTrip({0x1FFFFFFF, 3}), (std::vector<int32_t>{0x1FFFFFFF, 3}));
+    // The second qualifies alone: it goes into the count.
+    EXPECT_EQ(compactRoundTrip({0x30000000, 7}), (std::vector<int32_t>{0x30000000, 7}));
+    // Both qualify: the first goes into the count and so decodes second.
+    EXPECT_EQ(compactRoundTrip({0x1FFFFFFF, 3}), (std::vector<int32_t>{3, 0x1FFFFFFF}));
     EXPECT_EQ(compactRoundTrip({0x20000000, 0x20000001}), std::nullopt);
     EXPECT_EQ(compactRoundTrip({-1, 3}), std::nullopt);
     EXPECT_EQ(compactRoundTrip({3, INT32_MIN}), std::nullopt);

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "accel/kd_format.h"
+#include "ray/kd_traverse.h"
+#include "support/float_bits.h"
+#include "support/guard_buffer.h"
+#include "support/ray_scenes.h"
+#include "vekr.h"
+
+using namespace vekr;
+using namespace vekr::test;
+
+namespace {
+
+// The library's own one-leaf tree over a mesh, freed with the object.
+struct SimpleTree {
+    void* block = nullptr;
+    explicit SimpleTree(const Mesh& mesh)
+    {
+        int size = 0;
+        const KDTreeBuildParams params{KDTreeBuildSimple, 0, 0.0f, 0, nullptr};
+        EXPECT_EQ(vekrKDTreeBuildAlloc(&block, mesh.vertices.data(), mesh.triangles.data(),
+                                       mesh.vertexCount(), mesh.triangleCount(), &size, &params),
+                  StatusOk);
+    }
+    ~SimpleTree() { vekrKDTreeFree(block); }
+};
+
+enum class SceneKind { Soup, HeightFieldInBox };
+enum class TreeKind { Simple, MedianCompact, MedianLists, MedianDeep };
+enum class Eye { Outside, Inside };
+
+struct TraverseCase {
+    SceneKind scene;
+    TreeKind tree;
+    Eye eye;
+};
+
+void PrintTo(const TraverseCase& c, std::ostream* os)
+{
+    *os << int(c.scene) << "/" << int(c.tree) << "/" << int(c.eye);
+}
+
+std::string caseName(const testing::TestParamInfo<TraverseCase>& info)
+{
+    static const char* kScenes[] = {"Soup", "HeightFieldInBox"};
+    static const char* kTrees[] = {"Simple", "MedianCompact", "MedianLists", "MedianDeep"};
+    static const char* kEyes[] = {"Outside", "Inside"};
+    return std::string(kScenes[int(info.param.scene)]) + kTrees[int(info.param.tree)] +
+           kEyes[int(info.param.eye)];
+}
+
+Mesh makeScene(SceneKind kind)
+{
+    if (kind == SceneKind::Soup) return makeTriangleSoup(400, 7);
+    return concatenate(makeHeightField(14, 3), makeBoxMesh(-1.5f, 1.5f));
+}
+
+class TraverseTest : public testing::TestWithParam<TraverseCase> {
+protected:
+    void SetUp() override
+    {
+        scene_ = std::make_unique<PreparedScene>(makeScene(GetParam().scene));
+        switch (GetParam().tree) {
+            case TreeKind::Simple:
+                simple_ = std::make_unique<SimpleTree>(scene_->mesh);
+                root_ = simple_->block;
+                break;
+            case TreeKind::MedianCompact:
+                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 14, 3);
+                break;
+            case TreeKind::MedianLists:
+                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 10, 6, true);
+                break;
+            case TreeKind::MedianDeep:
+                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 48, 1);
+                break;
+        }
+        if (median_) root_ = median_->root();
+    }
+
+    ray::SceneView view() const
+    {
+        return {&scene_->box.minX, scene_->records.data(),
+                static_cast<const accel::KdNode*>(root_)};
+    }
+    static ray::EyeRayBlock blockOf(EyeRays& rays)
+    {
+        static thread_local const float* dir[3];
+        for (int k = 0; k < 3; ++k)
+            dir[k] = rays.dir[k].data();
+        return {rays.origin,          dir,        rays.dist.data(), rays.u.data(), rays.v.data(),
+                rays.triIndex.data(), rays.width, rays.height};
+    }
+    EyeRays makeRays(int width, int height, uint32_t seed) const
+    {
+        const float outside[3] = {0.4f, -0.7f, 4.0f};
+        const float inside[3] = {0.05f, -0.1f, 0.02f};
+        return makeMixedRays(scene_->mesh, GetParam().eye == Eye::Outside ? outside : inside, width,
+                             height, seed);
+    }
+
+    std::unique_ptr<PreparedScene> scene_;
+    std::unique_ptr<SimpleTree> simple_;
+    std::unique_ptr<MedianKdTree> median_;
+    const void* root_ = nullptr;
+};
+
+TEST_P(TraverseTest, PerRayPathMatchesBruteForceReference)
+{
+    EyeRays rays = makeRays(24, 20, 11);
+    ray::intersectEyeRaysSingle(view(), blockOf(rays));
+    int compared = 0;
+    for (int i = 0; i < rays.count(); ++i) {
+        const auto d = rays.direction(i);
+        const ReferenceHit ref =
+            referenceNearestHit(scene_->mesh, rays.origin, d.data(), rays.maxDist[i]);
+        if (ref.ambiguous) continue;
+        ++compared;
+        ASSERT_EQ(rays.triIndex[i], ref.triangle) << "ray " << i;
+        if (ref.triangle < 0) {
+            EXPECT_EQ(floatBits(rays.dist[i]), floatBits(rays.maxDist[i])) << "ray " << i;
+            EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
+            EXPECT_EQ(rays.v[i], EyeRays::kUntouched) << "ray " << i;
+            continue;
+        }
+        EXPECT_NEAR(rays.dist[i], ref.dist, 2e-5 * ref.dist) << "ray " << i;
+        EXPECT_NEAR(rays.u[i], ref.u, 1e-4) << "ray " << i;
+        EXPECT_NEAR(rays.v[i], ref.v, 1e-4) << "ray " << i;
+    }
+    // The reference must leave most rays decidable, or the test proves little.
+    EXPECT_GT(compared, rays.count() * 3 / 4);
+}
+
+TEST_P(TraverseTest, PacketPathAgreesWithPerRayPath)
+{
+    EyeRays single = makeRays(32, 16, 23);
+    EyeRays packet = single;
+    ray::intersectEyeRaysSingle(view(), blockOf(single));
+    ASSERT_TRUE(ray::takesPacketPath(blockOf(packet)));
+    ray::intersectEyeRaysPacket4x4(view(), blockOf(packet));
+    for (int i = 0; i < single.count(); ++i) {
+        const auto d = single.direction(i);
+        const ReferenceHit ref =
+            referenceNearestHit(scene_->mesh, single.origin, d.data(), single.maxDist[i]);
+        if (!ref.ambiguous) {
+            ASSERT_EQ(packet.triIndex[i], single.triIndex[i]) << "ray " << i;
+        }
+        if (packet.triIndex[i] != single.triIndex[i]) continue;
+        // The same triangle through the same lane arithmetic gives the same bits.
+        EXPECT_EQ(floatBits(packet.dist[i]), floatBits(single.dist[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.u[i]), floatBits(single.u[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.v[i]), floatBits(single.v[i])) << "ray " << i;
+    }
+}
+
+// Coherent camera rays, where tiles share their descent most of the time.
+TEST_P(TraverseTest, PacketPathAgreesOnCoherentCameraRays)
+{
+    EyeRays single(64, 48);
+    const float eye[3] = {0.3f, -2.6f, 2.2f};
+    std::copy(eye, eye + 3, single.origin);
+    for (int r = 0; r < single.height; ++r)
+        for (int c = 0; c < single.width; ++c) {
+            const int i = r * single.width + c;
+            single.dir[0][i] = -0.3f + (float(c) - 32.0f) / 40.0f;
+            single.dir[1][i] = 2.6f + (float(r) - 24.0f) / 80.0f;
+            single.dir[2][i] = -2.2f + (float(r) - 24.0f) / 40.0f;
+        }
+    single.reset();
+    EyeRays packet = single;
+    ray::intersectEyeRaysSingle(view(), blockOf(single));
+    ray::intersectEyeRaysPacket4x4(view(), blockOf(packet));
+    int hits = 0;
+    for (int i = 0; i < single.count(); ++i) {
+        hits += single.triIndex[i] >= 0;
+        const auto d = single.direction(i);
+        if (packet.triIndex[i] == single.triIndex[i]) continue;
+        EXPECT_TRUE(referenceNearestHit(scene_->mesh, single.origin, d.data(), FLT_MAX).ambiguous)
+            << "ray " << i;
+    }
+    EXPECT_GT(hits, single.count() / 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenes, TraverseTest,
+    testing::Values(TraverseCase{SceneKind::Soup, TreeKind::Simple, Eye::Outside},
+                    TraverseCase{SceneKind::Soup, TreeKind::MedianCompact, Eye::Outside},
+                    TraverseCase{SceneKind::Soup, TreeKind::MedianLists, Eye::Inside},
+                    TraverseCase{SceneKind::Soup, TreeKind::MedianDeep, Eye::Inside},
+                    TraverseCase{SceneKind::HeightFieldInBox, TreeKind::Simple, Eye::Inside},
+                    TraverseCase{SceneKind::HeightFieldInBox, TreeKind::MedianCompact, Eye::Inside},
+                    TraverseCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists, Eye::Outside},
+                    TraverseCase{SceneKind::HeightFieldInBox, TreeKind::MedianDeep, Eye::Outside}),
+    caseName);
+
+}  // namespace

@@ -1,0 +1,383 @@
+// Meshes, trees and an independent double-precision nearest-hit reference for the ray tests.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <random>
+#include <vector>
+
+#include "accel/kd_format.h"
+#include "vekr.h"
+
+namespace vekr::test {
+
+struct Mesh {
+    std::vector<float> vertices;  // 3 per vertex
+    std::vector<int> triangles;   // 4 per triangle, the fourth unused
+
+    int vertexCount() const { return int(vertices.size() / 3); }
+    int triangleCount() const { return int(triangles.size() / 4); }
+    std::array<double, 3> vertex(int i) const
+    {
+        return {vertices[3 * i], vertices[3 * i + 1], vertices[3 * i + 2]};
+    }
+    void addTriangle(int a, int b, int c) { triangles.insert(triangles.end(), {a, b, c, 0}); }
+    int addVertex(float x, float y, float z)
+    {
+        vertices.insert(vertices.end(), {x, y, z});
+        return vertexCount() - 1;
+    }
+};
+
+// Random triangles of modest size scattered in [-1, 1]^3.
+inline Mesh makeTriangleSoup(int count, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> centre(-1.0f, 1.0f);
+    std::uniform_real_distribution<float> spread(-0.3f, 0.3f);
+    Mesh mesh;
+    for (int t = 0; t < count; ++t) {
+        const float c[3] = {centre(rng), centre(rng), centre(rng)};
+        int v[3];
+        for (int& index : v)
+            index = mesh.addVertex(c[0] + spread(rng), c[1] + spread(rng), c[2] + spread(rng));
+        mesh.addTriangle(v[0], v[1], v[2]);
+    }
+    return mesh;
+}
+
+// A bumpy height field z = f(x, y) over [-1, 1]^2 with n x n cells, two triangles per cell:
+// every inner edge and vertex is shared.
+inline Mesh makeHeightField(int n, uint32_t seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> bump(-0.15f, 0.15f);
+    Mesh mesh;
+    for (int j = 0; j <= n; ++j)
+        for (int i = 0; i <= n; ++i)
+            mesh.addVertex(-1.0f + 2.0f * float(i) / float(n), -1.0f + 2.0f * float(j) / float(n),
+                           bump(rng));
+    for (int j = 0; j < n; ++j)
+        for (int i = 0; i < n; ++i) {
+            const int a = j * (n + 1) + i, b = a + 1, c = a + n + 1, d = c + 1;
+            mesh.addTriangle(a, b, d);
+            mesh.addTriangle(a, d, c);
+        }
+    return mesh;
+}
+
+// A closed box made of 12 triangles.
+inline Mesh makeBoxMesh(float lo, float hi)
+{
+    Mesh mesh;
+    for (int i = 0; i < 8; ++i)
+        mesh.addVertex(i & 1 ? hi : lo, i & 2 ? hi : lo, i & 4 ? hi : lo);
+    const int faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                             {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+    for (const auto& f : faces) {
+        mesh.addTriangle(f[0], f[1], f[2]);
+        mesh.addTriangle(f[0], f[2], f[3]);
+    }
+    return mesh;
+}
+
+inline Mesh concatenate(const Mesh& a, const Mesh& b)
+{
+    Mesh out = a;
+    const int offset = a.vertexCount();
+    out.vertices.insert(out.vertices.end(), b.vertices.begin(), b.vertices.end());
+    for (size_t i = 0; i < b.triangles.size(); ++i)
+        out.triangles.push_back(i % 4 == 3 ? b.triangles[i] : b.triangles[i] + offset);
+    return out;
+}
+
+// A KD-tree block built by median splits of the triangle bounds, independent of the library's
+// builders: every triangle whose bounds reach a cell is listed in that cell's leaf. Leaves of
+// one to three triangles take the compact forms where they fit unless forceLists is set.
+class MedianKdTree {
+public:
+    MedianKdTree(const Mesh& mesh, int maxDepth, int leafSize, bool forceLists = false)
+        : mesh_(mesh), maxDepth_(maxDepth), leafSize_(leafSize), forceLists_(forceLists)
+    {
+        std::vector<int> all(size_t(mesh.triangleCount()));
+        for (size_t i = 0; i < all.size(); ++i)
+            all[i] = int(i);
+        nodes_.push_back({});
+        nodes_.push_back({});  // the zero word pair after the root
+        build(0, all, 0);
+        block_.assign(nodes_.size() * 2 + listWords_.size(), 0);
+        for (size_t i = 0; i < pendingLists_.size(); ++i) {
+            const auto& [node, start] = pendingLists_[i];
+            const int64_t listByte = int64_t(nodes_.size()) * 8 + int64_t(start) * 4;
+            nodes_[size_t(node)].word0 = int32_t(-(listByte - int64_t(node) * 8));
+        }
+        std::memcpy(block_.data(), nodes_.data(), nodes_.size() * 8);
+        std::memcpy(block_.data() + nodes_.size() * 2, listWords_.data(), listWords_.size() * 4);
+    }
+
+    const void* root() const { return block_.data(); }
+    int innerNodeCount() const { return innerCount_; }
+    int leafCount() const { return leafCount_; }
+
+private:
+    std::array<float, 6> bounds(int t) const
+    {
+        std::array<float, 6> b{INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
+        for (int c = 0; c < 3; ++c)
+            for (int k = 0; k < 3; ++k) {
+                const float x = mesh_.vertices[3 * mesh_.triangles[4 * t + c] + k];
+                b[k] = std::min(b[k], x);
+                b[k + 3] = std::max(b[k + 3], x);
+            }
+        return b;
+    }
+
+    void build(int nodeIndex, const std::vector<int>& tris, int depth)
+    {
+        if (int(tris.size()) > leafSize_ && depth < maxDepth_) {
+            // Split at the median of the triangle centres on the axis of widest spread.
+            int axis = depth % 3;
+            std::vector<float> centres;
+            for (int t : tris) {
+                const auto b = bounds(t);
+                centres.push_back(0.5f * (b[axis] + b[axis + 3]));
+            }
+            std::nth_element(centres.begin(), centres.begin() + long(centres.size() / 2),
+                             centres.end());
+            const float split = centres[centres.size() / 2];
+            std::vector<int> below, above;
+            for (int t : tris) {
+                const auto b = bounds(t);
+                if (b[axis] <= split) below.push_back(t);
+                if (b[axis + 3] >= split) above.push_back(t);
+            }
+            if (below.size() < tris.size() || above.size() < tris.size()) {
+                const int pair = int(nodes_.size());
+                nodes_.push_back({});
+                nodes_.push_back({});
+                nodes_[size_t(nodeIndex)] =
+                    accel::encodeInner(int32_t((pair - nodeIndex) * 8), axis, split);
+                ++innerCount_;
+                build(pair, below, depth + 1);
+                build(pair + 1, above, depth + 1);
+                return;
+            }
+        }
+        ++leafCount_;
+        accel::KdNode& node = nodes_[size_t(nodeIndex)];
+        if (tris.empty()) {
+            node = accel::KdNode{INT32_MIN, 0};
+            return;
+        }
+        if (!forceLists_ && tris.size() <= 3 &&
+            accel::encodeCompactLeaf(tris.data(), int(tris.size()), node))
+            return;
+        pendingLists_.push_back({nodeIndex, int(listWords_.size())});
+        node.word1 = uint32_t(tris.size());
+        listWords_.insert(listWords_.end(), tris.begin(), tris.end());
+    }
+
+    const Mesh& mesh_;
+    int maxDepth_, leafSize_;
+    bool forceLists_;
+    int innerCount_ = 0, leafCount_ = 0;
+    std::vector<accel::KdNode> nodes_;
+    std::vector<int32_t> listWords_;
+    std::vector<std::pair<int, int>> pendingLists_;
+    std::vector<uint32_t> block_;
+};
+
+// A mesh with its records and box, ready for the intersection functions.
+struct PreparedScene {
+    Mesh mesh;
+    std::vector<TriangleAccel> records;
+    BoundBox box{};
+
+    explicit PreparedScene(Mesh m) : mesh(std::move(m)), records(size_t(mesh.triangleCount()))
+    {
+        vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
+                              mesh.triangleCount());
+        vekrSetBoundBox_32f(mesh.vertices.data(), mesh.vertexCount(), &box.minX);
+    }
+    IntersectContext context(const void* root) const
+    {
+        return IntersectContext{&box.minX, records.data(), root};
+    }
+};
+
+// The nearest hit of one ray by a loop over all triangles in double precision (Moeller and
+// Trumbore 1997), with what makes the answer ambiguous in single precision.
+struct ReferenceHit {
+    int triangle = -1;
+    double dist = 0.0, u = 0.0, v = 0.0;  // u, v: weights of the first and second vertex
+    bool ambiguous = false;  // a second hit, an edge, or the distance limit is too close
+};
+
+inline ReferenceHit referenceNearestHit(const Mesh& mesh, const float origin[3], const float dir[3],
+                                        float maxDist)
+{
+    constexpr double kEdgeMargin = 1e-4;
+    constexpr double kDistMargin = 1e-4;
+    ReferenceHit best;
+    double secondDist = INFINITY;
+    double closestDoubtful = INFINITY;  // nearest hit that single precision may take or drop
+    const double o[3] = {origin[0], origin[1], origin[2]};
+    const double d[3] = {dir[0], dir[1], dir[2]};
+    for (int t = 0; t < mesh.triangleCount(); ++t) {
+        const auto p0 = mesh.vertex(mesh.triangles[4 * t]);
+        const auto p1 = mesh.vertex(mesh.triangles[4 * t + 1]);
+        const auto p2 = mesh.vertex(mesh.triangles[4 * t + 2]);
+        const double e1[3] = {p1[0] - p0[0], p1[1] - p0[1], p1[2] - p0[2]};
+        const double e2[3] = {p2[0] - p0[0], p2[1] - p0[1], p2[2] - p0[2]};
+        const double p[3] = {d[1] * e2[2] - d[2] * e2[1], d[2] * e2[0] - d[0] * e2[2],
+                             d[0] * e2[1] - d[1] * e2[0]};
+        const double det = e1[0] * p[0] + e1[1] * p[1] + e1[2] * p[2];
+        const double scale = std::sqrt((e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]) *
+                                       (p[0] * p[0] + p[1] * p[1] + p[2] * p[2]));
+        if (!(std::fabs(det) > 1e-6 * scale)) continue;  // edge-on or degenerate
+        const double s[3] = {o[0] - p0[0], o[1] - p0[1], o[2] - p0[2]};
+        const double b1 = (s[0] * p[0] + s[1] * p[1] + s[2] * p[2]) / det;
+        const double q[3] = {s[1] * e1[2] - s[2] * e1[1], s[2] * e1[0] - s[0] * e1[2],
+                             s[0] * e1[1] - s[1] * e1[0]};
+        const double b2 = (d[0] * q[0] + d[1] * q[1] + d[2] * q[2]) / det;
+        const double dist = (e2[0] * q[0] + e2[1] * q[1] + e2[2] * q[2]) / det;
+        const double b0 = 1.0 - b1 - b2;
+        const double smallest = std::min({b0, b1, b2});
+        if (smallest < -kEdgeMargin) continue;
+        const double margin = kDistMargin * std::max(1.0, std::fabs(dist));
+        const bool doubtful = smallest < kEdgeMargin || std::fabs(dist) < margin ||
+                              std::fabs(dist - double(maxDist)) < margin;
+        if (doubtful) {
+            if (dist > -margin && dist < double(maxDist) + margin)
+                closestDoubtful = std::min(closestDoubtful, dist);
+            continue;
+        }
+        if (!(dist > 0.0 && dist < double(maxDist))) continue;
+        if (best.triangle < 0 || dist < best.dist) {
+            secondDist = std::min(secondDist, best.triangle < 0 ? INFINITY : best.dist);
+            best.triangle = t;
+            best.dist = dist;
+            best.u = b0;
+            best.v = b1;
+        } else {
+            secondDist = std::min(secondDist, dist);
+        }
+    }
+    if (best.triangle < 0) {
+        best.ambiguous = closestDoubtful < INFINITY;
+    } else {
+        const double margin = kDistMargin * std::max(1.0, best.dist);
+        best.ambiguous = secondDist - best.dist <= margin || closestDoubtful <= best.dist + margin;
+    }
+    return best;
+}
+
+}  // namespace vekr::test
+
+namespace vekr::test {
+
+// Heap arrays on 64-byte boundaries, for the aligned paths.
+template <class T>
+struct AlignedAllocator {
+    using value_type = T;
+    AlignedAllocator() = default;
+    template <class U>
+    AlignedAllocator(const AlignedAllocator<U>&)
+    {
+    }
+    T* allocate(size_t n)
+    {
+        return static_cast<T*>(::operator new(n * sizeof(T), std::align_val_t(64)));
+    }
+    void deallocate(T* p, size_t) { ::operator delete(p, std::align_val_t(64)); }
+    bool operator==(const AlignedAllocator&) const { return true; }
+};
+template <class T>
+using AlignedVector = std::vector<T, AlignedAllocator<T>>;
+
+// A block of rays sharing one origin, with its hit planes pre-filled with sentinels.
+struct EyeRays {
+    static constexpr float kUntouched = -12345.0f;
+    int width = 0, height = 0;
+    float origin[3] = {0, 0, 0};
+    AlignedVector<float> dir[3];
+    AlignedVector<float> maxDist;  // the dist input
+    AlignedVector<float> dist, u, v;
+    AlignedVector<int32_t> triIndex;
+
+    EyeRays(int w, int h) : width(w), height(h)
+    {
+        for (auto& plane : dir)
+            plane.assign(size_t(w * h), 0.0f);
+        maxDist.assign(size_t(w * h), FLT_MAX);
+        reset();
+    }
+    int count() const { return width * height; }
+    void reset()
+    {
+        dist = maxDist;
+        u.assign(size_t(count()), kUntouched);
+        v.assign(size_t(count()), kUntouched);
+        triIndex.assign(size_t(count()), INT32_MIN);
+    }
+    std::array<float, 3> direction(int i) const { return {dir[0][i], dir[1][i], dir[2][i]}; }
+};
+
+// Rays of every kind the traversal must get right, cycling by ray number: towards points
+// inside triangles, shared vertices and edge midpoints; random directions; directions with
+// components of 0 or 1e-8 (parallel to box faces); and some finite maximum distances.
+inline EyeRays makeMixedRays(const Mesh& mesh, const float origin[3], int width, int height,
+                             uint32_t seed)
+{
+    EyeRays rays(width, height);
+    std::copy(origin, origin + 3, rays.origin);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    std::uniform_real_distribution<float> weight(0.0f, 1.0f);
+    std::uniform_int_distribution<int> pickTriangle(0, mesh.triangleCount() - 1);
+    for (int i = 0; i < rays.count(); ++i) {
+        const int t = pickTriangle(rng);
+        const auto p0 = mesh.vertex(mesh.triangles[4 * t]);
+        const auto p1 = mesh.vertex(mesh.triangles[4 * t + 1]);
+        const auto p2 = mesh.vertex(mesh.triangles[4 * t + 2]);
+        double target[3];
+        switch (i % 6) {
+            case 0: {  // a point inside the triangle
+                double a = weight(rng), b = weight(rng);
+                if (a + b > 1.0) a = 1.0 - a, b = 1.0 - b;
+                for (int k = 0; k < 3; ++k)
+                    target[k] = p0[k] + a * (p1[k] - p0[k]) + b * (p2[k] - p0[k]);
+                break;
+            }
+            case 1:  // a vertex, shared in closed meshes and height fields
+                for (int k = 0; k < 3; ++k)
+                    target[k] = p1[k];
+                break;
+            case 2:  // an edge midpoint
+                for (int k = 0; k < 3; ++k)
+                    target[k] = 0.5 * (p0[k] + p2[k]);
+                break;
+            default:  // a random direction
+                for (int k = 0; k < 3; ++k)
+                    target[k] = origin[k] + unit(rng);
+                break;
+        }
+        for (int k = 0; k < 3; ++k)
+            rays.dir[k][i] = float(target[k] - origin[k]);
+        if (i % 5 == 4) {  // parallel to one or two box faces
+            rays.dir[i % 3][i] = (i & 8) ? 1e-8f : 0.0f;
+            if (i % 10 == 9) rays.dir[(i + 1) % 3][i] = -0.0f;
+        }
+        if (i % 7 == 3) rays.maxDist[i] = 0.2f + 2.0f * weight(rng);
+    }
+    rays.reset();
+    return rays;
+}
+
+}  // namespace vekr::test
