@@ -1,0 +1,321 @@
+// The exported nearest-hit function: path choice, miss outputs, ties and the special cases
+// of the traversal, through the public interface.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cstdint>
+#include <vector>
+
+#include "accel/kd_format.h"
+#include "ray/kd_traverse.h"
+#include "support/float_bits.h"
+#include "support/guard_buffer.h"
+#include "support/ray_scenes.h"
+#include "vekr.h"
+
+using namespace vekr;
+using namespace vekr::test;
+
+namespace {
+
+// A hand-made tree block: nodes first, then list words.
+struct HandTree {
+    std::vector<uint32_t> words;
+    const void* root() const { return words.data(); }
+};
+
+// One leaf listing the given triangles, in that order.
+HandTree listLeafTree(const std::vector<int32_t>& order)
+{
+    HandTree tree;
+    tree.words = {0, 0, 0, 0};
+    const accel::KdNode leaf = accel::encodeListLeaf(16, int32_t(order.size()));
+    tree.words[0] = uint32_t(leaf.word0);
+    tree.words[1] = leaf.word1;
+    tree.words.insert(tree.words.end(), order.begin(), order.end());
+    return tree;
+}
+
+Status intersect(const PreparedScene& scene, const void* root, EyeRays& rays)
+{
+    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
+    float* uv[2] = {rays.u.data(), rays.v.data()};
+    const IntersectContext context = scene.context(root);
+    return vekrIntersectEyeSO_32f(rays.origin, dir, rays.dist.data(), uv, rays.triIndex.data(),
+                                  &context, rays.width, rays.height);
+}
+
+// n rays from (x, y, 1) straight down onto the z = 0 plane, spread along x from x0 by dx.
+EyeRays raysDown(int width, int height, float x0, float dx, float y)
+{
+    EyeRays rays(width, height);
+    rays.origin[0] = 0.0f;
+    rays.origin[1] = 0.0f;
+    rays.origin[2] = 1.0f;
+    for (int i = 0; i < rays.count(); ++i) {
+        rays.dir[0][i] = x0 + dx * float(i);
+        rays.dir[1][i] = y;
+        rays.dir[2][i] = -1.0f;
+    }
+    return rays;
+}
+
+// Two copies of the same unit quad (triangles 0-1 and 2-3) in z = 0.
+Mesh twoCoincidentQuads()
+{
+    Mesh mesh;
+    for (int copy = 0; copy < 2; ++copy) {
+        const int a = mesh.addVertex(-1, -1, 0), b = mesh.addVertex(1, -1, 0);
+        const int c = mesh.addVertex(1, 1, 0), d = mesh.addVertex(-1, 1, 0);
+        mesh.addTriangle(a, b, c);
+        mesh.addTriangle(a, c, d);
+    }
+    return mesh;
+}
+
+TEST(IntersectEye, PacketPathNeedsSidesOfFourAndAlignedPlanes)
+{
+    EyeRays rays(8, 5);
+    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
+    ray::EyeRayBlock block{
+        rays.origin, dir, rays.dist.data(), rays.u.data(), rays.v.data(), rays.triIndex.data(),
+        8,           4};
+    EXPECT_TRUE(ray::takesPacketPath(block));
+    block.height = 5;
+    EXPECT_FALSE(ray::takesPacketPath(block));
+    block.height = 4;
+    block.width = 6;
+    EXPECT_FALSE(ray::takesPacketPath(block));
+    block.width = 8;
+    // One plane off by one float, each in turn.
+    for (int plane = 0; plane < 7; ++plane) {
+        ray::EyeRayBlock shifted = block;
+        const float* shiftedDir[3] = {dir[0], dir[1], dir[2]};
+        shifted.dir = shiftedDir;
+        switch (plane) {
+            case 0:
+            case 1:
+            case 2:
+                shiftedDir[plane] += 1;
+                break;
+            case 3:
+                shifted.dist += 1;
+                break;
+            case 4:
+                shifted.hitU += 1;
+                break;
+            case 5:
+                shifted.hitV += 1;
+                break;
+            case 6:
+                shifted.triIndex += 1;
+                break;
+        }
+        EXPECT_FALSE(ray::takesPacketPath(shifted)) << "plane " << plane;
+    }
+}
+
+TEST(IntersectEye, MissesKeepDistanceAndWeights)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    const HandTree tree = listLeafTree({0, 1});
+    for (int height : {4, 5}) {                                 // both paths
+        EyeRays rays = raysDown(8, height, 3.0f, 0.25f, 0.0f);  // all beside the quad
+        for (int i = 0; i < rays.count(); ++i)
+            rays.maxDist[i] = i % 2 ? FLT_MAX : 7.5f;
+        rays.reset();
+        ASSERT_EQ(intersect(scene, tree.root(), rays), StatusOk);
+        for (int i = 0; i < rays.count(); ++i) {
+            EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+            EXPECT_EQ(rays.dist[i], rays.maxDist[i]) << "ray " << i;
+            EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
+            EXPECT_EQ(rays.v[i], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+}
+
+TEST(IntersectEye, NonPositiveMaximumDistanceNeverHits)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    const HandTree tree = listLeafTree({0, 1, 2, 3});
+    for (int height : {4, 3}) {
+        EyeRays rays = raysDown(4, height, -0.5f, 0.07f, 0.1f);
+        for (int i = 0; i < rays.count(); ++i)
+            rays.maxDist[i] = i % 3 == 0 ? 0.0f : (i % 3 == 1 ? -0.0f : -2.0f);
+        rays.reset();
+        intersect(scene, tree.root(), rays);
+        for (int i = 0; i < rays.count(); ++i) {
+            EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+            EXPECT_EQ(floatBits(rays.dist[i]), floatBits(rays.maxDist[i])) << "ray " << i;
+            EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+}
+
+TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    // The same quad twice: the copy listed first wins, whichever its number.
+    for (const auto& [order, expectedQuad] :
+         std::vector<std::pair<std::vector<int32_t>, int>>{{{0, 1, 2, 3}, 0}, {{2, 3, 0, 1}, 1}}) {
+        const HandTree tree = listLeafTree(order);
+        for (int height : {4, 3}) {
+            EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
+            intersect(scene, tree.root(), rays);
+            for (int i = 0; i < rays.count(); ++i) {
+                ASSERT_GE(rays.triIndex[i], 0) << "ray " << i;
+                EXPECT_EQ(rays.triIndex[i] / 2, expectedQuad) << "ray " << i;
+                EXPECT_EQ(rays.dist[i], 1.0f) << "ray " << i;
+            }
+        }
+    }
+}
+
+TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    const HandTree tree = listLeafTree({1, 0});
+    // The diagonal x = y is shared by triangles 0 and 1; 1 is listed first.
+    EyeRays rays(4, 4);
+    rays.origin[2] = 1.0f;
+    for (int i = 0; i < rays.count(); ++i) {
+        const float s = -0.875f + 0.125f * float(i);  // exact: the point is on the edge
+        rays.dir[0][i] = s;
+        rays.dir[1][i] = s;
+        rays.dir[2][i] = -1.0f;
+    }
+    rays.reset();
+    intersect(scene, tree.root(), rays);
+    for (int i = 0; i < rays.count(); ++i)
+        EXPECT_EQ(rays.triIndex[i], 1) << "ray " << i;
+}
+
+TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    // Triangles 0 and 2 are the same triangle. Index 0 qualifies for the count field, so 2
+    // lands in word 0 and is tested first.
+    HandTree tree;
+    const int32_t pair[2] = {0, 2};
+    accel::KdNode leaf{};
+    ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
+    tree.words = {uint32_t(leaf.word0), leaf.word1, 0, 0};
+    EyeRays rays = raysDown(4, 4, 0.2f, 0.04f, -0.5f);
+    intersect(scene, tree.root(), rays);
+    for (int i = 0; i < rays.count(); ++i)
+        EXPECT_EQ(rays.triIndex[i], 2) << "ray " << i;
+}
+
+TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
+{
+    Mesh mesh = twoCoincidentQuads();
+    mesh.addTriangle(0, 1, 1);  // triangle 4: two equal corners, an all-zero record
+    const PreparedScene scene(mesh);
+    ASSERT_EQ(scene.records[4].axes, 0u);
+    // Root splits x at 0: the lower child is an empty leaf, the upper one lists 4, 0, 1.
+    HandTree tree;
+    const accel::KdNode root = accel::encodeInner(8, 0, 0.0f);
+    const accel::KdNode upper = accel::encodeListLeaf(24 - 16, 3);
+    tree.words = {uint32_t(root.word0),
+                  root.word1,
+                  uint32_t(INT32_MIN),
+                  0,
+                  uint32_t(upper.word0),
+                  upper.word1,
+                  4,
+                  0,
+                  1};
+    for (int height : {4, 5}) {
+        EyeRays rays = raysDown(4, height, -0.85f, 1.8f / float(4 * height), 0.2f);
+        for (int i = 0; i < rays.count(); i += 3)
+            rays.dir[2][i] = 1.0f;  // pointing away: the plane lies behind the origin
+        rays.reset();
+        intersect(scene, tree.root(), rays);
+        for (int i = 0; i < rays.count(); ++i) {
+            const bool expectHit = rays.dir[0][i] > 0.0f && rays.dir[2][i] < 0.0f;
+            if (expectHit)
+                EXPECT_TRUE(rays.triIndex[i] == 0 || rays.triIndex[i] == 1) << "ray " << i;
+            else
+                EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+        }
+    }
+}
+
+TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
+{
+    // A wall in x = 0.5 facing -x, within y, z of [-1, 1].
+    Mesh mesh;
+    const int a = mesh.addVertex(0.5f, -1, -1), b = mesh.addVertex(0.5f, 1, -1);
+    const int c = mesh.addVertex(0.5f, 1, 1), d = mesh.addVertex(0.5f, -1, 1);
+    mesh.addTriangle(a, b, c);
+    mesh.addTriangle(a, c, d);
+    const PreparedScene scene(mesh);
+    const HandTree tree = listLeafTree({0, 1});
+    EyeRays rays(4, 4);
+    rays.origin[0] = -3.0f;
+    rays.origin[1] = 5.0f;  // outside the box on y
+    for (int i = 0; i < rays.count(); ++i) {
+        rays.dir[0][i] = 1.0f;
+        rays.dir[1][i] = i % 2 ? 0.0f : 1e-7f;  // within the float epsilon: parallel
+        rays.dir[2][i] = 0.01f * float(i - 8);
+    }
+    rays.reset();
+    intersect(scene, tree.root(), rays);
+    // Parallel on y, the ray is not clipped there; it passes beside the wall (y = 5).
+    for (int i = 0; i < rays.count(); ++i)
+        EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+    // From inside the slab, the same directions hit the wall.
+    rays.origin[1] = 0.25f;
+    rays.reset();
+    intersect(scene, tree.root(), rays);
+    for (int i = 0; i < rays.count(); ++i) {
+        EXPECT_GE(rays.triIndex[i], 0) << "ray " << i;
+        EXPECT_EQ(rays.dist[i], 3.5f) << "ray " << i;
+    }
+}
+
+TEST(IntersectEye, EmptyBlocksWriteNothing)
+{
+    const PreparedScene scene(twoCoincidentQuads());
+    const HandTree tree = listLeafTree({0});
+    EyeRays rays = raysDown(4, 4, 0.0f, 0.0f, 0.0f);
+    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
+    float* uv[2] = {rays.u.data(), rays.v.data()};
+    const IntersectContext context = scene.context(tree.root());
+    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{0, 4}, {4, 0}, {-4, -4}}) {
+        EXPECT_EQ(vekrIntersectEyeSO_32f(rays.origin, dir, rays.dist.data(), uv,
+                                         rays.triIndex.data(), &context, w, h),
+                  StatusOk);
+        for (int i = 0; i < rays.count(); ++i)
+            ASSERT_EQ(rays.triIndex[i], INT32_MIN);
+    }
+}
+
+// Every plane against a guard page, for both paths: nothing past the block is read or written.
+TEST(IntersectEye, TouchesNothingPastTheBlock)
+{
+    const Mesh mesh = makeTriangleSoup(60, 5);
+    const PreparedScene scene(mesh);
+    const MedianKdTree tree(mesh, 8, 3);
+    const IntersectContext context = scene.context(tree.root());
+    const float eye[3] = {0.1f, 0.2f, 3.0f};
+    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
+        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+            const EyeRays rays = makeMixedRays(mesh, eye, w, h, 3);
+            const size_t n = size_t(w * h);
+            GuardedArray<float> dx(n, end), dy(n, end), dz(n, end), dist(n, end), u(n, end),
+                v(n, end);
+            GuardedArray<int32_t> tri(n, end);
+            dx.copyFrom(rays.dir[0].data());
+            dy.copyFrom(rays.dir[1].data());
+            dz.copyFrom(rays.dir[2].data());
+            dist.copyFrom(rays.maxDist.data());
+            const float* dir[3] = {dx.data(), dy.data(), dz.data()};
+            float* uv[2] = {u.data(), v.data()};
+            EXPECT_EQ(vekrIntersectEyeSO_32f(eye, dir, dist.data(), uv, tri.data(), &context, w, h),
+                      StatusOk);
+        }
+    }
+}
+
+}  // namespace
