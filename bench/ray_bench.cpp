@@ -1,0 +1,301 @@
+// Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes),
+// nearest hits per ray and per 4x4 tile on the example renderer's scenes, and hit points.
+#include <benchmark/benchmark.h>
+#include <immintrin.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "ray/eye_rays.h"
+#include "ray/hit_points.h"
+#include "ray/kd_traverse.h"
+#include "scene.h"
+#include "vekcore.h"
+#include "vekr.h"
+
+namespace {
+
+// A float plane from the core allocator (64-byte aligned, so the packet path applies).
+struct Plane {
+    float* data;
+    // Touched once, so no benchmark pays for the first page faults.
+    explicit Plane(size_t n) : data(static_cast<float*>(vekMalloc(n * sizeof(float))))
+    {
+        std::memset(data, 0, n * sizeof(float));
+    }
+    ~Plane() { vekFree(data); }
+    Plane(const Plane&) = delete;
+    Plane& operator=(const Plane&) = delete;
+};
+
+void setRayThroughput(benchmark::State& state, int64_t raysPerIteration)
+{
+    state.counters["rays/s"] = benchmark::Counter(
+        double(state.iterations()) * double(raysPerIteration), benchmark::Counter::kIsRate);
+}
+
+// --- Eye rays ------------------------------------------------------------------------------
+
+const float kCorner[3] = {-0.8f, 0.6f, -1.0f};
+const float kStepX[3] = {0.0015f, 0.0f, 0.0001f};
+const float kStepY[3] = {0.0f, -0.0015f, 0.0001f};
+
+template <bool kExported,
+          void (*Cast)(const vekr::ray::ImagePlane&, const vekr::ray::EyeRayBlockOut&)>
+void BM_CastEye(benchmark::State& state)
+{
+    const int side = int(state.range(0));
+    const size_t n = size_t(side) * size_t(side);
+    Plane x(n), y(n), z(n);
+    float* const planes[3] = {x.data, y.data, z.data};
+    for (auto _ : state) {
+        if (kExported)
+            vekrCastEye_32f(kCorner, kStepX, kStepY, 1, 2, Size2D{side, side}, planes,
+                            Size2D{side, side});
+        else
+            Cast({kCorner, kStepX, kStepY},
+                 {1, 2, side, side, side, side, {x.data, y.data, z.data}});
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n) * 12);
+    setRayThroughput(state, int64_t(n));
+}
+
+// The store-bandwidth reference: unaligned 8-float stores of a constant into three planes of
+// the same size, as fast as one core writes memory.
+void BM_StreamingWrite(benchmark::State& state)
+{
+    const int side = int(state.range(0));
+    const size_t n = size_t(side) * size_t(side);
+    Plane x(n), y(n), z(n);
+    float* const planes[3] = {x.data, y.data, z.data};
+    const __m256 value = _mm256_set1_ps(1.0f);
+    for (auto _ : state) {
+        for (float* p : planes)
+            for (size_t i = 0; i + 8 <= n; i += 8)
+                _mm256_storeu_ps(p + i, value);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n) * 12);
+}
+
+BENCHMARK(BM_CastEye<true, nullptr>)->Name("BM_CastEye")->Arg(64)->Arg(512)->Arg(2048)->Arg(4096);
+BENCHMARK(BM_CastEye<false, vekr::ray::castEyeRaysScalar>)
+    ->Name("BM_CastEyeScalar")
+    ->Arg(512)
+    ->Arg(4096);
+BENCHMARK(BM_StreamingWrite)->Arg(64)->Arg(512)->Arg(2048)->Arg(4096);
+
+// --- Nearest hits --------------------------------------------------------------------------
+
+// A scene of the example renderer with its records, box and tree, and the coherent eye rays
+// of its default camera over a width x height image.
+struct BenchScene {
+    SceneMesh mesh{};
+    std::vector<TriangleAccel> records;
+    BoundBox box{};
+    void* tree = nullptr;
+    float eye[3] = {};
+    float corner[3] = {}, stepX[3] = {}, stepY[3] = {};
+
+    explicit BenchScene(int denseTriangles, uint32_t method)
+    {
+        if (denseTriangles > 0)
+            sceneMakeDense(&mesh, denseTriangles);
+        else
+            sceneMakeDefault(&mesh);
+        records.resize(size_t(mesh.triangleCount));
+        vekrTriangleAccelInit(records.data(), mesh.vertices, mesh.triangles, mesh.triangleCount);
+        vekrSetBoundBox_32f(mesh.vertices, mesh.vertexCount, &box.minX);
+        const KDTreeBuildParams params{method, 50, 1.0f, 1024, nullptr};
+        int size = 0;
+        vekrKDTreeBuildAlloc(&tree, mesh.vertices, mesh.triangles, mesh.vertexCount,
+                             mesh.triangleCount, &size, &params);
+        float target[3], up[3], fovY;
+        sceneDefaultCamera(&mesh, eye, target, up, &fovY);
+        setCamera(target, up, fovY);
+    }
+    ~BenchScene()
+    {
+        vekrKDTreeFree(tree);
+        sceneFree(&mesh);
+    }
+
+    // Directions for a 1 x 1 image plane at distance 1; the rays use pixel steps of it.
+    void setCamera(const float target[3], const float up[3], float fovY)
+    {
+        float forward[3], right[3], trueUp[3];
+        for (int k = 0; k < 3; ++k)
+            forward[k] = target[k] - eye[k];
+        normalise(forward);
+        cross(forward, up, right);
+        normalise(right);
+        cross(right, forward, trueUp);
+        const float halfHeight = std::tan(fovY * 3.14159265f / 360.0f);
+        for (int k = 0; k < 3; ++k) {
+            corner[k] = forward[k] + halfHeight * (trueUp[k] - right[k]);
+            stepX[k] = 2.0f * halfHeight * right[k];
+            stepY[k] = -2.0f * halfHeight * trueUp[k];
+        }
+    }
+    static void normalise(float v[3])
+    {
+        const float length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+        for (int k = 0; k < 3; ++k)
+            v[k] /= length;
+    }
+    static void cross(const float a[3], const float b[3], float out[3])
+    {
+        out[0] = a[1] * b[2] - a[2] * b[1];
+        out[1] = a[2] * b[0] - a[0] * b[2];
+        out[2] = a[0] * b[1] - a[1] * b[0];
+    }
+};
+
+// The planes of one square image of side x side rays.
+struct ImageRays {
+    int side;
+    Plane dx, dy, dz, dist, u, v, tri;
+    ImageRays(const BenchScene& scene, int side_)
+        : side(side_), dx(n()), dy(n()), dz(n()), dist(n()), u(n()), v(n()), tri(n())
+    {
+        float step[2][3];
+        for (int k = 0; k < 3; ++k) {
+            step[0][k] = scene.stepX[k] / float(side);
+            step[1][k] = scene.stepY[k] / float(side);
+        }
+        float* const planes[3] = {dx.data, dy.data, dz.data};
+        vekrCastEye_32f(scene.corner, step[0], step[1], 0, 0, Size2D{side, side}, planes,
+                        Size2D{side, side});
+    }
+    size_t n() const { return size_t(side) * size_t(side); }
+    vekr::ray::EyeRayBlock block(const float* origin)
+    {
+        dirs[0] = dx.data;
+        dirs[1] = dy.data;
+        dirs[2] = dz.data;
+        return {origin, dirs, dist.data, u.data, v.data, reinterpret_cast<int32_t*>(tri.data),
+                side,   side};
+    }
+    void resetDistances()
+    {
+        for (size_t i = 0; i < n(); ++i)
+            dist.data[i] = FLT_MAX;
+    }
+    const float* dirs[3] = {};
+};
+
+enum class Path { Single, Packet, Exported };
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side.
+template <Path kPath>
+void BM_IntersectEye(benchmark::State& state)
+{
+    static std::unique_ptr<BenchScene> scene;
+    static int64_t sceneKey = -1;
+    if (sceneKey != state.range(0)) {
+        scene.reset();
+        scene = std::make_unique<BenchScene>(int(state.range(0)), KDTreeBuildSimple);
+        sceneKey = state.range(0);
+    }
+    ImageRays rays(*scene, int(state.range(1)));
+    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
+                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
+    const IntersectContext context{&scene->box.minX, scene->records.data(), scene->tree};
+    vekr::ray::EyeRayBlock block = rays.block(scene->eye);
+    int64_t hits = 0;
+    for (auto _ : state) {
+        rays.resetDistances();
+        if (kPath == Path::Single)
+            vekr::ray::intersectEyeRaysSingle(view, block);
+        else if (kPath == Path::Packet)
+            vekr::ray::intersectEyeRaysPacket4x4(view, block);
+        else {
+            float* uv[2] = {block.hitU, block.hitV};
+            vekrIntersectEyeSO_32f(scene->eye, block.dir, block.dist, uv, block.triIndex, &context,
+                                   block.width, block.height);
+        }
+        benchmark::ClobberMemory();
+    }
+    for (size_t i = 0; i < rays.n(); ++i)
+        hits += block.triIndex[i] >= 0;
+    state.counters["hit%"] = 100.0 * double(hits) / double(rays.n());
+    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    setRayThroughput(state, int64_t(rays.n()));
+}
+
+// Simple (one-leaf) trees: every ray tests every triangle, so the images are small.
+BENCHMARK(BM_IntersectEye<Path::Single>)
+    ->Name("BM_IntersectEyePerRay")
+    ->Args({0, 32})
+    ->Args({100000, 16})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IntersectEye<Path::Packet>)
+    ->Name("BM_IntersectEyePacket4x4")
+    ->Args({0, 32})
+    ->Args({100000, 16})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_IntersectEye<Path::Exported>)
+    ->Name("BM_IntersectEyeSO")
+    ->Args({0, 32})
+    ->Unit(benchmark::kMillisecond);
+
+// --- Hit points ----------------------------------------------------------------------------
+
+template <bool kSharedOrigin, void (*Compute)(const vekr::ray::HitPointRays&, float* const[3])>
+void BM_HitPoints(benchmark::State& state)
+{
+    const int n = int(state.range(0));
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    std::vector<float> planes[7];
+    for (auto& p : planes) {
+        p.resize(size_t(n));
+        for (float& x : p)
+            x = value(rng);
+    }
+    std::vector<int32_t> mask(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i)
+        mask[size_t(i)] = i % 3 == 0 ? -1 : 0;
+    std::vector<float> out[3] = {std::vector<float>(size_t(n)), std::vector<float>(size_t(n)),
+                                 std::vector<float>(size_t(n))};
+    const float origin[3] = {0.5f, 0.25f, 2.0f};
+    const float* dirs[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
+    const float* origins[3] = {planes[3].data(), planes[4].data(), planes[5].data()};
+    float* const points[3] = {out[0].data(), out[1].data(), out[2].data()};
+    const vekr::ray::HitPointRays rays{kSharedOrigin ? origin : nullptr,
+                                       kSharedOrigin ? nullptr : origins,
+                                       dirs,
+                                       planes[6].data(),
+                                       mask.data(),
+                                       n,
+                                       0.999f};
+    for (auto _ : state) {
+        Compute(rays, points);
+        benchmark::ClobberMemory();
+    }
+    setRayThroughput(state, n);
+    state.SetBytesProcessed(int64_t(state.iterations()) * n * (kSharedOrigin ? 32 : 44));
+}
+
+BENCHMARK(BM_HitPoints<true, vekr::ray::computeHitPointsAvx>)
+    ->Name("BM_HitPointS0")
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Arg(1000000);
+BENCHMARK(BM_HitPoints<true, vekr::ray::computeHitPointsScalar>)
+    ->Name("BM_HitPointS0Scalar")
+    ->Arg(1000)
+    ->Arg(100000);
+BENCHMARK(BM_HitPoints<false, vekr::ray::computeHitPointsAvx>)
+    ->Name("BM_HitPointM0")
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Arg(1000000);
+
+}  // namespace
