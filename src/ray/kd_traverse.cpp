@@ -336,13 +336,15 @@ int clipTileToBox(const float* box, const float origin[3], TileRays& rays, __m25
         }
         rays.negativeBits[k] = laneBits(rays.negative[k][0], rays.negative[k][1]);
     }
+    // Once the interval is empty it stays so on later axes: one test at the end suffices. It
+    // comes before the widening, as for a single ray.
+    const int entering = ~laneBits(_mm256_cmp_ps(tNear[0], tFar[0], _CMP_GT_OQ),
+                                   _mm256_cmp_ps(tNear[1], tFar[1], _CMP_GT_OQ)) &
+                         kAllLanes;
     const __m256 widening = _mm256_set1_ps(kFarWidening);
     for (int h = 0; h < 2; ++h)
         tFar[h] = _mm256_add_ps(tFar[h], widening);
-    // Once the interval is empty it stays so on later axes: one test at the end suffices.
-    return ~laneBits(_mm256_cmp_ps(tNear[0], tFar[0], _CMP_GT_OQ),
-                     _mm256_cmp_ps(tNear[1], tFar[1], _CMP_GT_OQ)) &
-           kAllLanes;
+    return entering;
 }
 
 // Stores two rows of four lanes under a lane mask (masked lanes keep their memory).

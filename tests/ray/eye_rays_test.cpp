@@ -133,22 +133,4 @@ TEST(CastEyeChecks, LargeBlockMatchesTheScalarTwin)
         EXPECT_EQ(a[k], b[k]) << "axis " << k;
 }
 
-// Past 2^24 the column numbers carried by repeated addition of 8 are no longer the integers;
-// the vector kernel must still give the carried values.
-TEST(CastEyeChecks, RowsWiderThanExactFloatColumnsCarryTheLanes)
-{
-    const int width = (1 << 24) + 13;
-    std::vector<float> a[3], b[3];
-    for (int k = 0; k < 3; ++k) {
-        a[k].assign(size_t(width), 0.0f);
-        b[k].assign(size_t(width), 1.0f);
-    }
-    ray::castEyeRaysScalar({kCorner, kStepX, kStepY},
-                           {0, 0, 1, 1, width, 1, {a[0].data(), a[1].data(), a[2].data()}});
-    ray::castEyeRaysAvx({kCorner, kStepX, kStepY},
-                        {0, 0, 1, 1, width, 1, {b[0].data(), b[1].data(), b[2].data()}});
-    for (int k = 0; k < 3; ++k)
-        EXPECT_TRUE(a[k] == b[k]) << "axis " << k;
-}
-
 }  // namespace

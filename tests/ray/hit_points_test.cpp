@@ -34,9 +34,11 @@ struct HitPointInputs {
             }
         for (int i = 0; i < count; ++i) {
             dist.push_back(std::fabs(value(rng)) + (i % 11 == 5 ? FLT_MAX : 0.0f));
-            const bool groupMasked = (i / 8) % 3 == 1;  // every third group all -1
+            const bool groupMasked = (i / 8) % 3 == 1;  // every third group all negative
             const int k = kind(rng);
-            mask.push_back(groupMasked ? -1 : k < 5 ? 0 : k < 9 ? -1 : int32_t(0x807FFFFF));
+            // Masked groups mix -1 with other negative words: the shortcut tests the sign.
+            const int32_t negative = i % 4 == 1 ? INT32_MIN : i % 4 == 2 ? int32_t(0x807FFFFF) : -1;
+            mask.push_back(groupMasked ? negative : k < 5 ? 0 : k < 9 ? -1 : int32_t(0x807FFFFF));
         }
     }
 };

@@ -1,0 +1,235 @@
+// The traversal's numeric rules, each pinned by a hand-made tree whose leaves list triangles
+// where the geometry alone would not put them, so visiting a leaf or not shows in the result.
+// Every case runs a 4 x 4 block (tiles) and a 4 x 3 block (one ray at a time).
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "accel/kd_format.h"
+#include "support/float_bits.h"
+#include "support/ray_scenes.h"
+#include "vekr.h"
+
+using namespace vekr;
+using namespace vekr::test;
+
+namespace {
+
+using accel::KdNode;
+
+// Tree blocks slot by slot (8 bytes each); slot 1 stays zero after the root.
+struct HandTree {
+    std::vector<KdNode> nodes;
+    explicit HandTree(int slots) : nodes(size_t(slots), KdNode{0, 0}) {}
+    void inner(int slot, int axis, float split, int pairSlot)
+    {
+        nodes[size_t(slot)] = accel::encodeInner((pairSlot - slot) * 8, axis, split);
+    }
+    void leaf(int slot, int triangle)  // -1: an empty leaf
+    {
+        KdNode node{INT32_MIN, 0};
+        if (triangle >= 0) accel::encodeCompactLeaf(&triangle, 1, node);
+        nodes[size_t(slot)] = node;
+    }
+};
+
+// Triangles in planes x = c, each covering y, z in [-1, 1] and more, one per entry of xs.
+Mesh wallsAt(const std::vector<float>& xs)
+{
+    Mesh mesh;
+    for (float c : xs) {
+        const int a = mesh.addVertex(c, -1, -1), b = mesh.addVertex(c, 3, -1);
+        const int d = mesh.addVertex(c, -1, 3);
+        mesh.addTriangle(a, b, d);
+    }
+    return mesh;
+}
+
+struct Shot {
+    int triangle;
+    float dist;
+};
+
+// Rays from origin along (1, dy, tiny z spread) through the given box; the triangle every ray
+// of the block hit (-2 when they disagree) for each of the two paths.
+std::vector<Shot> shoot(const Mesh& mesh, const HandTree& tree, const float box[6],
+                        const float origin[3], float dy)
+{
+    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
+    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
+                          mesh.triangleCount());
+    const IntersectContext context{box, records.data(), tree.nodes.data()};
+    std::vector<Shot> shots;
+    for (int height : {4, 3}) {
+        EyeRays rays(4, height);
+        std::copy(origin, origin + 3, rays.origin);
+        for (int i = 0; i < rays.count(); ++i) {
+            rays.dir[0][i] = 1.0f;
+            rays.dir[1][i] = dy;
+            rays.dir[2][i] = 0.001f * float(i);
+        }
+        const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
+        float* uv[2] = {rays.u.data(), rays.v.data()};
+        vekrIntersectEyeSO_32f(origin, dir, rays.dist.data(), uv, rays.triIndex.data(), &context, 4,
+                               height);
+        Shot shot{rays.triIndex[0], rays.dist[0]};
+        for (int i = 1; i < rays.count(); ++i)
+            if (rays.triIndex[i] != shot.triangle) shot.triangle = -2;
+        shots.push_back(shot);
+    }
+    return shots;
+}
+
+// Root splitting `axis` at `split`, lower leaf listing `lower`, upper leaf listing `upper`.
+HandTree splitTree(int axis, float split, int lower, int upper)
+{
+    HandTree tree(4);
+    tree.inner(0, axis, split, 2);
+    tree.leaf(2, lower);
+    tree.leaf(3, upper);
+    return tree;
+}
+
+TEST(TraversalRules, ChildWithinTheDescentToleranceIsStillVisited)
+{
+    // The box starts just past the split x = 0 (t 1 + d for a ray from x = -1); the lower leaf
+    // lists a wall inside the box, which is found only if that leaf is visited.
+    const Mesh mesh = wallsAt({0.5f});
+    const float origin[3] = {-1, 0, 0};
+    const HandTree tree = splitTree(0, 0.0f, 0, -1);
+    for (const auto& [start, visited] :
+         std::vector<std::pair<float, bool>>{{5e-6f, true}, {2e-5f, false}}) {
+        const float box[6] = {start, -2, -2, 1, 2, 2};
+        for (const Shot& shot : shoot(mesh, tree, box, origin, 0.0f))
+            EXPECT_EQ(shot.triangle, visited ? 0 : -1) << "box start " << start;
+    }
+}
+
+TEST(TraversalRules, FarEndIsWidenedBeforeDescending)
+{
+    // The box ends at x = 0 (t = 2); the split lies 5e-5 beyond. Only the widened far end
+    // reaches the upper leaf and its wall.
+    const Mesh mesh = wallsAt({-0.5f});
+    const float origin[3] = {-2, 0, 0};
+    const float box[6] = {-1, -2, -2, 0, 2, 2};
+    for (const Shot& shot : shoot(mesh, splitTree(0, 5e-5f, -1, 0), box, origin, 0.0f))
+        EXPECT_EQ(shot.triangle, 0);
+}
+
+TEST(TraversalRules, HitAtTheEndOfALeafEndsTheRay)
+{
+    // Wall 0 lies exactly on the split (t = 1, the end of the lower leaf); wall 1, nearer,
+    // is listed only in the upper leaf: a ray that stops at its first leaf never sees it.
+    const Mesh mesh = wallsAt({0.0f, -0.5f});
+    const float origin[3] = {-1, 0, 0};
+    const float box[6] = {-0.75f, -2, -2, 1, 2, 2};
+    for (const Shot& shot : shoot(mesh, splitTree(0, 0.0f, 0, 1), box, origin, 0.0f)) {
+        EXPECT_EQ(shot.triangle, 0);
+        EXPECT_EQ(shot.dist, 1.0f);
+    }
+}
+
+TEST(TraversalRules, NearlyParallelAxisTakesTheSubstituteInverseAndNoSign)
+{
+    // Coincident walls, 0 in the lower and 1 in the upper child of a split y = 0. A y
+    // direction of magnitude up to the float epsilon counts as parallel: sign flag 0 and
+    // inverse 838860800 whatever its sign.
+    const Mesh mesh = wallsAt({0.5f, 0.5f});
+    const float box[6] = {-0.5f, -2, -2, 1, 2, 2};
+    const HandTree tree = splitTree(1, 0.0f, 0, 1);
+    for (float dy : {1.1920929e-7f, -1.1920929e-7f, 0.0f, -0.0f}) {
+        // From the split itself the ray starts past it (t 0 < entry 0.5): the far child, upper
+        // for a zero sign, alone.
+        const float onSplit[3] = {-1, 0, 0};
+        for (const Shot& shot : shoot(mesh, tree, box, onSplit, dy))
+            EXPECT_EQ(shot.triangle, 1) << "dy " << dy;
+        // 1e-8 below: the split lies at t = 1e-8 * 838860800 = 8.4, beyond the box: the
+        // lower child alone (a larger inverse or an exact one would choose otherwise).
+        const float below[3] = {-1, -1e-8f, 0};
+        for (const Shot& shot : shoot(mesh, tree, box, below, dy))
+            EXPECT_EQ(shot.triangle, 0) << "dy " << dy;
+    }
+}
+
+TEST(TraversalRules, FiftyPendingFarChildrenAreAllVisited)
+{
+    // A chain of 50 splits on x, each pushing its upper leaf before descending to the lower
+    // child. The deepest lower leaf lists wall 0 (x = 0.9); the root's upper leaf, popped
+    // last, lists wall 1 (x = 0.7), nearer.
+    const Mesh mesh = wallsAt({0.9f, 0.7f});
+    const int depth = accel::kMaxInnerNodesOnPath;
+    HandTree tree(2 * depth + 2);
+    for (int i = 0; i < depth; ++i) {
+        const int slot = i == 0 ? 0 : 2 * i;
+        tree.inner(slot, 0, 0.5f - 0.009f * float(i), 2 * i + 2);
+        tree.leaf(2 * i + 3, i == 0 ? 1 : -1);
+    }
+    tree.leaf(2 * depth, 0);
+    const float origin[3] = {-1, 0, 0};
+    const float box[6] = {0, -2, -2, 1, 2, 2};
+    for (const Shot& shot : shoot(mesh, tree, box, origin, 0.0f)) {
+        EXPECT_EQ(shot.triangle, 1);
+        EXPECT_EQ(shot.dist, 1.7f);
+    }
+}
+
+// The ray-triangle test in the documented order of operations, transcribed step by step;
+// both paths must give its bits.
+TEST(TraversalRules, TriangleTestKeepsItsEvaluationOrder)
+{
+    const Mesh mesh = makeTriangleSoup(64, 21);
+    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
+    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
+                          mesh.triangleCount());
+    const float box[6] = {-2, -2, -2, 2, 2, 2};
+    std::mt19937 rng(4);
+    std::uniform_real_distribution<float> jitter(-0.02f, 0.02f);
+    int compared = 0;
+    for (int t = 0; t < mesh.triangleCount(); ++t) {
+        HandTree tree(2);
+        tree.leaf(0, t);
+        const IntersectContext context{box, records.data(), tree.nodes.data()};
+        const TriangleAccel& r = records[size_t(t)];
+        const float o[3] = {0.1f + jitter(rng), -0.2f + jitter(rng), 1.9f};
+        for (int height : {4, 3}) {
+            EyeRays rays(4, height);
+            std::copy(o, o + 3, rays.origin);
+            for (int i = 0; i < rays.count(); ++i) {
+                // Towards the centre of the triangle, spread a little.
+                for (int k = 0; k < 3; ++k) {
+                    float c = 0;
+                    for (int corner = 0; corner < 3; ++corner)
+                        c += mesh.vertices[size_t(3 * mesh.triangles[4 * t + corner] + k)];
+                    rays.dir[k][i] = c / 3.0f - o[k] + jitter(rng);
+                }
+            }
+            const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
+            float* uv[2] = {rays.u.data(), rays.v.data()};
+            vekrIntersectEyeSO_32f(o, dir, rays.dist.data(), uv, rays.triIndex.data(), &context, 4,
+                                   height);
+            const int k = int(r.axes >> 4 & 3), u = int(r.axes >> 2 & 3), v = int(r.axes & 3);
+            for (int i = 0; i < rays.count(); ++i) {
+                if (rays.triIndex[i] != t) continue;
+                const auto d = rays.direction(i);
+                const float den = (r.nu * d[u] + r.nv * d[v]) + d[k];
+                const float eu = r.pu - o[u];
+                const float ev = r.pv - o[v];
+                const float num = ((r.pk + r.nu * eu) + r.nv * ev) - o[k];
+                const float qu = num * d[u] - den * eu;
+                const float qv = num * d[v] - den * ev;
+                const float beta = qu * r.e2v - qv * r.e2u;
+                const float gamma = qv * r.e1u - qu * r.e1v;
+                ASSERT_EQ(floatBits(rays.dist[i]), floatBits(num / den)) << "triangle " << t;
+                ASSERT_EQ(floatBits(rays.u[i]), floatBits(beta / den)) << "triangle " << t;
+                ASSERT_EQ(floatBits(rays.v[i]), floatBits(gamma / den)) << "triangle " << t;
+                ++compared;
+            }
+        }
+    }
+    EXPECT_GT(compared, 64 * 28 / 2);
+}
+
+}  // namespace
