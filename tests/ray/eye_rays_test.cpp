@@ -66,6 +66,11 @@ void castThrough(const CastPath& path, const BlockCase& b, int width, int height
                                         {planes[0], planes[1], planes[2]}});
 }
 
+void PrintTo(const CastPath& path, std::ostream* os)
+{
+    *os << path.name;
+}
+
 class CastEye : public testing::TestWithParam<CastPath> {};
 
 // Every width across the 8-lane groups and the 4/2/1 tail pieces, each plane flush against a

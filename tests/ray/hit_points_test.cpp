@@ -65,6 +65,11 @@ struct HitPath {
     HitFn fn;  // null: the exported functions
 };
 
+void PrintTo(const HitPath& path, std::ostream* os)
+{
+    *os << path.name;
+}
+
 class HitPoints : public testing::TestWithParam<HitPath> {};
 
 TEST_P(HitPoints, FollowTheGroupMaskRuleWithoutTouchingPastCount)
