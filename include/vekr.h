@@ -119,7 +119,8 @@ Status vekrKDTreeFree(void* pTree);
 /* --- Rays and intersection ------------------------------------------------------------ */
 
 /* Writes the eye-ray directions of block (blockX, blockY) of an image plane into three planes
- * of blockSize.width * blockSize.height floats: planeOrigin + stepX * column + stepY * row. */
+ * of blockSize.width * blockSize.height floats (which must not overlap):
+ * planeOrigin + stepX * column + stepY * row. */
 Status vekrCastEye_32f(const float planeOrigin[3], const float stepX[3], const float stepY[3],
                        int blockX, int blockY, Size2D cellSize, float* const direction[3],
                        Size2D blockSize);
