@@ -95,6 +95,23 @@ typedef struct Size2D {
     int32_t height; /* rows */
 } Size2D;
 
+/* State of the spherical-harmonic evaluation, at the start of a caller-owned buffer of the size
+ * vekrSHGetSize_32f reports. For the recurrence method the coefficient tables follow in the
+ * same buffer at the byte offsets coeffA and coeffB from its start, so the buffer may be copied
+ * or moved after vekrSHInit_32f. */
+typedef struct SHState {
+    uint32_t order;  /* largest order L the state serves */
+    int32_t method;  /* SHMethodDirect or SHMethodRecurrence */
+    uint32_t coeffA; /* recurrence: byte offset of table A from the start of the state */
+    uint32_t coeffB; /* recurrence: byte offset of table B from the start of the state */
+} SHState;
+
+/* Spherical-harmonic evaluation methods, the values of SHState.method. */
+enum {
+    SHMethodDirect = 0,    /* closed-form polynomials in x, y, z, evaluated in double */
+    SHMethodRecurrence = 1 /* single-precision recurrence over bands with tables in the state */
+};
+
 /* The version record of this build; the same pointer on every call, never null. */
 const LibVersion* vekrGetLibVersion(void);
 
@@ -157,6 +174,51 @@ Status vekrSurfFlatNormal_32f(const float* triangleNormals, const int* hitTriang
 Status vekrSurfSmoothNormal_32f(const float* vertexNormals, const int* normalIndices,
                                 const int* hitTriangles, const float* const hitUV[2],
                                 float* const normals[3], int rayCount, int indexStep);
+
+/* --- Spherical harmonics ------------------------------------------------------------------ */
+
+/* Writes the bytes an SHState buffer needs for the given order and method to *size. */
+Status vekrSHGetSize_32f(unsigned int order, int method, int* size);
+
+/* Clears the buffer and sets it up as an SHState for the given order and method. */
+Status vekrSHInit_32f(void* state, unsigned int order, int method);
+
+/* Writes the (order + 1)^2 basis values of each of length directions, direction after
+ * direction, in the order (l, m) = (0, 0), (1, -1), (1, 0), (1, 1), (2, -2), ... */
+Status vekrSH_32f(const float* x, const float* y, const float* z, int length, float* dst,
+                  unsigned int order, const SHState* state);
+
+/* Writes the 2 band + 1 basis values of one band (m = -band .. band) of each direction. */
+Status vekrSHBand_32f(const float* x, const float* y, const float* z, int length, float* dst,
+                      unsigned int band);
+
+/* Adds samples[i] times the basis at direction i to coeffs, sample after sample. */
+Status vekrSHTFwd_32f_C1I(const float* x, const float* y, const float* z, const float* samples,
+                          int length, float* coeffs, unsigned int order, const SHState* state);
+
+/* As vekrSHTFwd_32f_C1I for three sample planes into three coefficient vectors. */
+Status vekrSHTFwd_32f_P3I(const float* x, const float* y, const float* z,
+                          const float* const samples[3], int length, float* const coeffs[3],
+                          unsigned int order, const SHState* state);
+
+/* As vekrSHTFwd_32f_P3I for samples of three interleaved channels. */
+Status vekrSHTFwd_32f_C3P3I(const float* x, const float* y, const float* z, const float* samples,
+                            int length, float* const coeffs[3], unsigned int order,
+                            const SHState* state);
+
+/* Writes the expansion with coefficients coeffs at each direction to dst. */
+Status vekrSHTInv_32f_C1(const float* coeffs, unsigned int order, const float* x, const float* y,
+                         const float* z, float* dst, int length, const SHState* state);
+
+/* As vekrSHTInv_32f_C1 for three coefficient vectors into three planes. */
+Status vekrSHTInv_32f_P3(const float* const coeffs[3], unsigned int order, const float* x,
+                         const float* y, const float* z, float* const dst[3], int length,
+                         const SHState* state);
+
+/* As vekrSHTInv_32f_P3 writing the three channels interleaved. */
+Status vekrSHTInv_32f_P3C3(const float* const coeffs[3], unsigned int order, const float* x,
+                           const float* y, const float* z, float* dst, int length,
+                           const SHState* state);
 
 #ifdef __cplusplus
 }
