@@ -15,6 +15,7 @@
 #include "ray/hit_points.h"
 #include "ray/kd_traverse.h"
 #include "scene.h"
+#include "store_bandwidth.h"
 #include "vekcore.h"
 #include "vekr.h"
 
@@ -74,11 +75,9 @@ void BM_StreamingWrite(benchmark::State& state)
     const size_t n = size_t(side) * size_t(side);
     Plane x(n), y(n), z(n);
     float* const planes[3] = {x.data, y.data, z.data};
-    const __m256 value = _mm256_set1_ps(1.0f);
     for (auto _ : state) {
         for (float* p : planes)
-            for (size_t i = 0; i + 8 <= n; i += 8)
-                _mm256_storeu_ps(p + i, value);
+            vekr::bench::storeConstant(p, n);
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n) * 12);
