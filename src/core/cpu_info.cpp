@@ -68,15 +68,20 @@ unsigned long long vekGetEnabledCpuFeatures(void)
     return features;
 }
 
+// Asked once: the queries execute CPUID, which a virtual machine may trap at great cost, and
+// callers ask on every call of a kernel.
 int vekGetMaxCacheSizeB(void)
 {
-    long largest = 0;
-    for (int name : {_SC_LEVEL1_DCACHE_SIZE, _SC_LEVEL2_CACHE_SIZE, _SC_LEVEL3_CACHE_SIZE,
-                     _SC_LEVEL4_CACHE_SIZE}) {
-        const long bytes = sysconf(name);
-        if (bytes > largest) largest = bytes;
-    }
-    return largest > 0x7FFFFFFF ? 0x7FFFFFFF : int(largest);
+    static const int largestBytes = [] {
+        long largest = 0;
+        for (int name : {_SC_LEVEL1_DCACHE_SIZE, _SC_LEVEL2_CACHE_SIZE, _SC_LEVEL3_CACHE_SIZE,
+                         _SC_LEVEL4_CACHE_SIZE}) {
+            const long bytes = sysconf(name);
+            if (bytes > largest) largest = bytes;
+        }
+        return largest > 0x7FFFFFFF ? 0x7FFFFFFF : int(largest);
+    }();
+    return largestBytes;
 }
 
 }  // extern "C"

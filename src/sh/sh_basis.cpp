@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+
 #include <utility>
 
 namespace vekr::sh {
@@ -11,6 +12,68 @@ namespace vekr::sh {
 #include "sh_direct_bands.inc"
 
 namespace {
+
+// Eight floats, one direction per lane.
+struct Float8 {
+    __m256 v;
+    Float8() = default;
+    explicit Float8(__m256 value) : v(value) {}
+};
+inline Float8 operator+(const Float8& a, const Float8& b)
+{
+    return Float8(_mm256_add_ps(a.v, b.v));
+}
+inline Float8 operator-(const Float8& a, const Float8& b)
+{
+    return Float8(_mm256_sub_ps(a.v, b.v));
+}
+inline Float8 operator*(const Float8& a, const Float8& b)
+{
+    return Float8(_mm256_mul_ps(a.v, b.v));
+}
+
+// Eight functions of eight directions (one direction per lane) into the eight directions'
+// runs: row d of the transposed block goes to out + d * stride.
+void storeTransposed8x8(const Float8* v, float* out, size_t stride)
+{
+    const __m256 t0 = _mm256_unpacklo_ps(v[0].v, v[1].v), t1 = _mm256_unpackhi_ps(v[0].v, v[1].v);
+    const __m256 t2 = _mm256_unpacklo_ps(v[2].v, v[3].v), t3 = _mm256_unpackhi_ps(v[2].v, v[3].v);
+    const __m256 t4 = _mm256_unpacklo_ps(v[4].v, v[5].v), t5 = _mm256_unpackhi_ps(v[4].v, v[5].v);
+    const __m256 t6 = _mm256_unpacklo_ps(v[6].v, v[7].v), t7 = _mm256_unpackhi_ps(v[6].v, v[7].v);
+    const __m256 s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    _mm256_storeu_ps(out + 0 * stride, _mm256_permute2f128_ps(s0, s4, 0x20));
+    _mm256_storeu_ps(out + 1 * stride, _mm256_permute2f128_ps(s1, s5, 0x20));
+    _mm256_storeu_ps(out + 2 * stride, _mm256_permute2f128_ps(s2, s6, 0x20));
+    _mm256_storeu_ps(out + 3 * stride, _mm256_permute2f128_ps(s3, s7, 0x20));
+    _mm256_storeu_ps(out + 4 * stride, _mm256_permute2f128_ps(s0, s4, 0x31));
+    _mm256_storeu_ps(out + 5 * stride, _mm256_permute2f128_ps(s1, s5, 0x31));
+    _mm256_storeu_ps(out + 6 * stride, _mm256_permute2f128_ps(s2, s6, 0x31));
+    _mm256_storeu_ps(out + 7 * stride, _mm256_permute2f128_ps(s3, s7, 0x31));
+}
+
+// Eight directions' values (function k in value(k), one direction per lane) to the eight
+// directions' consecutive runs at out, eight functions at a time through a transpose.
+template <class Value>
+void storeDirectionMajor(Value value, uint32_t perDirection, float* out)
+{
+    constexpr int kLanes = 8;
+    alignas(32) Float8 eight[kLanes];
+    uint32_t k = 0;
+    for (; k + kLanes <= perDirection; k += kLanes) {
+        for (int j = 0; j < kLanes; ++j)
+            eight[j] = value(k + j);
+        storeTransposed8x8(eight, out + k, perDirection);
+    }
+    for (; k < perDirection; ++k) {
+        alignas(32) float lanes[kLanes];
+        _mm256_store_ps(lanes, value(k).v);
+        for (int lane = 0; lane < kLanes; ++lane)
+            out[lane * perDirection + k] = lanes[lane];
+    }
+}
 
 // --- Closed-form bands ---------------------------------------------------------------------
 
@@ -34,18 +97,73 @@ inline Double4 operator*(const Double4& a, const Double4& b)
     return Double4(_mm256_mul_pd(a.v, b.v));
 }
 
-// Bands 0 to order, one after another, into out[l^2 ..].
+// Eight directions as two halves of four: twice the independent work per step.
+struct Double8 {
+    Double4 low, high;
+    Double8() = default;
+    explicit Double8(double c) : low(c), high(c) {}
+    Double8(Double4 l, Double4 h) : low(l), high(h) {}
+};
+inline Double8 operator+(const Double8& a, const Double8& b)
+{
+    return {a.low + b.low, a.high + b.high};
+}
+inline Double8 operator-(const Double8& a, const Double8& b)
+{
+    return {a.low - b.low, a.high - b.high};
+}
+inline Double8 operator*(const Double8& a, const Double8& b)
+{
+    return {a.low * b.low, a.high * b.high};
+}
+inline Double8 widen(const float* p)
+{
+    return {Double4(_mm256_cvtps_pd(_mm_loadu_ps(p))),
+            Double4(_mm256_cvtps_pd(_mm_loadu_ps(p + 4)))};
+}
+// Rounds the eight lanes to float, as float(double) does.
+inline Float8 narrow(const Double8& d)
+{
+    return Float8(_mm256_insertf128_ps(_mm256_castps128_ps256(_mm256_cvtpd_ps(d.low.v)),
+                                       _mm256_cvtpd_ps(d.high.v), 1));
+}
+
+// Bands 0 to order, one after another, into out[l^2 ..]. Called directly, so the compiler
+// forms the powers (x + iy)^m that the bands share only once.
 template <class T>
 void evalDirectBands(const T& x, const T& y, const T& z, const T& zz, uint32_t order, T* out)
 {
-    using BandFn = void (*)(const T&, const T&, const T&, const T&, T*);
-    static constexpr BandFn kBands[kMaxOrder + 1] = {
-        evalDirectBand0<T>,  evalDirectBand1<T>,  evalDirectBand2<T>,  evalDirectBand3<T>,
-        evalDirectBand4<T>,  evalDirectBand5<T>,  evalDirectBand6<T>,  evalDirectBand7<T>,
-        evalDirectBand8<T>,  evalDirectBand9<T>,  evalDirectBand10<T>, evalDirectBand11<T>,
-        evalDirectBand12<T>, evalDirectBand13<T>, evalDirectBand14<T>, evalDirectBand15<T>};
-    for (uint32_t l = 0; l <= order; ++l)
-        kBands[l](x, y, z, zz, out + l * l);
+    evalDirectBand0(x, y, z, zz, out + 0);
+    if (order < 1) return;
+    evalDirectBand1(x, y, z, zz, out + 1);
+    if (order < 2) return;
+    evalDirectBand2(x, y, z, zz, out + 4);
+    if (order < 3) return;
+    evalDirectBand3(x, y, z, zz, out + 9);
+    if (order < 4) return;
+    evalDirectBand4(x, y, z, zz, out + 16);
+    if (order < 5) return;
+    evalDirectBand5(x, y, z, zz, out + 25);
+    if (order < 6) return;
+    evalDirectBand6(x, y, z, zz, out + 36);
+    if (order < 7) return;
+    evalDirectBand7(x, y, z, zz, out + 49);
+    if (order < 8) return;
+    evalDirectBand8(x, y, z, zz, out + 64);
+    if (order < 9) return;
+    evalDirectBand9(x, y, z, zz, out + 81);
+    if (order < 10) return;
+    evalDirectBand10(x, y, z, zz, out + 100);
+    if (order < 11) return;
+    evalDirectBand11(x, y, z, zz, out + 121);
+    if (order < 12) return;
+    evalDirectBand12(x, y, z, zz, out + 144);
+    if (order < 13) return;
+    evalDirectBand13(x, y, z, zz, out + 169);
+    if (order < 14) return;
+    evalDirectBand14(x, y, z, zz, out + 196);
+    if (order < 15) return;
+    evalDirectBand15(x, y, z, zz, out + 225);
 }
 
 // One band's routine over doubles, rounded to float: the sixteen routines of evalBandDirect.
@@ -91,34 +209,15 @@ void evalBasisDirectScalar(const Directions& dirs, uint32_t order, float* dst)
 
 void evalBasisDirectAvx(const Directions& dirs, uint32_t order, float* dst)
 {
-    constexpr int kLanes = 4;
+    constexpr int kLanes = 8;
     const uint32_t perDirection = (order + 1) * (order + 1);
-    alignas(32) Double4 values[kMaxBasisCount];
+    alignas(32) Double8 values[kMaxBasisCount];
     int i = 0;
     for (; i + kLanes <= dirs.count; i += kLanes) {
-        const Double4 x(_mm256_cvtps_pd(_mm_loadu_ps(dirs.x + i)));
-        const Double4 y(_mm256_cvtps_pd(_mm_loadu_ps(dirs.y + i)));
-        const Double4 z(_mm256_cvtps_pd(_mm_loadu_ps(dirs.z + i)));
+        const Double8 x = widen(dirs.x + i), y = widen(dirs.y + i), z = widen(dirs.z + i);
         evalDirectBands(x, y, z, z * z, order, values);
-        // Four values of one basis function, one per direction: rounded to float, then
-        // transposed four functions at a time into the four directions' runs.
-        float* out = dst + size_t(i) * perDirection;
-        uint32_t k = 0;
-        for (; k + 4 <= perDirection; k += 4) {
-            __m128 f0 = _mm256_cvtpd_ps(values[k].v), f1 = _mm256_cvtpd_ps(values[k + 1].v);
-            __m128 f2 = _mm256_cvtpd_ps(values[k + 2].v), f3 = _mm256_cvtpd_ps(values[k + 3].v);
-            _MM_TRANSPOSE4_PS(f0, f1, f2, f3);
-            _mm_storeu_ps(out + k, f0);
-            _mm_storeu_ps(out + perDirection + k, f1);
-            _mm_storeu_ps(out + 2 * perDirection + k, f2);
-            _mm_storeu_ps(out + 3 * perDirection + k, f3);
-        }
-        for (; k < perDirection; ++k) {
-            alignas(16) float lanes[kLanes];
-            _mm_store_ps(lanes, _mm256_cvtpd_ps(values[k].v));
-            for (int lane = 0; lane < kLanes; ++lane)
-                out[lane * perDirection + k] = lanes[lane];
-        }
+        storeDirectionMajor([&](uint32_t k) { return narrow(values[k]); }, perDirection,
+                            dst + size_t(i) * perDirection);
     }
     evalBasisDirectScalar({dirs.x + i, dirs.y + i, dirs.z + i, dirs.count - i}, order,
                           dst + size_t(i) * perDirection);
@@ -172,24 +271,6 @@ void evalRecurrence(const T& x, const T& y, const T& z, uint32_t order,
     }
 }
 
-struct Float8 {
-    __m256 v;
-    Float8() = default;
-    explicit Float8(__m256 value) : v(value) {}
-};
-inline Float8 operator+(const Float8& a, const Float8& b)
-{
-    return Float8(_mm256_add_ps(a.v, b.v));
-}
-inline Float8 operator-(const Float8& a, const Float8& b)
-{
-    return Float8(_mm256_sub_ps(a.v, b.v));
-}
-inline Float8 operator*(const Float8& a, const Float8& b)
-{
-    return Float8(_mm256_mul_ps(a.v, b.v));
-}
-
 }  // namespace
 
 void evalBasisRecurrenceScalar(const Directions& dirs, uint32_t order,
@@ -207,18 +288,13 @@ void evalBasisRecurrenceAvx(const Directions& dirs, uint32_t order, const Recurr
     constexpr int kLanes = 8;
     const uint32_t perDirection = (order + 1) * (order + 1);
     alignas(32) Float8 values[kMaxBasisCount];
-    alignas(32) float lanes[kLanes];
     int i = 0;
     for (; i + kLanes <= dirs.count; i += kLanes) {
         evalRecurrence(Float8(_mm256_loadu_ps(dirs.x + i)), Float8(_mm256_loadu_ps(dirs.y + i)),
                        Float8(_mm256_loadu_ps(dirs.z + i)), order, tables, values,
                        [](float c) { return Float8(_mm256_set1_ps(c)); });
-        float* out = dst + size_t(i) * perDirection;
-        for (uint32_t k = 0; k < perDirection; ++k) {
-            _mm256_store_ps(lanes, values[k].v);
-            for (int lane = 0; lane < kLanes; ++lane)
-                out[size_t(lane) * perDirection + k] = lanes[lane];
-        }
+        storeDirectionMajor([&](uint32_t k) { return values[k]; }, perDirection,
+                            dst + size_t(i) * perDirection);
     }
     evalBasisRecurrenceScalar({dirs.x + i, dirs.y + i, dirs.z + i, dirs.count - i}, order, tables,
                               dst + size_t(i) * perDirection);

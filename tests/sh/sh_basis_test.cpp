@@ -65,9 +65,9 @@ std::vector<float> evaluateAll(const BasisPath& path, const Directions& d, unsig
     return out;
 }
 
-// Each value within 1e-5 of the largest reference value of its band at that direction: the
-// recurrence carries float rounding through up to 15 steps of two products and a sum
-// (a few 1e-7 relative), and a band's largest value is the natural scale where values cancel.
+// Each value within 1e-5 of the largest reference value of its band at that direction, the
+// natural scale where values cancel: the direct method rounds once (6e-8); the recurrence
+// carries float rounding through 15 steps of two products and a sum, up to ~4e-6 at l = 15.
 void expectNearReference(const std::vector<float>& actual, const Directions& d,
                          const std::string& what)
 {
@@ -125,9 +125,10 @@ TEST_P(ShBasis, GivesTheDocumentedValuesAndExactZerosOnTheAxes)
 }
 
 // Gauss-Legendre in z with 16 nodes is exact to degree 31 and 32 angles resolve |m1 +- m2| up
-// to 30, so the quadrature of every product of two bands up to 15 is exact but for the data:
-// float values good to ~1e-6 of their band's scale and float nodes a rounding off the exact
-// ones. Against functions of unit norm that moves an entry by ~2 x 1e-6 x sqrt(2l + 1) < 2e-5.
+// to 30, so the quadrature of every product of two bands up to 15 is exact but for the data.
+// Float nodes a rounding off the exact ones move an entry by up to ~6e-7; basis values off by
+// up to a few 1e-6 of their band's scale at l = 15 (far less below), weighted against functions
+// of unit norm, add about as much again: 2e-5 leaves room without hiding a wrong constant.
 TEST_P(ShBasis, IsOrthonormalUnderAnExactQuadrature)
 {
     const SphereGrid grid(16, 32);

@@ -189,20 +189,23 @@ struct CallCheck {
 
 // Check k is spoiled together with every later one, the later ones first so that check k's
 // spoil wins where two touch the same argument: only the documented order gives check k's
-// status. A failing call, and one with a negative length, leaves every output as it was.
+// status. Then each check alone, so that one of several checks with the same status cannot hide
+// behind another. A failing call, and one with a negative length, leaves the outputs as they were.
 template <class Call>
 void expectChecksInOrder(const std::vector<CallCheck<Call>>& checks, int method,
                          Status (*run)(Call&))
 {
-    for (size_t k = 0; k < checks.size(); ++k) {
-        Call call(method);
-        for (size_t j = checks.size(); j-- > k;)
-            checks[j].spoil(call);
-        EXPECT_EQ(run(call), checks[k].expected) << checks[k].what << ", method " << method;
-        if (checks[k].expected != StatusOk || call.length < 0) {
-            EXPECT_TRUE(call.outputsUntouched()) << checks[k].what << ", method " << method;
+    for (bool alone : {false, true})
+        for (size_t k = 0; k < checks.size(); ++k) {
+            Call call(method);
+            for (size_t j = alone ? k + 1 : checks.size(); j-- > k;)
+                checks[j].spoil(call);
+            const char* how = alone ? " alone, method " : " and later, method ";
+            EXPECT_EQ(run(call), checks[k].expected) << checks[k].what << how << method;
+            if (checks[k].expected != StatusOk || call.length < 0) {
+                EXPECT_TRUE(call.outputsUntouched()) << checks[k].what << how << method;
+            }
         }
-    }
 }
 
 }  // namespace vekr::test
