@@ -90,7 +90,7 @@ Status entry::vekrSHBand_32f(const float* x, const float* y, const float* z, int
     if (band > sh::kMaxOrder) return StatusOutOfRange;
     if (length == 0) return StatusBadSize;
     if (length < 0) return StatusOk;
-    sh::evalBandDirect({x, y, z, length}, band, dst);
+    sh::evalBandDirectAvx({x, y, z, length}, band, dst);
     return StatusOk;
 }
 

@@ -2,10 +2,7 @@
 
 #include <immintrin.h>
 
-#include <array>
 #include <cstddef>
-
-#include <utility>
 
 namespace vekr::sh {
 
@@ -166,31 +163,24 @@ void evalDirectBands(const T& x, const T& y, const T& z, const T& zz, uint32_t o
     evalDirectBand15(x, y, z, zz, out + 225);
 }
 
-// One band's routine over doubles, rounded to float: the sixteen routines of evalBandDirect.
-template <int kBand>
-void evalOneBandScalar(double x, double y, double z, double zz, float* out)
-{
-    using BandFn = void (*)(const double&, const double&, const double&, const double&, double*);
-    static constexpr BandFn kBands[kMaxOrder + 1] = {
-        evalDirectBand0<double>,  evalDirectBand1<double>,  evalDirectBand2<double>,
-        evalDirectBand3<double>,  evalDirectBand4<double>,  evalDirectBand5<double>,
-        evalDirectBand6<double>,  evalDirectBand7<double>,  evalDirectBand8<double>,
-        evalDirectBand9<double>,  evalDirectBand10<double>, evalDirectBand11<double>,
-        evalDirectBand12<double>, evalDirectBand13<double>, evalDirectBand14<double>,
-        evalDirectBand15<double>};
-    double values[2 * kBand + 1];
-    kBands[kBand](x, y, z, zz, values);
-    for (int i = 0; i < 2 * kBand + 1; ++i)
-        out[i] = float(values[i]);
-}
+// The sixteen band routines, selected by band number once per call.
+template <class T>
+using DirectBandFn = void (*)(const T&, const T&, const T&, const T&, T*);
+template <class T>
+constexpr DirectBandFn<T> kDirectBands[kMaxOrder + 1] = {
+    evalDirectBand0<T>,  evalDirectBand1<T>,  evalDirectBand2<T>,  evalDirectBand3<T>,
+    evalDirectBand4<T>,  evalDirectBand5<T>,  evalDirectBand6<T>,  evalDirectBand7<T>,
+    evalDirectBand8<T>,  evalDirectBand9<T>,  evalDirectBand10<T>, evalDirectBand11<T>,
+    evalDirectBand12<T>, evalDirectBand13<T>, evalDirectBand14<T>, evalDirectBand15<T>};
 
-using OneBandFn = void (*)(double, double, double, double, float*);
-template <int... kBands>
-constexpr auto makeBandTable(std::integer_sequence<int, kBands...>)
+// z^2 as the single-precision product of the float z with itself, widened.
+inline Double8 floatSquareWidened(const float* z)
 {
-    return std::array<OneBandFn, sizeof...(kBands)>{evalOneBandScalar<kBands>...};
+    const __m256 z8 = _mm256_loadu_ps(z);
+    const __m256 zz = _mm256_mul_ps(z8, z8);
+    return {Double4(_mm256_cvtps_pd(_mm256_castps256_ps128(zz))),
+            Double4(_mm256_cvtps_pd(_mm256_extractf128_ps(zz, 1)))};
 }
-constexpr auto kOneBandRoutines = makeBandTable(std::make_integer_sequence<int, kMaxOrder + 1>{});
 
 }  // namespace
 
@@ -223,14 +213,35 @@ void evalBasisDirectAvx(const Directions& dirs, uint32_t order, float* dst)
                           dst + size_t(i) * perDirection);
 }
 
-void evalBandDirect(const Directions& dirs, uint32_t band, float* dst)
+void evalBandDirectScalar(const Directions& dirs, uint32_t band, float* dst)
 {
-    const OneBandFn routine = kOneBandRoutines[band];
+    const DirectBandFn<double> routine = kDirectBands<double>[band];
     const uint32_t perDirection = 2 * band + 1;
+    double values[2 * kMaxOrder + 1];
     for (int i = 0; i < dirs.count; ++i) {
         const float zf = dirs.z[i];
-        routine(dirs.x[i], dirs.y[i], zf, double(zf * zf), dst + size_t(i) * perDirection);
+        routine(dirs.x[i], dirs.y[i], zf, double(zf * zf), values);
+        float* out = dst + size_t(i) * perDirection;
+        for (uint32_t k = 0; k < perDirection; ++k)
+            out[k] = float(values[k]);
     }
+}
+
+void evalBandDirectAvx(const Directions& dirs, uint32_t band, float* dst)
+{
+    constexpr int kLanes = 8;
+    const DirectBandFn<Double8> routine = kDirectBands<Double8>[band];
+    const uint32_t perDirection = 2 * band + 1;
+    alignas(32) Double8 values[2 * kMaxOrder + 1];
+    int i = 0;
+    for (; i + kLanes <= dirs.count; i += kLanes) {
+        routine(widen(dirs.x + i), widen(dirs.y + i), widen(dirs.z + i),
+                floatSquareWidened(dirs.z + i), values);
+        storeDirectionMajor([&](uint32_t k) { return narrow(values[k]); }, perDirection,
+                            dst + size_t(i) * perDirection);
+    }
+    evalBandDirectScalar({dirs.x + i, dirs.y + i, dirs.z + i, dirs.count - i}, band,
+                         dst + size_t(i) * perDirection);
 }
 
 // --- Band recurrence ---------------------------------------------------------------------

@@ -30,7 +30,9 @@ void evalBasisRecurrenceAvx(const Directions& dirs, uint32_t order, const Recurr
                             float* dst);
 
 // 2 band + 1 values per direction (m = -band .. band) of one band by its polynomial routine;
-// from band 2 up z^2 is the single-precision product of z with itself, widened.
-void evalBandDirect(const Directions& dirs, uint32_t band, float* dst);
+// from band 2 up z^2 is the single-precision product of z with itself, widened. The twins
+// give the same bits.
+void evalBandDirectScalar(const Directions& dirs, uint32_t band, float* dst);
+void evalBandDirectAvx(const Directions& dirs, uint32_t band, float* dst);
 
 }  // namespace vekr::sh
