@@ -112,6 +112,33 @@ enum {
     SHMethodRecurrence = 1 /* single-precision recurrence over bands with tables in the state */
 };
 
+/* Extent of a volume in voxels. */
+typedef struct VolumeSize {
+    int32_t width;  /* voxels along x */
+    int32_t height; /* voxels along y */
+    int32_t depth;  /* voxels along z */
+} VolumeSize;
+
+/* A box of voxels: its first voxel and its extent (valid when x, y, z >= 0 and the extents >= 1). */
+typedef struct Cuboid {
+    int32_t x;      /* first voxel along x */
+    int32_t y;      /* first voxel along y */
+    int32_t z;      /* first voxel along z */
+    int32_t width;  /* voxels along x */
+    int32_t height; /* voxels along y */
+    int32_t depth;  /* voxels along z */
+} Cuboid;
+
+/* Interpolation kinds of the volume functions (3 is not a kind). */
+enum {
+    InterpolationNearest = 1,         /* the voxel the position falls in */
+    InterpolationLinear = 2,          /* trilinear */
+    InterpolationCubicLagrange = 4,   /* four-point Lagrange cubic */
+    InterpolationCubicBSpline = 5,    /* cubic B-spline (B = 1, C = 0) */
+    InterpolationCubicCatmullRom = 6, /* Catmull-Rom (B = 0, C = 1/2) */
+    InterpolationCubicB05C03 = 7      /* Mitchell-Netravali cubic with B = 1/2, C = 3/10 */
+};
+
 /* The version record of this build; the same pointer on every call, never null. */
 const LibVersion* vekrGetLibVersion(void);
 
@@ -219,6 +246,56 @@ Status vekrSHTInv_32f_P3(const float* const coeffs[3], unsigned int order, const
 Status vekrSHTInv_32f_P3C3(const float* const coeffs[3], unsigned int order, const float* x,
                            const float* y, const float* z, float* dst, int length,
                            const SHState* state);
+
+/* --- Volumes ------------------------------------------------------------------------------ */
+
+/* Writes the box of the destination that resizing srcVOI by the factors and shifts covers. */
+Status vekrGetResizeCuboid(Cuboid srcVOI, Cuboid* pDstVOI, double xFactor, double yFactor,
+                           double zFactor, double xShift, double yShift, double zShift,
+                           int interpolation);
+
+/* Writes the work-buffer bytes a resize into dstVOI needs (all threads' shares) to *pSize. */
+Status vekrResizeGetBufSize(Cuboid srcVOI, Cuboid dstVOI, int nChannel, int interpolation,
+                            int* pSize);
+
+/* Writes the work-buffer bytes an affine warp needs (none) to *pSize. */
+Status vekrWarpAffineGetBufSize(Cuboid srcVOI, Cuboid dstVOI, int nChannel, int interpolation,
+                                int* pSize);
+
+/* Writes the work-buffer bytes the 3-D filter needs (all threads' shares) to *pSize. */
+Status vekrFilterGetBufSize(VolumeSize dstRoiSize, VolumeSize kernelVolume, int nChannel,
+                            int* pSize);
+
+/* Resizes srcVOI of a volume in one block into dstVOI: d = s * factor + shift per axis. */
+Status vekrResize_8u_C1V(const uint8_t* pSrc, VolumeSize srcVolume, int srcStep,
+                         int srcPlaneStep, Cuboid srcVOI, uint8_t* pDst, int dstStep,
+                         int dstPlaneStep, Cuboid dstVOI, double xFactor, double yFactor,
+                         double zFactor, double xShift, double yShift, double zShift,
+                         int interpolation, uint8_t* pBuffer);
+Status vekrResize_16u_C1V(const uint16_t* pSrc, VolumeSize srcVolume, int srcStep,
+                          int srcPlaneStep, Cuboid srcVOI, uint16_t* pDst, int dstStep,
+                          int dstPlaneStep, Cuboid dstVOI, double xFactor, double yFactor,
+                          double zFactor, double xShift, double yShift, double zShift,
+                          int interpolation, uint8_t* pBuffer);
+Status vekrResize_32f_C1V(const float* pSrc, VolumeSize srcVolume, int srcStep, int srcPlaneStep,
+                          Cuboid srcVOI, float* pDst, int dstStep, int dstPlaneStep,
+                          Cuboid dstVOI, double xFactor, double yFactor, double zFactor,
+                          double xShift, double yShift, double zShift, int interpolation,
+                          uint8_t* pBuffer);
+
+/* As the V forms for volumes given as one pointer per plane with a shared row step. */
+Status vekrResize_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                          Cuboid srcVOI, uint8_t* const pDst[], int dstStep, Cuboid dstVOI,
+                          double xFactor, double yFactor, double zFactor, double xShift,
+                          double yShift, double zShift, int interpolation, uint8_t* pBuffer);
+Status vekrResize_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                           Cuboid srcVOI, uint16_t* const pDst[], int dstStep, Cuboid dstVOI,
+                           double xFactor, double yFactor, double zFactor, double xShift,
+                           double yShift, double zShift, int interpolation, uint8_t* pBuffer);
+Status vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                           Cuboid srcVOI, float* const pDst[], int dstStep, Cuboid dstVOI,
+                           double xFactor, double yFactor, double zFactor, double xShift,
+                           double yShift, double zShift, int interpolation, uint8_t* pBuffer);
 
 #ifdef __cplusplus
 }
