@@ -4,6 +4,7 @@
 #include "frame/entry_points.h"
 #include "vekcore.h"
 #include "volume_geometry.h"
+#include "volume_resize.h"
 
 using namespace vekr;
 
@@ -27,6 +28,17 @@ Status checkBufferQuery(Cuboid srcVOI, Cuboid dstVOI, int nChannel, int interpol
     if (nChannel != 1) return StatusBadChannels;
     if (!volume::isKnownInterpolation(interpolation)) return StatusBadInterpolation;
     return StatusOk;
+}
+
+// The destination-region stage every resize starts with; on StatusOk the region is filled.
+Status resizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid srcVOI, Cuboid dstVOI,
+                    double xFactor, double yFactor, double zFactor, double xShift, double yShift,
+                    double zShift, int interpolation, volume::ResizeRegion& region)
+{
+    const double factor[3] = {xFactor, yFactor, zFactor};
+    const double shift[3] = {xShift, yShift, zShift};
+    return volume::resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI, factor, shift,
+                                       interpolation, region);
 }
 
 }  // namespace
@@ -81,34 +93,101 @@ Status entry::vekrFilterGetBufSize(VolumeSize dstRoiSize, VolumeSize kernelVolum
     return StatusOk;
 }
 
-// The resize kernels are not in yet: every resize runs its checks and writes nothing.
-#define VEKR_RESIZE_STUB_V(name, T)                                                                \
-    Status entry::name(const T* pSrc, VolumeSize srcVolume, int, int, Cuboid srcVOI, T* pDst, int, \
-                       int, Cuboid dstVOI, double xFactor, double yFactor, double zFactor,         \
-                       double xShift, double yShift, double zShift, int interpolation,             \
-                       uint8_t* pBuffer)                                                           \
-    {                                                                                              \
-        const double factor[3] = {xFactor, yFactor, zFactor};                                      \
-        const double shift[3] = {xShift, yShift, zShift};                                          \
-        volume::ResizeRegion region;                                                               \
-        return volume::resolveResizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI,     \
-                                           factor, shift, interpolation, region);                  \
-    }
-#define VEKR_RESIZE_STUB_PV(name, T)                                                           \
-    Status entry::name(const T* const pSrc[], VolumeSize srcVolume, int, Cuboid srcVOI,        \
-                       T* const pDst[], int, Cuboid dstVOI, double xFactor, double yFactor,    \
-                       double zFactor, double xShift, double yShift, double zShift,            \
-                       int interpolation, uint8_t* pBuffer)                                    \
-    {                                                                                          \
-        const double factor[3] = {xFactor, yFactor, zFactor};                                  \
-        const double shift[3] = {xShift, yShift, zShift};                                      \
-        volume::ResizeRegion region;                                                           \
-        return volume::resolveResizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, \
-                                           factor, shift, interpolation, region);              \
-    }
-VEKR_RESIZE_STUB_V(vekrResize_8u_C1V, uint8_t)
-VEKR_RESIZE_STUB_V(vekrResize_16u_C1V, uint16_t)
-VEKR_RESIZE_STUB_V(vekrResize_32f_C1V, float)
-VEKR_RESIZE_STUB_PV(vekrResize_8u_C1PV, uint8_t)
-VEKR_RESIZE_STUB_PV(vekrResize_16u_C1PV, uint16_t)
-VEKR_RESIZE_STUB_PV(vekrResize_32f_C1PV, float)
+// Steps arrive in bytes; the 16u and 32f forms turn them into voxels by an arithmetic shift, so
+// a step that is not a multiple of the voxel size is rounded down.
+
+Status entry::vekrResize_8u_C1V(const uint8_t* pSrc, VolumeSize srcVolume, int srcStep,
+                                int srcPlaneStep, Cuboid srcVOI, uint8_t* pDst, int dstStep,
+                                int dstPlaneStep, Cuboid dstVOI, double xFactor, double yFactor,
+                                double zFactor, double xShift, double yShift, double zShift,
+                                int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolume(volume::blockVolume(pSrc, srcStep, srcPlaneStep), srcVolume,
+                         volume::blockVolume(pDst, dstStep, dstPlaneStep), region, interpolation,
+                         pBuffer);
+    return StatusOk;
+}
+
+Status entry::vekrResize_16u_C1V(const uint16_t* pSrc, VolumeSize srcVolume, int srcStep,
+                                 int srcPlaneStep, Cuboid srcVOI, uint16_t* pDst, int dstStep,
+                                 int dstPlaneStep, Cuboid dstVOI, double xFactor, double yFactor,
+                                 double zFactor, double xShift, double yShift, double zShift,
+                                 int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolume(volume::blockVolume(pSrc, srcStep >> 1, srcPlaneStep >> 1), srcVolume,
+                         volume::blockVolume(pDst, dstStep >> 1, dstPlaneStep >> 1), region,
+                         interpolation, pBuffer);
+    return StatusOk;
+}
+
+Status entry::vekrResize_32f_C1V(const float* pSrc, VolumeSize srcVolume, int srcStep,
+                                 int srcPlaneStep, Cuboid srcVOI, float* pDst, int dstStep,
+                                 int dstPlaneStep, Cuboid dstVOI, double xFactor, double yFactor,
+                                 double zFactor, double xShift, double yShift, double zShift,
+                                 int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolumeInTeam(
+        volume::blockVolume(pSrc, srcStep >> 2, srcPlaneStep >> 2), srcVolume,
+        volume::blockVolume(pDst, dstStep >> 2, dstPlaneStep >> 2), region, interpolation, pBuffer);
+    return StatusOk;
+}
+
+Status entry::vekrResize_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                 Cuboid srcVOI, uint8_t* const pDst[], int dstStep, Cuboid dstVOI,
+                                 double xFactor, double yFactor, double zFactor, double xShift,
+                                 double yShift, double zShift, int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolume(volume::planarVolume(pSrc, srcStep), srcVolume,
+                         volume::planarVolume(pDst, dstStep), region, interpolation, pBuffer);
+    return StatusOk;
+}
+
+Status entry::vekrResize_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                  Cuboid srcVOI, uint16_t* const pDst[], int dstStep, Cuboid dstVOI,
+                                  double xFactor, double yFactor, double zFactor, double xShift,
+                                  double yShift, double zShift, int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolume(volume::planarVolume(pSrc, srcStep >> 1), srcVolume,
+                         volume::planarVolume(pDst, dstStep >> 1), region, interpolation, pBuffer);
+    return StatusOk;
+}
+
+Status entry::vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                  Cuboid srcVOI, float* const pDst[], int dstStep, Cuboid dstVOI,
+                                  double xFactor, double yFactor, double zFactor, double xShift,
+                                  double yShift, double zShift, int interpolation, uint8_t* pBuffer)
+{
+    volume::ResizeRegion region;
+    const Status status =
+        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
+                     xShift, yShift, zShift, interpolation, region);
+    if (status != StatusOk) return status;
+    volume::resizeVolume(volume::planarVolume(pSrc, srcStep >> 2), srcVolume,
+                         volume::planarVolume(pDst, dstStep >> 2), region, interpolation, pBuffer);
+    return StatusOk;
+}

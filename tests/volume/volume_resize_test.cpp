@@ -1,0 +1,566 @@
+// Volume resize against a direct double-precision convolution, identities, the work buffer's
+// bounds, thread counts and the scalar and AVX row kernels.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "resize_exports.h"
+#include "support/guard_buffer.h"
+#include "vekcore.h"
+#include "vekr.h"
+#include "volume/resize_tables.h"
+#include "volume/volume_resize.h"
+
+using vekr::test::FlushEnd;
+using vekr::test::GuardedArray;
+using vekr::test::ResizeExports;
+using vekr::test::ThreadCountScope;
+namespace volume = vekr::volume;
+
+namespace {
+
+constexpr int kKinds[] = {InterpolationNearest,         InterpolationLinear,
+                          InterpolationCubicLagrange,   InterpolationCubicBSpline,
+                          InterpolationCubicCatmullRom, InterpolationCubicB05C03};
+
+// --- Volumes between guard pages --------------------------------------------------------
+
+// A volume whose last voxel touches a guard page. V: one block, rows padded by 3 voxels and
+// planes by one row. PV: each plane in a mapping of its own, so a plane overrun faults too.
+template <class T>
+class TestVolume {
+public:
+    TestVolume(VolumeSize size, bool planar, FlushEnd end = FlushEnd::Back)
+        : size_(size), rowStep_(size.width + 3), planeStep_(rowStep_ * (size.height + 1))
+    {
+        const size_t planeVoxels = size_t(rowStep_) * (size.height - 1) + size.width;
+        if (planar) {
+            for (int z = 0; z < size.depth; ++z) {
+                mappings_.push_back(std::make_unique<GuardedArray<T>>(planeVoxels, end));
+                planes_.push_back(mappings_.back()->data());
+            }
+        } else {
+            mappings_.push_back(std::make_unique<GuardedArray<T>>(
+                size_t(planeStep_) * (size.depth - 1) + planeVoxels, end));
+            for (int z = 0; z < size.depth; ++z)
+                planes_.push_back(mappings_[0]->data() + size_t(planeStep_) * z);
+        }
+        constPlanes_.assign(planes_.begin(), planes_.end());
+    }
+
+    T& at(int x, int y, int z) { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
+    T at(int x, int y, int z) const { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
+    VolumeSize size() const { return size_; }
+    int rowBytes() const { return rowStep_ * int(sizeof(T)); }
+    int planeBytes() const { return planeStep_ * int(sizeof(T)); }
+    T* block() { return planes_[0]; }
+    T* const* planes() { return planes_.data(); }
+    const T* const* constPlanes() const { return constPlanes_.data(); }
+
+    template <class F>
+    void fill(F value)
+    {
+        for (int z = 0; z < size_.depth; ++z)
+            for (int y = 0; y < size_.height; ++y)
+                for (int x = 0; x < size_.width; ++x)
+                    at(x, y, z) = value(x, y, z);
+    }
+    bool sameVoxels(const TestVolume& other) const
+    {
+        for (int z = 0; z < size_.depth; ++z)
+            for (int y = 0; y < size_.height; ++y)
+                if (std::memcmp(&planes_[size_t(z)][size_t(y) * rowStep_],
+                                &other.planes_[size_t(z)][size_t(y) * other.rowStep_],
+                                size_t(size_.width) * sizeof(T)) != 0)
+                    return false;
+        return true;
+    }
+
+private:
+    VolumeSize size_;
+    int rowStep_, planeStep_;
+    std::vector<std::unique_ptr<GuardedArray<T>>> mappings_;
+    std::vector<T*> planes_;
+    std::vector<const T*> constPlanes_;
+};
+
+struct ResizeCase {
+    const char* name;
+    VolumeSize src;
+    Cuboid srcVOI, dstVOI;
+    double factor[3], shift[3];
+};
+
+void PrintTo(const ResizeCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+// The destination volume holds dstVOI with a margin after it.
+VolumeSize dstVolumeOf(const ResizeCase& c)
+{
+    return {c.dstVOI.x + c.dstVOI.width + 2, c.dstVOI.y + c.dstVOI.height + 1,
+            c.dstVOI.z + c.dstVOI.depth + 1};
+}
+
+// A call through the export with a work buffer of exactly the size the query reports at the
+// current thread count, flush against a guard page at either end.
+template <class T>
+Status resizeThroughExport(bool planar, const TestVolume<T>& src, TestVolume<T>& dst,
+                           const ResizeCase& c, int kind, FlushEnd bufferEnd = FlushEnd::Back)
+{
+    int bytes = 0;
+    EXPECT_EQ(vekrResizeGetBufSize(c.srcVOI, c.dstVOI, 1, kind, &bytes), StatusOk);
+    GuardedArray<uint8_t> buffer(size_t(bytes), bufferEnd);
+    if (planar)
+        return ResizeExports<T>::kPV(src.constPlanes(), src.size(), src.rowBytes(), c.srcVOI,
+                                     dst.planes(), dst.rowBytes(), c.dstVOI, c.factor[0],
+                                     c.factor[1], c.factor[2], c.shift[0], c.shift[1], c.shift[2],
+                                     kind, buffer.data());
+    return ResizeExports<T>::kV(src.constPlanes()[0], src.size(), src.rowBytes(), src.planeBytes(),
+                                c.srcVOI, dst.block(), dst.rowBytes(), dst.planeBytes(), c.dstVOI,
+                                c.factor[0], c.factor[1], c.factor[2], c.shift[0], c.shift[1],
+                                c.shift[2], kind, buffer.data());
+}
+
+// --- Reference -------------------------------------------------------------------------
+
+// The destination box a resize writes, per axis [start, end).
+struct Box {
+    int start[3], end[3];
+    bool contains(int x, int y, int z) const
+    {
+        return x >= start[0] && x < end[0] && y >= start[1] && y < end[1] && z >= start[2] &&
+               z < end[2];
+    }
+};
+
+Box writtenBox(const ResizeCase& c)
+{
+    const int srcFirst[3] = {c.srcVOI.x, c.srcVOI.y, c.srcVOI.z};
+    const int srcExtent[3] = {c.srcVOI.width, c.srcVOI.height, c.srcVOI.depth};
+    const int volume[3] = {c.src.width, c.src.height, c.src.depth};
+    const int dstFirst[3] = {c.dstVOI.x, c.dstVOI.y, c.dstVOI.z};
+    const int dstExtent[3] = {c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth};
+    Box box;
+    for (int a = 0; a < 3; ++a) {
+        const double srcEnd = srcFirst[a] + std::min(volume[a] - srcFirst[a], srcExtent[a]);
+        box.start[a] = int(0.4999999999 +
+                           std::max(srcFirst[a] * c.factor[a] + c.shift[a], double(dstFirst[a])));
+        box.end[a] = int(0.5000000001 + std::min(srcEnd * c.factor[a] + c.shift[a],
+                                                 double(dstFirst[a] + dstExtent[a])));
+    }
+    return box;
+}
+
+// Mitchell-Netravali (B, C) cubic, from its general form.
+double mitchellNetravali(double b, double c, double t)
+{
+    t = std::fabs(t);
+    if (t < 1)
+        return ((12 - 9 * b - 6 * c) * t * t * t + (-18 + 12 * b + 6 * c) * t * t + 6 - 2 * b) / 6;
+    if (t < 2)
+        return ((-b - 6 * c) * t * t * t + (6 * b + 30 * c) * t * t + (-12 * b - 48 * c) * t +
+                8 * b + 24 * c) /
+               6;
+    return 0;
+}
+
+// The taps of one destination index on one axis: source indices clamped to the volume, and
+// their weights in double.
+struct AxisTaps {
+    int count = 0;
+    int index[4];
+    double weight[4];
+};
+
+AxisTaps axisTaps(int kind, int i, double factor, double shift, int extent)
+{
+    const double inverse = 1.0 / factor, offset = -shift / factor;
+    auto clampIndex = [extent](double s) { return int(std::clamp(s, 0.0, extent - 1.0)); };
+    AxisTaps taps;
+    if (kind == InterpolationNearest) {
+        taps.count = 1;
+        taps.index[0] = clampIndex(std::trunc((i + 0.5) * inverse + offset - 1e-10));
+        taps.weight[0] = 1;
+        return taps;
+    }
+    const double p = (i + 0.5) * inverse + offset - 0.5;
+    const double base = std::floor(p), f = p - base;
+    if (kind == InterpolationLinear) {
+        taps.count = 2;
+        taps.index[0] = clampIndex(base);
+        taps.index[1] = clampIndex(base + 1);
+        taps.weight[0] = 1 - f;
+        taps.weight[1] = f;
+        return taps;
+    }
+    taps.count = 4;
+    for (int k = 0; k < 4; ++k) {
+        const double at = k - 1;  // tap position relative to base
+        taps.index[k] = clampIndex(base + at);
+        switch (kind) {
+            case InterpolationCubicLagrange: {  // product form through -1, 0, 1, 2
+                double w = 1;
+                for (int m = -1; m <= 2; ++m)
+                    if (m != at) w *= (f - m) / (at - m);
+                taps.weight[k] = w;
+                break;
+            }
+            case InterpolationCubicBSpline:
+                taps.weight[k] = mitchellNetravali(1, 0, at - f);
+                break;
+            case InterpolationCubicCatmullRom:
+                taps.weight[k] = mitchellNetravali(0, 0.5, at - f);
+                break;
+            default:
+                taps.weight[k] = mitchellNetravali(0.5, 0.3, at - f);
+                break;
+        }
+    }
+    return taps;
+}
+
+template <class T>
+double referenceValue(const TestVolume<T>& src, const ResizeCase& c, int kind, int x, int y, int z)
+{
+    const AxisTaps tx = axisTaps(kind, x, c.factor[0], c.shift[0], c.src.width);
+    const AxisTaps ty = axisTaps(kind, y, c.factor[1], c.shift[1], c.src.height);
+    const AxisTaps tz = axisTaps(kind, z, c.factor[2], c.shift[2], c.src.depth);
+    double sum = 0;
+    for (int k = 0; k < tz.count; ++k)
+        for (int j = 0; j < ty.count; ++j)
+            for (int i = 0; i < tx.count; ++i)
+                sum += tz.weight[k] * ty.weight[j] * tx.weight[i] *
+                       double(src.at(tx.index[i], ty.index[j], tz.index[k]));
+    return sum;
+}
+
+template <class T>
+constexpr double kMaxValue = std::is_same_v<T, float> ? 100.0
+                                                      : double(std::numeric_limits<T>::max());
+
+// Allowed distance from the reference. 32f: 2^-20 of the largest source magnitude, 16 float
+// roundings of it (weights rounded to float, then three passes of products and sums; the worst
+// seen is about 4). 8u and 16u: the reference is clamped to the type and the result lies within
+// half a unit of it plus that float error (16u) or, for 8u, the 2^-14 steps of the fixed-point
+// x weights (255 / 16384 < 1/64). Nearest copies exactly.
+template <class T>
+double tolerance(int kind)
+{
+    if (kind == InterpolationNearest) return 0;
+    if constexpr (std::is_same_v<T, float>)
+        return 0x1p-20 * kMaxValue<T>;
+    else if constexpr (std::is_same_v<T, uint8_t>)
+        return 0.5 + 1.0 / 64;
+    else
+        return 0.5 + 0x1p-20 * kMaxValue<T>;
+}
+
+template <class T>
+T randomVoxel(std::mt19937& rng)
+{
+    if constexpr (std::is_same_v<T, float>)
+        return std::uniform_real_distribution<float>(-100.0f, 100.0f)(rng);
+    else
+        return T(std::uniform_int_distribution<int>(0, std::numeric_limits<T>::max())(rng));
+}
+
+template <class T>
+constexpr T kSentinel = T(0xA5);
+
+const ResizeCase kCases[] = {
+    {"Identity", {9, 7, 5}, {0, 0, 0, 9, 7, 5}, {0, 0, 0, 9, 7, 5}, {1, 1, 1}, {0, 0, 0}},
+    {"Double", {5, 4, 3}, {0, 0, 0, 5, 4, 3}, {0, 0, 0, 10, 8, 6}, {2, 2, 2}, {0, 0, 0}},
+    {"Shrink", {19, 13, 9}, {0, 0, 0, 19, 13, 9}, {0, 0, 0, 10, 7, 7}, {0.5, 0.4, 0.75}, {0, 0, 0}},
+    {"NonIntegerShifted",
+     {11, 9, 7},
+     {0, 0, 0, 11, 9, 7},
+     {1, 0, 2, 30, 20, 20},
+     {1.7, 0.63, 1.3},
+     {0.4, -1.3, 2.2}},
+    {"InnerBoxReadsAroundIt",
+     {16, 12, 10},
+     {3, 2, 2, 8, 6, 5},
+     {0, 0, 0, 20, 20, 20},
+     {1.5, 1.5, 1.5},
+     {-2.25, -1.5, -3.0}},
+    {"ThinAxes", {1, 2, 3}, {0, 0, 0, 1, 2, 3}, {0, 0, 0, 6, 8, 8}, {5, 3.5, 2.2}, {0.3, 0, -0.4}},
+    {"ClippedDestination",
+     {10, 10, 6},
+     {0, 0, 0, 10, 10, 6},
+     {4, 3, 2, 11, 9, 7},
+     {2.3, 2.3, 2.3},
+     {0, 0, 0}},
+    {"WideRows",
+     {41, 3, 2},
+     {0, 0, 0, 41, 3, 2},
+     {0, 0, 0, 60, 5, 3},
+     {1.13, 1.4, 1.2},
+     {0.2, 0, 0}},
+    {"LongBorderRuns",
+     {3, 4, 2},
+     {0, 0, 0, 3, 4, 2},
+     {0, 0, 0, 40, 9, 6},
+     {13, 2.2, 2.9},
+     {0, 0, 0}},
+};
+
+class VolumeResize : public testing::TestWithParam<ResizeCase> {};
+
+// Every kind through V and PV on one thread, with source, destination and work buffer flush
+// against guard pages: values near the reference inside the written box, the sentinel
+// everywhere else, and V and PV byte for byte the same.
+template <class T>
+void expectNearReference(const ResizeCase& c, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    TestVolume<T> srcV(c.src, false), srcPV(c.src, true, FlushEnd::Front);
+    srcV.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+    srcPV.fill([&](int x, int y, int z) { return srcV.at(x, y, z); });
+    const Box box = writtenBox(c);
+    const VolumeSize dstSize = dstVolumeOf(c);
+    for (int kind : kKinds) {
+        TestVolume<T> dstV(dstSize, false), dstPV(dstSize, true);
+        dstV.fill([](int, int, int) { return kSentinel<T>; });
+        dstPV.fill([](int, int, int) { return kSentinel<T>; });
+        ASSERT_EQ(resizeThroughExport(false, srcV, dstV, c, kind), StatusOk) << "kind " << kind;
+        ASSERT_EQ(resizeThroughExport(true, srcPV, dstPV, c, kind, FlushEnd::Front), StatusOk);
+        EXPECT_TRUE(dstV.sameVoxels(dstPV)) << "kind " << kind;
+        const double tol = tolerance<T>(kind);
+        for (int z = 0; z < dstSize.depth; ++z)
+            for (int y = 0; y < dstSize.height; ++y)
+                for (int x = 0; x < dstSize.width; ++x) {
+                    const double actual = double(dstV.at(x, y, z));
+                    if (!box.contains(x, y, z)) {
+                        ASSERT_EQ(actual, double(kSentinel<T>))
+                            << "written outside the box at " << x << "," << y << "," << z;
+                        continue;
+                    }
+                    double expected = referenceValue(srcV, c, kind, x, y, z);
+                    if (!std::is_same_v<T, float>)
+                        expected = std::clamp(expected, 0.0, kMaxValue<T>);
+                    ASSERT_NEAR(actual, expected, tol)
+                        << "kind " << kind << " at " << x << "," << y << "," << z;
+                }
+    }
+}
+
+TEST_P(VolumeResize, MatchesDoublePrecisionReferenceWithinTheReportedBuffer)
+{
+    const ThreadCountScope oneThread(1);
+    expectNearReference<uint8_t>(GetParam(), 1);
+    expectNearReference<uint16_t>(GetParam(), 2);
+    expectNearReference<float>(GetParam(), 3);
+}
+
+// A constant stays constant: exactly for the integer types and for nearest and linear (the
+// linear blend a + f (b - a) and the 8u fixed-point weights reproduce equal taps), within
+// float rounding of the weights' sum for 32f cubic.
+template <class T>
+void expectConstantStaysConstant(const ResizeCase& c, T value)
+{
+    TestVolume<T> src(c.src, false);
+    src.fill([&](int, int, int) { return value; });
+    const Box box = writtenBox(c);
+    for (int kind : kKinds) {
+        TestVolume<T> dst(dstVolumeOf(c), false);
+        ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
+        const bool exact = !std::is_same_v<T, float> || kind <= InterpolationLinear;
+        for (int z = box.start[2]; z < box.end[2]; ++z)
+            for (int y = box.start[1]; y < box.end[1]; ++y)
+                for (int x = box.start[0]; x < box.end[0]; ++x)
+                    ASSERT_NEAR(double(dst.at(x, y, z)), double(value),
+                                exact ? 0.0 : 0x1p-21 * double(value))
+                        << "kind " << kind << " at " << x << "," << y << "," << z;
+    }
+}
+
+TEST_P(VolumeResize, ConstantVolumeStaysConstant)
+{
+    const ThreadCountScope oneThread(1);
+    expectConstantStaysConstant<uint8_t>(GetParam(), 201);
+    expectConstantStaysConstant<uint8_t>(GetParam(), 255);
+    expectConstantStaysConstant<uint16_t>(GetParam(), 54321);
+    expectConstantStaysConstant<float>(GetParam(), 3.7f);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, VolumeResize, testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// Factor 1 and no shift put every sample on a voxel (fraction 0): nearest, linear and
+// Catmull-Rom (weights 0, 1, 0, 0) copy the box bit for bit, also where the taps beside it lie
+// outside the box or the volume.
+template <class T>
+void expectFactorOneCopies()
+{
+    std::mt19937 rng(7);
+    TestVolume<T> src({9, 7, 5}, false);
+    src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+    for (const Cuboid box : {Cuboid{2, 1, 1, 5, 4, 3}, Cuboid{0, 0, 0, 9, 7, 5}})
+        for (int kind : {InterpolationNearest, InterpolationLinear, InterpolationCubicCatmullRom}) {
+            const ResizeCase c = {"", src.size(), box, box, {1, 1, 1}, {0, 0, 0}};
+            TestVolume<T> dst(src.size(), false);
+            ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
+            for (int z = box.z; z < box.z + box.depth; ++z)
+                for (int y = box.y; y < box.y + box.height; ++y)
+                    for (int x = box.x; x < box.x + box.width; ++x)
+                        ASSERT_EQ(dst.at(x, y, z), src.at(x, y, z))
+                            << "kind " << kind << " at " << x << "," << y << "," << z;
+        }
+}
+
+TEST(VolumeResizeIdentity, FactorOneCopiesTheBox)
+{
+    const ThreadCountScope oneThread(1);
+    expectFactorOneCopies<uint8_t>();
+    expectFactorOneCopies<uint16_t>();
+    expectFactorOneCopies<float>();
+}
+
+// Next to a step from 0 to 255 the cubics with negative lobes overshoot both ways; 8u output
+// saturates there instead of wrapping.
+TEST(VolumeResizeIdentity, Cubic8uSaturatesAtSharpEdges)
+{
+    const ThreadCountScope oneThread(1);
+    TestVolume<uint8_t> src({8, 2, 2}, false);
+    src.fill([](int x, int, int) { return uint8_t(x < 4 ? 0 : 255); });
+    const ResizeCase c = {"",        src.size(), {0, 0, 0, 8, 2, 2}, {0, 0, 0, 24, 2, 2},
+                          {3, 1, 1}, {0, 0, 0}};
+    for (int kind :
+         {InterpolationCubicLagrange, InterpolationCubicCatmullRom, InterpolationCubicB05C03}) {
+        TestVolume<uint8_t> dst(dstVolumeOf(c), false);
+        ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
+        int over = 0, under = 0;
+        for (int x = 0; x < 24; ++x) {
+            const double ref = referenceValue(src, c, kind, x, 0, 0);
+            const int expected = ref > 255.5 ? 255 : ref < -0.5 ? 0 : -1;
+            if (expected < 0) continue;
+            ++(expected == 255 ? over : under);
+            EXPECT_EQ(dst.at(x, 0, 0), expected) << "kind " << kind << " x " << x;
+        }
+        EXPECT_GT(over, 0) << "kind " << kind;
+        EXPECT_GT(under, 0) << "kind " << kind;
+    }
+}
+
+// 32f V forks a team for boxes of 16 or more on each axis. Every team size writes the same
+// bytes as one thread, each member within its own share of a buffer of exactly the reported
+// size; the destination box is the covered one, the largest a buffer of that size serves.
+TEST(VolumeResizeThreads, TeamsMatchOneThreadWithinTheirBufferShares)
+{
+    std::mt19937 rng(11);
+    TestVolume<float> src({12, 11, 10}, false);
+    src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
+    ResizeCase c = {"", src.size(), {0, 0, 0, 12, 11, 10}, {}, {1.7, 1.6, 1.9}, {0.3, -0.2, 0.1}};
+    ASSERT_EQ(vekrGetResizeCuboid(c.srcVOI, &c.dstVOI, c.factor[0], c.factor[1], c.factor[2],
+                                  c.shift[0], c.shift[1], c.shift[2], InterpolationLinear),
+              StatusOk);
+    ASSERT_GE(std::min({c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth}), 16);
+    for (int kind : kKinds) {
+        TestVolume<float> one(dstVolumeOf(c), false);
+        {
+            const ThreadCountScope threads(1);
+            ASSERT_EQ(resizeThroughExport(false, src, one, c, kind), StatusOk);
+        }
+        for (int threads : {2, 3})
+            for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+                const ThreadCountScope scope(threads);
+                TestVolume<float> team(dstVolumeOf(c), false);
+                ASSERT_EQ(resizeThroughExport(false, src, team, c, kind, end), StatusOk);
+                EXPECT_TRUE(team.sameVoxels(one)) << "kind " << kind << ", threads " << threads;
+            }
+    }
+}
+
+// --- White box: twins and buffer carving ------------------------------------------------
+
+// The whole resize with the Scalar and with the Avx row kernels (with ordinary and with
+// streaming stores), over destination widths across the 8-lane steps and their tails and
+// rows at every alignment, with border runs on every axis.
+template <class T>
+void expectAvxMatchesScalar(int kind)
+{
+    std::mt19937 rng{unsigned(kind)};
+    for (int srcWidth = 1; srcWidth <= 34; ++srcWidth) {
+        const VolumeSize srcSize = {srcWidth, 5, 4};
+        TestVolume<T> src(srcSize, false);
+        src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+        const Cuboid srcVOI = {0, 0, 0, srcWidth, 5, 4};
+        const Cuboid dstVOI = {srcWidth % 8, 0, 0, 64, 8, 8};
+        const double factor[3] = {1.37, 0.8, 1.5}, shift[3] = {0.21 + dstVOI.x, -0.3, 0.4};
+        volume::ResizeRegion region;
+        ASSERT_EQ(
+            volume::resolveResizeRegion(true, srcSize, srcVOI, dstVOI, factor, shift, kind, region),
+            StatusOk);
+        std::vector<uint8_t> buffer(volume::resizeBufferBytesPerThread(64, 8, 8, kind));
+        const int voxelBytes = int(sizeof(T));
+        const auto srcView = volume::blockVolume(src.constPlanes()[0], src.rowBytes() / voxelBytes,
+                                                 src.planeBytes() / voxelBytes);
+        const int depth = region.axis[2].dstEnd - region.axis[2].dstStart;
+        std::vector<std::unique_ptr<TestVolume<T>>> results;
+        for (const auto& kernels : {volume::scalarRowKernels<T>(), volume::avxRowKernels<T>(false),
+                                    volume::avxRowKernels<T>(true)}) {
+            results.push_back(std::make_unique<TestVolume<T>>(VolumeSize{72, 8, 8}, false));
+            TestVolume<T>& dst = *results.back();
+            dst.fill([](int, int, int) { return kSentinel<T>; });
+            volume::resizeSlices(srcView, srcSize,
+                                 volume::blockVolume(dst.block(), dst.rowBytes() / voxelBytes,
+                                                     dst.planeBytes() / voxelBytes),
+                                 region, kind, buffer.data(), 0, depth, kernels);
+        }
+        for (size_t r = 1; r < results.size(); ++r)
+            ASSERT_TRUE(results[r]->sameVoxels(*results[0]))
+                << "kind " << kind << ", source width " << srcWidth
+                << (r == 2 ? ", streaming" : "");
+    }
+}
+
+TEST(ResizeRowKernels, AvxTwinsMatchScalarBitForBit)
+{
+    for (int kind : kKinds) {
+        expectAvxMatchesScalar<uint8_t>(kind);
+        expectAvxMatchesScalar<uint16_t>(kind);
+        expectAvxMatchesScalar<float>(kind);
+    }
+}
+
+// Every area of a carved share starts on a 64-byte boundary and the whole ends within the
+// per-thread size the query reports, wherever the share starts.
+TEST(ResizeWorkspace, CarvedAreasFitTheReportedShareAtAnyAlignment)
+{
+    for (int kind : kKinds)
+        for (bool fixedPointX : {false, true})
+            for (int width : {1, 2, 15, 16, 17, 31, 48, 63, 64, 65, 100, 257})
+                for (int height : {1, 3, 16, 17})
+                    for (int depth : {1, 2, 65}) {
+                        const uint32_t budget =
+                            volume::resizeBufferBytesPerThread(width, height, depth, kind);
+                        std::vector<uint8_t> storage(budget + 128);
+                        uint8_t* aligned = storage.data() +
+                                           (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64);
+                        for (int misalign = 0; misalign < 64; ++misalign) {
+                            const volume::ResizeWorkspace ws = volume::carveResizeWorkspace(
+                                aligned + misalign, width, height, depth, kind, fixedPointX);
+                            ASSERT_LE(ws.bytesUsed, budget)
+                                << "kind " << kind << ", box " << width << "x" << height << "x"
+                                << depth << ", misaligned by " << misalign;
+                            for (const void* area : {static_cast<const void*>(ws.axis[0].base),
+                                                     static_cast<const void*>(ws.axis[2].base),
+                                                     static_cast<const void*>(ws.rowSlots),
+                                                     static_cast<const void*>(ws.planeSlots)})
+                                ASSERT_EQ(reinterpret_cast<uintptr_t>(area) % 64, 0u);
+                        }
+                    }
+}
+
+}  // namespace
