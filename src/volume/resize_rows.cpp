@@ -186,10 +186,14 @@ inline void storeVoxels(T* out, Packed packed)
         else
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed);
     } else {
-        if constexpr (kStream)
-            _mm_stream_si64(reinterpret_cast<long long*>(out), _mm_cvtsi128_si64(packed));
-        else
+        if constexpr (kStream) {
+            // Two 32-bit streaming stores: the 64-bit one exists only on x86-64.
+            _mm_stream_si32(reinterpret_cast<int*>(out), _mm_cvtsi128_si32(packed));
+            _mm_stream_si32(reinterpret_cast<int*>(out) + 1,
+                            _mm_cvtsi128_si32(_mm_srli_si128(packed, 4)));
+        } else {
             _mm_storel_epi64(reinterpret_cast<__m128i*>(out), packed);
+        }
     }
 }
 

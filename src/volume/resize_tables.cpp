@@ -9,9 +9,13 @@ namespace {
 
 constexpr std::uintptr_t kAreaAlignment = 64;
 
-// Bases of huge positions are held here: any tap of such an entry clamps to the volume, and
-// base + 2 stays far from overflow.
-constexpr double kBaseLimit = 1073741824.0;  // 2^30
+// Bases are held within [-2, N] (N the source extent): every tap of an entry beyond those
+// limits lies outside the volume and clamps to the same edge voxel either way, and base + 2
+// cannot overflow.
+double baseCeiling(int32_t srcExtent)
+{
+    return double(srcExtent < INT32_MAX - 2 ? srcExtent : INT32_MAX - 2);
+}
 
 // Hands out consecutive areas of a share, each starting on a 64-byte boundary.
 class ShareCarver {
@@ -63,13 +67,14 @@ void fillInterpolatedAxis(AxisTable& t, const AxisMapping& m, int taps)
 {
     const double interiorFirst = taps == 4 ? 1.0 : 0.0;
     const double interiorEnd = double(t.srcExtent) - (taps == 4 ? 2.0 : 1.0);
+    const double ceiling = baseCeiling(t.srcExtent);
     t.lead = 0;
     int lastInterior = -1;
     for (int j = 0; j < t.count; ++j) {
         const double p = (double(m.dstStart + j) + 0.5) * m.inverseFactor + m.offset - 0.5;
         const double floorP = std::floor(p);
-        const double clamped = floorP < -kBaseLimit ? -kBaseLimit : floorP;
-        t.base[j] = p == p ? int32_t(clamped < kBaseLimit ? clamped : kBaseLimit) : 0;
+        const double clamped = floorP < -2.0 ? -2.0 : floorP;
+        t.base[j] = p == p ? int32_t(clamped < ceiling ? clamped : ceiling) : 0;
         t.fraction[j] = float(p - floorP);
         if (!(p >= interiorFirst))
             t.lead = j + 1;

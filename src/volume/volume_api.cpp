@@ -14,17 +14,12 @@ static_assert(sizeof(Cuboid) == 24 && offsetof(Cuboid, width) == 12 &&
 
 namespace {
 
-bool cuboidValid(const Cuboid& c)
-{
-    return c.x >= 0 && c.width >= 1 && c.y >= 0 && c.height >= 1 && c.z >= 0 && c.depth >= 1;
-}
-
 // The checks both resize-related buffer queries share, in their order.
 Status checkBufferQuery(Cuboid srcVOI, Cuboid dstVOI, int nChannel, int interpolation,
                         const int* pSize)
 {
     if (pSize == nullptr) return StatusNullPointer;
-    if (!cuboidValid(srcVOI) || !cuboidValid(dstVOI)) return StatusBadSize;
+    if (!volume::cuboidValid(srcVOI) || !volume::cuboidValid(dstVOI)) return StatusBadSize;
     if (nChannel != 1) return StatusBadChannels;
     if (!volume::isKnownInterpolation(interpolation)) return StatusBadInterpolation;
     return StatusOk;
@@ -48,7 +43,7 @@ Status entry::vekrGetResizeCuboid(Cuboid srcVOI, Cuboid* pDstVOI, double xFactor
                                   int interpolation)
 {
     if (pDstVOI == nullptr) return StatusNullPointer;
-    if (!cuboidValid(srcVOI)) return StatusBadSize;
+    if (!volume::cuboidValid(srcVOI)) return StatusBadSize;
     if (!(xFactor > 0.0) || !(yFactor > 0.0) || !(zFactor > 0.0)) return StatusBadScale;
     if (!volume::isKnownInterpolation(interpolation)) return StatusBadInterpolation;
     const double factor[3] = {xFactor, yFactor, zFactor};

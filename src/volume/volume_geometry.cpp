@@ -11,11 +11,6 @@ namespace {
 constexpr double kStartRounding = 0.4999999999;
 constexpr double kEndRounding = 0.5000000001;
 
-bool cuboidValid(const Cuboid& c)
-{
-    return c.x >= 0 && c.width >= 1 && c.y >= 0 && c.height >= 1 && c.z >= 0 && c.depth >= 1;
-}
-
 int32_t first(const Cuboid& c, int a)
 {
     return a == 0 ? c.x : a == 1 ? c.y : c.z;
@@ -53,6 +48,11 @@ int32_t truncToInt(double v)
 }
 
 }  // namespace
+
+bool cuboidValid(const Cuboid& c)
+{
+    return c.x >= 0 && c.width >= 1 && c.y >= 0 && c.height >= 1 && c.z >= 0 && c.depth >= 1;
+}
 
 bool isKnownInterpolation(int interpolation)
 {
@@ -103,8 +103,11 @@ Status resolveResizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid sr
         const double dstFirst = first(dstVOI, a);
         const double dstLast = dstFirst + extent(dstVOI, a);
         AxisMapping& m = r.axis[a];
-        m.dstStart = truncToInt(kStartRounding + std::max(srcFirst * f + s, dstFirst));
-        m.dstEnd = truncToInt(kEndRounding + std::min(srcEnd * f + s, dstLast));
+        // Written so that a NaN end point (an infinite factor times 0) takes the destination
+        // box's bound: the written box never leaves dstVOI.
+        const double low = srcFirst * f + s, high = srcEnd * f + s;
+        m.dstStart = truncToInt(kStartRounding + (low > dstFirst ? low : dstFirst));
+        m.dstEnd = truncToInt(kEndRounding + (high < dstLast ? high : dstLast));
         m.inverseFactor = 1.0 / f;
         m.offset = -s / f;
     }
@@ -131,8 +134,10 @@ uint32_t resizeBufferBytesPerThread(int32_t width, int32_t height, int32_t depth
 
 uint32_t filterBufferBytesPerThread(int32_t width, VolumeSize kernel)
 {
-    return uint32_t(32 * ((kernel.width + 1) / 2) * kernel.height * kernel.depth +
-                    64 * ((width + 15) / 16) + 64);
+    // Unsigned 32-bit arithmetic: huge extents wrap instead of overflowing.
+    const uint32_t halfWidth = (uint32_t(kernel.width) + 1) / 2;
+    return 32 * halfWidth * uint32_t(kernel.height) * uint32_t(kernel.depth) +
+           64 * ((uint32_t(width) + 15) / 16) + 64;
 }
 
 }  // namespace vekr::volume

@@ -10,6 +10,9 @@ namespace vekr::volume {
 
 constexpr int kAxes = 3;  // x, y, z
 
+// x, y, z >= 0 and every extent >= 1.
+bool cuboidValid(const Cuboid& c);
+
 bool isKnownInterpolation(int interpolation);
 bool isCubicInterpolation(int interpolation);
 

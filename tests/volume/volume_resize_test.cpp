@@ -307,6 +307,12 @@ const ResizeCase kCases[] = {
      {0, 0, 0, 60, 5, 3},
      {1.13, 1.4, 1.2},
      {0.2, 0, 0}},
+    {"SourceBoxPastTheVolume",
+     {10, 8, 6},
+     {4, 3, 2, 20, 20, 20},
+     {0, 0, 0, 24, 22, 16},
+     {1.6, 1.9, 2.1},
+     {-3.0, -2.5, -1.0}},
     {"LongBorderRuns",
      {3, 4, 2},
      {0, 0, 0, 3, 4, 2},
@@ -417,6 +423,27 @@ void expectFactorOneCopies()
                         ASSERT_EQ(dst.at(x, y, z), src.at(x, y, z))
                             << "kind " << kind << " at " << x << "," << y << "," << z;
         }
+}
+
+// An infinite factor makes the source box's first edge 0 * inf = NaN: the written box must
+// still stay inside dstVOI and the work within the reported buffer.
+TEST(VolumeResizeIdentity, InfiniteFactorStaysInsideTheDestinationBox)
+{
+    const ThreadCountScope oneThread(1);
+    TestVolume<uint8_t> src({8, 8, 8}, false);
+    src.fill([](int x, int y, int z) { return uint8_t(x + y + z); });
+    const ResizeCase c = {
+        "", src.size(), {0, 0, 0, 8, 8, 8}, {5, 0, 0, 6, 4, 4}, {INFINITY, 1, 1}, {0, 0, 0}};
+    for (int kind : kKinds) {
+        TestVolume<uint8_t> dst(dstVolumeOf(c), false);
+        dst.fill([](int, int, int) { return kSentinel<uint8_t>; });
+        resizeThroughExport(false, src, dst, c, kind);
+        for (int z = 0; z < dst.size().depth; ++z)
+            for (int y = 0; y < dst.size().height; ++y)
+                for (int x = 0; x < c.dstVOI.x; ++x)
+                    ASSERT_EQ(dst.at(x, y, z), kSentinel<uint8_t>)
+                        << "kind " << kind << " at " << x << "," << y << "," << z;
+    }
 }
 
 TEST(VolumeResizeIdentity, FactorOneCopiesTheBox)
