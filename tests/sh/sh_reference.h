@@ -1,5 +1,4 @@
-// Independent long-double spherical-harmonic reference, direction sets, a sphere quadrature
-// grid and state buffers for the spherical-harmonic tests.
+// Long-double spherical-harmonic reference, directions, an exact quadrature and states.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,17 +6,20 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstring>
+#include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
+#include "support/float_bits.h"
 #include "vekcore.h"
 #include "vekr.h"
 
 namespace vekr::test {
 
-constexpr unsigned kMaxShOrder = 15;
-constexpr int kMaxShCount = int((kMaxShOrder + 1) * (kMaxShOrder + 1));
+constexpr int kMaxShCount = 256;                    // (15 + 1)^2 values per direction
+inline const float kY00 = bitsToFloat(0x3E906EBB);  // 1 / (2 sqrt(pi)) as the library holds it
+inline const float kSentinel = bitsToFloat(0x7FC0DEAD);
 
 inline int shCount(unsigned order)
 {
@@ -32,31 +34,21 @@ struct Directions {
     void add(double dx, double dy, double dz)
     {
         const double r = std::sqrt(dx * dx + dy * dy + dz * dz);
-        x.push_back(float(dx / r));
-        y.push_back(float(dy / r));
-        z.push_back(float(dz / r));
+        x.push_back(float(dx / r)), y.push_back(float(dy / r)), z.push_back(float(dz / r));
     }
 };
 
-// Poles, axes, the equator, near-pole and diagonal directions, then random ones.
+// Poles, axes, diagonals, the equator and directions a hair off the poles (where the float z
+// rounds to within an ulp of 1, so 1 - z*z no longer matches x*x + y*y), then random ones.
 inline Directions testDirections(int randomCount, unsigned seed)
 {
     Directions d;
     for (int s : {1, -1}) {
-        d.add(0, 0, s);
-        d.add(s, 0, 0);
-        d.add(0, s, 0);
-        d.add(s, s, s);
-        d.add(-s, s, 0.25 * s);
-        // A hair off the pole: the float z rounds to within an ulp of 1, so 1 - z*z no longer
-        // matches x*x + y*y.
-        d.add(3e-4, -2e-4 * s, s);
-        d.add(1e-20 * s, 1e-20, 1);
+        d.add(0, 0, s), d.add(s, 0, 0), d.add(0, s, 0), d.add(s, s, s), d.add(-s, s, 0.25 * s);
+        d.add(3e-4, -2e-4 * s, s), d.add(1e-20 * s, 1e-20, 1);
     }
-    for (int k = 0; k < 11; ++k) {
-        const double phi = 2 * M_PI * k / 11 + 0.1;
-        d.add(std::cos(phi), std::sin(phi), 0);
-    }
+    for (int k = 0; k < 11; ++k)
+        d.add(std::cos(2 * M_PI * k / 11 + 0.1), std::sin(2 * M_PI * k / 11 + 0.1), 0);
     std::mt19937 rng(seed);
     std::normal_distribution<double> g;
     for (int i = 0; i < randomCount; ++i) {
@@ -66,44 +58,34 @@ inline Directions testDirections(int randomCount, unsigned seed)
     return d;
 }
 
-// The real orthonormal basis with the Condon-Shortley phase at the float direction widened, up
-// to band order, index l*l + l + m. P(l,m) comes from the Legendre recurrence in z with the
-// sin^m(theta) factor kept apart: sin^m(theta) cos(m phi) and sin^m(theta) sin(m phi) are the
-// real and imaginary parts of (x + iy)^m, equal on the unit sphere and, on a float vector a
-// rounding off unit length, the form a polynomial evaluation follows too (near the poles
-// sqrt(1 - z*z) and hypot(x, y) can differ by tens of percent).
-inline std::vector<long double> referenceBasis(float xf, float yf, float zf, unsigned order)
+// The real orthonormal basis with the Condon-Shortley phase, index l*l + l + m: the Legendre
+// recurrence in z times {Re, Im} (x + iy)^m for sin^m(theta) {cos, sin}(m phi), the form the
+// polynomials keep off unit length. T may be complex, to bound the polynomials' terms.
+template <class T = long double>
+std::vector<T> referenceBasis(std::type_identity_t<T> x, std::type_identity_t<T> y,
+                              std::type_identity_t<T> z, unsigned order)
 {
     const int L = int(order);
-    const long double x = xf, y = yf, z = zf;
     const long double pi = 3.141592653589793238462643383279502884L;
-    std::vector<long double> out(size_t((L + 1) * (L + 1)));
-    long double re = 1, im = 0;  // (x + iy)^m
-    long double pmm = 1;         // (-1)^m (2m - 1)!!
+    std::vector<T> out(size_t((L + 1) * (L + 1)));
+    T re = 1, im = 0, pmm = 1;  // (x + iy)^m and (-1)^m (2m - 1)!!
     for (int m = 0; m <= L; ++m) {
         if (m > 0) {
-            const long double r = re * x - im * y;
-            im = re * y + im * x;
-            re = r;
-            pmm *= -(2 * m - 1);
+            const T r = re * x - im * y;
+            im = re * y + im * x, re = r, pmm *= -(2.0L * m - 1);
         }
-        long double q2 = 0, q1 = pmm;  // P(l - 2, m), P(l - 1, m) without sin^m
+        T q2 = 0, q1 = pmm;  // P(l - 2, m), P(l - 1, m) without sin^m
         for (int l = m; l <= L; ++l) {
-            long double q = q1;
-            if (l == m + 1) q = z * (2 * m + 1) * pmm;
-            if (l >= m + 2) q = ((2 * l - 1) * z * q1 - (l + m - 1) * q2) / (l - m);
+            T q = q1;
+            if (l == m + 1) q = z * (2.0L * m + 1) * pmm;
+            if (l >= m + 2) q = ((2.0L * l - 1) * z * q1 - (l + m - 1.0L) * q2) / (l - m + 0.0L);
             if (l > m) q2 = q1, q1 = q;
             long double ratio = 1;  // (l - m)! / (l + m)!
             for (int k = l - m + 1; k <= l + m; ++k)
                 ratio /= k;
-            const long double k = std::sqrt((2 * l + 1) / (4 * pi) * ratio);
-            const size_t centre = size_t(l * l + l);
-            if (m == 0) {
-                out[centre] = k * q;
-            } else {
-                out[centre + size_t(m)] = std::sqrt(2.0L) * k * q * re;
-                out[centre - size_t(m)] = std::sqrt(2.0L) * k * q * im;
-            }
+            const long double k = std::sqrt((m ? 2 : 1) * (2 * l + 1) / (4 * pi) * ratio);
+            out[size_t(l * l + l + m)] = k * q * re;
+            if (m > 0) out[size_t(l * l + l - m)] = k * q * im;
         }
     }
     return out;
@@ -118,9 +100,8 @@ inline long double bandMax(const std::vector<long double>& ref, int l)
     return largest;
 }
 
-// Gauss-Legendre nodes in z times uniform angles in phi, with weights summing to 4 pi. Exact
-// for a product of two basis functions of bands up to zNodes - 1 when phiCount exceeds their
-// summed orders: terms with m1 + m2 odd (not polynomial in z) average to zero over phi.
+// Gauss-Legendre nodes in z times uniform angles in phi, weights summing to 4 pi: exact for a
+// product of two basis functions of bands below zNodes when phiCount exceeds their summed orders.
 struct SphereGrid {
     Directions dirs;
     std::vector<long double> weight;
@@ -141,71 +122,27 @@ struct SphereGrid {
                 z -= step;
                 if (std::fabs(step) < 1e-19L) break;
             }
-            const long double w = 2 / ((1 - z * z) * dp * dp) * (2 * pi / phiCount);
             const long double s = std::sqrt(1 - z * z);
             for (int j = 0; j < phiCount; ++j) {
                 const long double phi = 2 * pi * (j + 0.5L) / phiCount;
                 dirs.x.push_back(float(s * std::cos(phi)));
                 dirs.y.push_back(float(s * std::sin(phi)));
                 dirs.z.push_back(float(z));
-                weight.push_back(w);
+                weight.push_back(2 / ((1 - z * z) * dp * dp) * (2 * pi / phiCount));
             }
         }
     }
 };
 
-// A state in a block of the library's allocator (64-byte aligned), starting offset bytes in.
-class ShStateBuffer {
-public:
-    ShStateBuffer(unsigned order, int method, size_t offset = 0) : offset_(offset)
-    {
-        int size = 0;
-        EXPECT_EQ(vekrSHGetSize_32f(order, method, &size), StatusOk);
-        size_ = size_t(std::max(size, 16));
-        block_ = static_cast<unsigned char*>(vekMalloc(size_ + offset_));
-        EXPECT_EQ(vekrSHInit_32f(bytes(), order, method), StatusOk);
-    }
-    ~ShStateBuffer() { vekFree(block_); }
-    ShStateBuffer(const ShStateBuffer&) = delete;
-    ShStateBuffer& operator=(const ShStateBuffer&) = delete;
-
-    unsigned char* bytes() { return block_ + offset_; }
-    size_t size() const { return size_; }
-    SHState* state() { return reinterpret_cast<SHState*>(bytes()); }
-
-private:
-    size_t offset_;
-    size_t size_ = 0;
-    unsigned char* block_ = nullptr;
-};
-
-// One documented check of an entry function: how to make a valid call fail it, and the status.
-template <class Call>
-struct CallCheck {
-    const char* what;
-    void (*spoil)(Call&);
-    Status expected;
-};
-
-// Check k is spoiled together with every later one, the later ones first so that check k's
-// spoil wins where two touch the same argument: only the documented order gives check k's
-// status. Then each check alone, so that one of several checks with the same status cannot hide
-// behind another. A failing call, and one with a negative length, leaves the outputs as they were.
-template <class Call>
-void expectChecksInOrder(const std::vector<CallCheck<Call>>& checks, int method,
-                         Status (*run)(Call&))
+// An initialised state in a block of the library's allocator (64-byte aligned).
+using ShState = std::unique_ptr<SHState, void (*)(void*)>;
+inline ShState makeState(unsigned order, int method)
 {
-    for (bool alone : {false, true})
-        for (size_t k = 0; k < checks.size(); ++k) {
-            Call call(method);
-            for (size_t j = alone ? k + 1 : checks.size(); j-- > k;)
-                checks[j].spoil(call);
-            const char* how = alone ? " alone, method " : " and later, method ";
-            EXPECT_EQ(run(call), checks[k].expected) << checks[k].what << how << method;
-            if (checks[k].expected != StatusOk || call.length < 0) {
-                EXPECT_TRUE(call.outputsUntouched()) << checks[k].what << how << method;
-            }
-        }
+    int size = 0;
+    EXPECT_EQ(vekrSHGetSize_32f(order, method, &size), StatusOk);
+    ShState state(static_cast<SHState*>(vekMalloc(std::max(size, 16))), vekFree);
+    EXPECT_EQ(vekrSHInit_32f(state.get(), order, method), StatusOk);
+    return state;
 }
 
 }  // namespace vekr::test

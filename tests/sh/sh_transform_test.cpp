@@ -1,37 +1,33 @@
+// The transforms against the basis and references, and the checks of all evaluating functions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "sh_reference.h"
 #include "support/float_bits.h"
 #include "support/guard_buffer.h"
-#include "vekr.h"
 
 using namespace vekr::test;
 
 namespace {
-
-const float kY00 = bitsToFloat(0x3E906EBB);  // 1 / (2 sqrt(pi)) as the library holds it
-const float kSentinel = bitsToFloat(0x7FC0DEAD);
 
 // The state a transform evaluates the basis with.
 struct StatePath {
     const char* name;
     int method;
     unsigned stateOrder;
+    friend void PrintTo(const StatePath& path, std::ostream* os) { *os << path.name; }
 };
-
-void PrintTo(const StatePath& path, std::ostream* os)
-{
-    *os << path.name;
-}
 
 std::vector<float> randomFloats(size_t n, unsigned seed, float lo = -1, float hi = 1)
 {
@@ -43,23 +39,77 @@ std::vector<float> randomFloats(size_t n, unsigned seed, float lo = -1, float hi
     return v;
 }
 
-std::unique_ptr<GuardedArray<float>> guarded(const float* values, size_t n, FlushEnd end)
+// Every layout, every buffer flush against a guard page. Forward C1, P3, C3 and P3 in two calls
+// equal the float sum of the start and the sample-by-basis products in order, bit for bit; the
+// inverse C1 is within (L + 1)^2 + 1 roundings of the sum of its |terms|, P3 and P3C3 equal it.
+void expectLayouts(const SHState* state, unsigned order, int n, FlushEnd end)
 {
-    auto g = std::make_unique<GuardedArray<float>>(n, end);
-    g->copyFrom(values);
-    return g;
+    const Directions d = testDirections(20, 5);
+    const std::vector<float> samples = randomFloats(60, 1, -2, 2);  // channel-major, 20 each
+    const int count = shCount(order);
+    const auto start = randomFloats(size_t(3 * count), 2), in = randomFloats(size_t(3 * count), 3);
+    std::vector<float> basis(size_t(n * count)), interleaved(size_t(3 * n));
+    ASSERT_EQ(vekrSH_32f(d.x.data(), d.y.data(), d.z.data(), n, basis.data(), order, state),
+              StatusOk);
+    std::vector<std::unique_ptr<GuardedArray<float>>> keep;
+    const auto g = [&](const float* values, int size) {
+        keep.push_back(std::make_unique<GuardedArray<float>>(size_t(size), end));
+        if (values) keep.back()->copyFrom(values);
+        return keep.back()->data();
+    };
+    const float *x = g(d.x.data(), n), *y = g(d.y.data(), n), *z = g(d.z.data(), n);
+    const float *plane[3], *coeffIn[3];
+    float *fwd[4][3], *inv[2][3];  // [C1, P3, C3, P3 split][channel], [C1, P3][channel]
+    for (int j = 0; j < 3; ++j) {
+        plane[j] = g(&samples[size_t(20 * j)], n);
+        for (int i = 0; i < n; ++i)
+            interleaved[size_t(3 * i + j)] = samples[size_t(20 * j + i)];
+        for (auto& set : fwd)
+            set[j] = g(&start[size_t(j * count)], count);
+        coeffIn[j] = g(&in[size_t(j * count)], count);
+        inv[0][j] = g(nullptr, n), inv[1][j] = g(nullptr, n);
+    }
+    const float* c3 = g(interleaved.data(), 3 * n);
+    float* outC3 = g(nullptr, 3 * n);
+    for (int j = 0; j < 3; ++j)
+        ASSERT_EQ(vekrSHTFwd_32f_C1I(x, y, z, plane[j], n, fwd[0][j], order, state), StatusOk);
+    ASSERT_EQ(vekrSHTFwd_32f_P3I(x, y, z, plane, n, fwd[1], order, state), StatusOk);
+    ASSERT_EQ(vekrSHTFwd_32f_C3P3I(x, y, z, c3, n, fwd[2], order, state), StatusOk);
+    const int h = n / 2;
+    const float* const rest[3] = {plane[0] + h, plane[1] + h, plane[2] + h};
+    ASSERT_EQ(vekrSHTFwd_32f_P3I(x, y, z, plane, h, fwd[3], order, state),
+              h > 0 ? StatusOk : StatusBadSize);
+    ASSERT_EQ(vekrSHTFwd_32f_P3I(x + h, y + h, z + h, rest, n - h, fwd[3], order, state), StatusOk);
+    ASSERT_EQ(vekrSHTInv_32f_P3(coeffIn, order, x, y, z, inv[1], n, state), StatusOk);
+    ASSERT_EQ(vekrSHTInv_32f_P3C3(coeffIn, order, x, y, z, outC3, n, state), StatusOk);
+    for (int j = 0; j < 3; ++j) {
+        ASSERT_EQ(vekrSHTInv_32f_C1(coeffIn[j], order, x, y, z, inv[0][j], n, state), StatusOk);
+        std::vector<float> sum(&start[size_t(j * count)], &start[size_t((j + 1) * count)]);
+        for (int i = 0; i < n; ++i) {
+            long double dot = 0, size = 0;
+            for (int k = 0; k < count; ++k) {
+                const float b = basis[size_t(i * count + k)];
+                sum[size_t(k)] = sum[size_t(k)] + samples[size_t(20 * j + i)] * b;
+                const long double t = (long double)in[size_t(j * count + k)] * b;
+                dot += t, size += std::fabs(t);
+            }
+            ASSERT_NEAR(inv[0][j][i], double(dot), double(size * (count + 1) * 0x1p-24L))
+                << "channel " << j << " direction " << i;
+            ASSERT_EQ(floatBits(inv[1][j][i]), floatBits(inv[0][j][i])) << "P3, direction " << i;
+            ASSERT_EQ(floatBits(outC3[3 * i + j]), floatBits(inv[0][j][i]))
+                << "C3, direction " << i;
+        }
+        for (int set = 0; set < 4; ++set)
+            for (int k = 0; k < count; ++k)
+                ASSERT_EQ(floatBits(fwd[set][j][k]), floatBits(sum[size_t(k)]))
+                    << "layout " << set << " channel " << j << " index " << k;
+    }
 }
 
 class ShTransform : public testing::TestWithParam<StatePath> {
 protected:
-    void SetUp() override
-    {
-        state_ = std::make_unique<ShStateBuffer>(GetParam().stateOrder, GetParam().method);
-    }
-    const SHState* state() { return state_->state(); }
-
-private:
-    std::unique_ptr<ShStateBuffer> state_;
+    const ShState state_ = makeState(GetParam().stateOrder, GetParam().method);
+    const SHState* state() { return state_.get(); }
 };
 
 }  // namespace
@@ -79,191 +129,74 @@ TEST_P(ShTransform, GivesTheDocumentedExamples)
     for (int k = 0; k < 4; ++k)
         EXPECT_EQ(floatBits(c[k]), floatBits(2 * once[size_t(k)])) << "index " << k;
 
-    // Order 0: n samples of v give n v Y00^2 = n v / (4 pi) anywhere. The n float additions,
-    // the two products and Y00's own rounding (twice) stay within (n + 4) roundings.
+    // Order 0: n samples of v give n v Y00^2 = n v / (4 pi) anywhere, within (n + 4) roundings
+    // (the n additions, the two products and Y00's own rounding twice).
     const Directions d = testDirections(23, 9);
     const int n = d.size();
-    const float v = 0.75f;
-    const std::vector<float> samples(size_t(n), v);
+    const std::vector<float> samples(size_t(n), 0.75f);
     float c0 = 0;
+    std::vector<float> back(static_cast<size_t>(n));
     ASSERT_EQ(
         vekrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), samples.data(), n, &c0, 0, state()),
         StatusOk);
-    std::vector<float> back(static_cast<size_t>(n));
     ASSERT_EQ(
         vekrSHTInv_32f_C1(&c0, 0, d.x.data(), d.y.data(), d.z.data(), back.data(), n, state()),
         StatusOk);
-    const long double expected = n * v / (4 * 3.141592653589793238L);
+    const double expected = double(n * 0.75L / (4 * 3.141592653589793238L));
     for (int i = 0; i < n; ++i)
-        EXPECT_NEAR(back[size_t(i)], double(expected), double(expected) * (n + 4) * 0x1p-24)
-            << "direction " << i;
+        EXPECT_NEAR(back[size_t(i)], expected, expected * (n + 4) * 0x1p-24) << "direction " << i;
 }
 
-// A band-limited function sampled on the exact quadrature grid, with the weights folded into
-// the samples: the forward transform returns its coefficients and the inverse its values.
-// Forward: each coefficient sums 512 rounded products whose sizes add up to at most |c| (by
-// Cauchy-Schwarz against a unit-norm basis function); the roundings add like a random walk,
-// sqrt(512) x 2^-24 ~ 1.4e-6, and the basis errors average out over the grid: 2e-6 |c|. Inverse:
-// every basis value within 1e-5 of its band's largest value (the reference bound) plus at most
-// 256 roundings of the dot product: 3e-5 of the sum over k of |c_k| times that largest value.
+// A band-limited function on the exact grid, weights in the samples. Forward: 512 roundings of
+// products summing to <= |c| add like a random walk, ~1.4e-6: 2e-6 |c|. Inverse: the reference
+// bound 1e-5 plus 256 roundings: 3e-5 of the sum of |c_k| times the band's largest value.
 TEST_P(ShTransform, RoundTripsABandLimitedFunctionOnAQuadratureGrid)
 {
     const SphereGrid grid(16, 32);
-    const int n = grid.dirs.size();
+    const Directions& d = grid.dirs;
+    const int n = d.size();
     for (unsigned order : {1u, 6u, 15u}) {
         const int count = shCount(order);
         const std::vector<float> c = randomFloats(size_t(count), order + 10);
-        std::vector<float> samples(static_cast<size_t>(n));
-        std::vector<long double> f(static_cast<size_t>(n)), scale(static_cast<size_t>(n));
+        std::vector<float> samples(static_cast<size_t>(n)), values = samples, coeffs(c.size());
+        std::vector<long double> f(static_cast<size_t>(n)), scale = f;
         long double norm = 0;
-        for (int k = 0; k < count; ++k)
-            norm += c[size_t(k)] * c[size_t(k)];
-        norm = std::sqrt(norm);
-        for (int i = 0; i < n; ++i) {
-            const auto y = referenceBasis(grid.dirs.x[size_t(i)], grid.dirs.y[size_t(i)],
-                                          grid.dirs.z[size_t(i)], order);
+        for (float ck : c)
+            norm += ck * ck;
+        for (size_t i = 0; i < size_t(n); ++i) {
+            const auto y = referenceBasis(d.x[i], d.y[i], d.z[i], order);
             for (int l = 0; l <= int(order); ++l)
-                for (int m = -l; m <= l; ++m) {
-                    const size_t k = size_t(l * l + l + m);
-                    f[size_t(i)] += c[k] * y[k];
-                    scale[size_t(i)] += std::fabs(c[k]) * bandMax(y, l);
+                for (int k = l * l; k <= l * l + 2 * l; ++k) {
+                    f[i] += c[size_t(k)] * y[size_t(k)];
+                    scale[i] += std::fabs(c[size_t(k)]) * bandMax(y, l);
                 }
-            samples[size_t(i)] = float(grid.weight[size_t(i)] * f[size_t(i)]);
+            samples[i] = float(grid.weight[i] * f[i]);
         }
-        std::vector<float> coeffs(size_t(count), 0.0f);
-        ASSERT_EQ(vekrSHTFwd_32f_C1I(grid.dirs.x.data(), grid.dirs.y.data(), grid.dirs.z.data(),
-                                     samples.data(), n, coeffs.data(), order, state()),
+        ASSERT_EQ(vekrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), samples.data(), n,
+                                     coeffs.data(), order, state()),
                   StatusOk);
         for (int k = 0; k < count; ++k)
-            EXPECT_NEAR(coeffs[size_t(k)], c[size_t(k)], double(2e-6L * norm))
+            EXPECT_NEAR(coeffs[size_t(k)], c[size_t(k)], double(2e-6L * std::sqrt(norm)))
                 << "order " << order << " index " << k;
-
-        std::vector<float> values(static_cast<size_t>(n));
-        ASSERT_EQ(vekrSHTInv_32f_C1(c.data(), order, grid.dirs.x.data(), grid.dirs.y.data(),
-                                    grid.dirs.z.data(), values.data(), n, state()),
+        ASSERT_EQ(vekrSHTInv_32f_C1(c.data(), order, d.x.data(), d.y.data(), d.z.data(),
+                                    values.data(), n, state()),
                   StatusOk);
-        for (int i = 0; i < n; ++i)
-            ASSERT_NEAR(values[size_t(i)], double(f[size_t(i)]), double(3e-5L * scale[size_t(i)]))
+        for (size_t i = 0; i < size_t(n); ++i)
+            ASSERT_NEAR(values[i], double(f[i]), double(3e-5L * scale[i]))
                 << "order " << order << " direction " << i;
     }
 }
 
-// Every layout against the basis of vekrSH_32f, for every length across the vector width
-// with every buffer flush against a guard page at either end. The forward transforms add
-// sample after sample into non-zero coefficients, so they equal that sum formed here in float,
-// bit for bit, and a call split in two equals one call; P3 and C3 channels equal C1 calls on
-// each channel; the inverse is a float dot product of (L + 1)^2 terms, within that many
-// roundings of the sum of its |terms|.
 TEST_P(ShTransform, AllLayoutsMatchTheBasisBetweenGuardPages)
 {
-    const Directions d = testDirections(20, 5);
-    const std::vector<float> samples = randomFloats(60, 1, -2, 2);  // channel-major, 20 each
-    for (unsigned order : {0u, 2u, 15u}) {
-        const int count = shCount(order);
-        std::vector<float> basis(size_t(20 * count));
-        ASSERT_EQ(vekrSH_32f(d.x.data(), d.y.data(), d.z.data(), 20, basis.data(), order, state()),
-                  StatusOk);
-        const std::vector<float> start = randomFloats(size_t(3 * count), 2);
-        const std::vector<float> coeffIn = randomFloats(size_t(3 * count), 3);
+    for (unsigned order : {0u, 2u, 15u})
         for (int n = 1; n <= 20; ++n)
             for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-                const std::string where = "order " + std::to_string(order) + " length " +
-                                          std::to_string(n) +
-                                          (end == FlushEnd::Back ? " back" : " front");
-                const auto x = guarded(d.x.data(), size_t(n), end);
-                const auto y = guarded(d.y.data(), size_t(n), end);
-                const auto z = guarded(d.z.data(), size_t(n), end);
-                std::vector<float> interleaved(size_t(3 * n));
-                for (int i = 0; i < n; ++i)
-                    for (int j = 0; j < 3; ++j)
-                        interleaved[size_t(3 * i + j)] = samples[size_t(20 * j + i)];
-                std::unique_ptr<GuardedArray<float>> plane[3], fresh[3][4];
-                for (int j = 0; j < 3; ++j) {
-                    plane[j] = guarded(&samples[size_t(20 * j)], size_t(n), end);
-                    for (auto& f : fresh[j])
-                        f = guarded(&start[size_t(j * count)], size_t(count), end);
-                }
-                const auto c3 = guarded(interleaved.data(), size_t(3 * n), end);
-                auto planesOf = [&](int which) {
-                    return std::vector<float*>{fresh[0][which]->data(), fresh[1][which]->data(),
-                                               fresh[2][which]->data()};
-                };
-                // Forward: C1 per channel (set 0), P3 (set 1), C3 (set 2), P3 split (set 3).
-                for (int j = 0; j < 3; ++j)
-                    ASSERT_EQ(vekrSHTFwd_32f_C1I(x->data(), y->data(), z->data(), plane[j]->data(),
-                                                 n, fresh[j][0]->data(), order, state()),
-                              StatusOk);
-                const float* const p3[3] = {plane[0]->data(), plane[1]->data(), plane[2]->data()};
-                ASSERT_EQ(vekrSHTFwd_32f_P3I(x->data(), y->data(), z->data(), p3, n,
-                                             planesOf(1).data(), order, state()),
-                          StatusOk);
-                ASSERT_EQ(vekrSHTFwd_32f_C3P3I(x->data(), y->data(), z->data(), c3->data(), n,
-                                               planesOf(2).data(), order, state()),
-                          StatusOk);
-                const int half = n / 2;
-                for (int part = 0; part < 2; ++part) {
-                    const int first = part == 0 ? 0 : half, len = part == 0 ? half : n - half;
-                    if (len == 0) continue;
-                    const float* const p3Part[3] = {p3[0] + first, p3[1] + first, p3[2] + first};
-                    ASSERT_EQ(
-                        vekrSHTFwd_32f_P3I(x->data() + first, y->data() + first, z->data() + first,
-                                           p3Part, len, planesOf(3).data(), order, state()),
-                        StatusOk);
-                }
-                for (int j = 0; j < 3; ++j) {
-                    std::vector<float> sum(&start[size_t(j * count)],
-                                           &start[size_t(j * count)] + count);
-                    for (int i = 0; i < n; ++i)
-                        for (int k = 0; k < count; ++k) {
-                            const float term =
-                                samples[size_t(20 * j + i)] * basis[size_t(i * count + k)];
-                            sum[size_t(k)] = sum[size_t(k)] + term;
-                        }
-                    for (int set = 0; set < 4; ++set)
-                        for (int k = 0; k < count; ++k)
-                            ASSERT_EQ(floatBits(fresh[j][set]->data()[k]),
-                                      floatBits(sum[size_t(k)]))
-                                << where << " layout " << set << " channel " << j << " index " << k;
-                }
-
-                // Inverse: C1 per channel, then P3 and P3C3 against it.
-                std::unique_ptr<GuardedArray<float>> in[3], out[3], outP3[3];
-                for (int j = 0; j < 3; ++j) {
-                    in[j] = guarded(&coeffIn[size_t(j * count)], size_t(count), end);
-                    out[j] = std::make_unique<GuardedArray<float>>(size_t(n), end);
-                    outP3[j] = std::make_unique<GuardedArray<float>>(size_t(n), end);
-                    ASSERT_EQ(vekrSHTInv_32f_C1(in[j]->data(), order, x->data(), y->data(),
-                                                z->data(), out[j]->data(), n, state()),
-                              StatusOk);
-                    for (int i = 0; i < n; ++i) {
-                        long double dot = 0, size = 0;
-                        for (int k = 0; k < count; ++k) {
-                            const long double t = (long double)coeffIn[size_t(j * count + k)] *
-                                                  basis[size_t(i * count + k)];
-                            dot += t, size += std::fabs(t);
-                        }
-                        ASSERT_NEAR(out[j]->data()[i], double(dot),
-                                    double(size * (count + 1) * 0x1p-24L))
-                            << where << " channel " << j << " direction " << i;
-                    }
-                }
-                const float* const inPlanes[3] = {in[0]->data(), in[1]->data(), in[2]->data()};
-                float* const outPlanes[3] = {outP3[0]->data(), outP3[1]->data(), outP3[2]->data()};
-                GuardedArray<float> outC3(size_t(3 * n), end);
-                ASSERT_EQ(vekrSHTInv_32f_P3(inPlanes, order, x->data(), y->data(), z->data(),
-                                            outPlanes, n, state()),
-                          StatusOk);
-                ASSERT_EQ(vekrSHTInv_32f_P3C3(inPlanes, order, x->data(), y->data(), z->data(),
-                                              outC3.data(), n, state()),
-                          StatusOk);
-                for (int i = 0; i < n; ++i)
-                    for (int j = 0; j < 3; ++j) {
-                        const uint32_t c1 = floatBits(out[j]->data()[i]);
-                        ASSERT_EQ(floatBits(outPlanes[j][i]), c1) << where << " P3 " << j;
-                        ASSERT_EQ(floatBits(outC3.data()[3 * i + j]), c1) << where << " C3 " << j;
-                    }
+                SCOPED_TRACE("order " + std::to_string(order) + " length " + std::to_string(n) +
+                             (end == FlushEnd::Back ? " back" : " front"));
+                expectLayouts(state(), order, n, end);
+                if (HasFatalFailure()) return;
             }
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(States, ShTransform,
@@ -273,194 +206,184 @@ INSTANTIATE_TEST_SUITE_P(States, ShTransform,
                                                    20}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// --- Argument checks ------------------------------------------------------------------------
+// --- Argument checks of the basis and transform functions ----------------------------------
 
 namespace {
 
-// A valid call of any transform that a check then spoils; outputs hold a sentinel.
-struct TransformCall {
-    static constexpr int kLength = 4;
-    ShStateBuffer small;
-    ShStateBuffer wide{20, SHMethodRecurrence};
-    std::vector<float> xs{0.6f, 0.0f, 0.0f, 1.0f}, ys{0.8f, 0.0f, 1.0f, 0.0f},
-        zs{0.0f, 1.0f, 0.0f, 0.0f};
-    std::vector<float> sampleValues = std::vector<float>(3 * kLength, 0.5f);
-    std::vector<float> coeffValues = std::vector<float>(3 * kMaxShCount, 0.25f);
-    std::vector<float> coeffOut = std::vector<float>(3 * kMaxShCount, kSentinel);
-    std::vector<float> dstOut = std::vector<float>(3 * kLength, kSentinel);
-    std::vector<float> dstC3Out = std::vector<float>(3 * kLength, kSentinel);
-
-    const float* x = xs.data();
-    const float* y = ys.data();
-    const float* z = zs.data();
-    const float* samples = sampleValues.data();  // C1 or C3
-    const float* samplePlanes[3] = {&sampleValues[0], &sampleValues[kLength],
-                                    &sampleValues[2 * kLength]};
-    const float* const* samplesP3 = samplePlanes;
-    float* coeffs = coeffOut.data();  // forward C1
-    float* coeffPlanes[3] = {&coeffOut[0], &coeffOut[kMaxShCount], &coeffOut[2 * kMaxShCount]};
-    float* const* coeffsP3 = coeffPlanes;
-    const float* coeffsIn = coeffValues.data();  // inverse C1
-    const float* coeffInPlanes[3] = {&coeffValues[0], &coeffValues[kMaxShCount],
-                                     &coeffValues[2 * kMaxShCount]};
-    const float* const* coeffsInP3 = coeffInPlanes;
-    float* dst = dstOut.data();  // inverse C1
-    float* dstPlanes[3] = {&dstOut[0], &dstOut[kLength], &dstOut[2 * kLength]};
-    float* const* dstP3 = dstPlanes;
-    float* dstC3 = dstC3Out.data();
-    int length = kLength;
+// A valid call of any of them on three directions to order 2 (band 2), outputs holding a
+// sentinel; checks spoil it. Every buffer has room for three channels of order 15.
+struct ShCall {
+    static constexpr int kN = 3;
+    const ShState small, wide = makeState(20, SHMethodRecurrence);
+    SHState patched{};
+    float xs[kN] = {0.6f, 0, -1}, ys[kN] = {0.8f, 0, 0}, zs[kN] = {0, 1, 0};
+    std::vector<float> in = std::vector<float>(3 * kN * kMaxShCount, 0.25f);
+    std::vector<float> out = std::vector<float>(3 * kN * kMaxShCount, kSentinel);
+    const float *x = xs, *y = ys, *z = zs;
+    const float* src = in.data();  // C1 or C3 samples, C1 coefficients of the inverse
+    const float* inPlanes[3] = {&in[0], &in[kN * kMaxShCount], &in[2 * kN * kMaxShCount]};
+    float* outPlanes[3] = {&out[0], &out[kN * kMaxShCount], &out[2 * kN * kMaxShCount]};
+    const float* const* inP3 = inPlanes;  // P3 samples, P3 coefficients of the inverse
+    float* const* outP3 = outPlanes;      // P3 coefficients of the forward, P3 dst
+    float* dst = out.data();              // basis, C1 coefficients of the forward, C1 or C3 dst
+    int length = kN;
     unsigned order = 2;
-    const SHState* state = small.state();
+    const SHState* state;
 
-    explicit TransformCall(int method) : small(2, method) {}
+    explicit ShCall(int method) : small(makeState(2, method)), state(small.get()) {}
     bool outputsUntouched() const
     {
-        for (const std::vector<float>* v : {&coeffOut, &dstOut, &dstC3Out})
-            for (float f : *v)
-                if (floatBits(f) != floatBits(kSentinel)) return false;
-        return true;
+        return std::all_of(out.begin(), out.end(),
+                           [](float f) { return floatBits(f) == floatBits(kSentinel); });
     }
+    void patchMethod(int method) { patched = *state, patched.method = method, state = &patched; }
 };
 
-using TransformCheck = CallCheck<TransformCall>;
+struct ShCheck {
+    std::string what;
+    void (*spoil)(ShCall&);
+    Status expected;
+};
 
-const std::vector<TransformCheck> kNullXyz = {
-    {"null x", [](TransformCall& c) { c.x = nullptr; }, StatusNullPointer},
-    {"null y", [](TransformCall& c) { c.y = nullptr; }, StatusNullPointer},
-    {"null z", [](TransformCall& c) { c.z = nullptr; }, StatusNullPointer}};
-const TransformCheck kNullState = {"null state", [](TransformCall& c) { c.state = nullptr; },
-                                   StatusNullPointer};
-
-// The three plane pointers of a P3 argument, one after the other.
-template <auto Planes>
-std::vector<TransformCheck> nullPlanes(const char* what0, const char* what1, const char* what2)
+template <auto Member>
+ShCheck null()
 {
-    return {{what0, [](TransformCall& c) { (c.*Planes)[0] = nullptr; }, StatusNullPointer},
-            {what1, [](TransformCall& c) { (c.*Planes)[1] = nullptr; }, StatusNullPointer},
-            {what2, [](TransformCall& c) { (c.*Planes)[2] = nullptr; }, StatusNullPointer}};
+    return {"", [](ShCall& c) { c.*Member = nullptr; }, StatusNullPointer};
 }
-const auto kCoeffPlanes =
-    nullPlanes<&TransformCall::coeffPlanes>("null coeffs[0]", "null coeffs[1]", "null coeffs[2]");
-const auto kCoeffInPlanes =
-    nullPlanes<&TransformCall::coeffInPlanes>("null coeffs[0]", "null coeffs[1]", "null coeffs[2]");
-// The checks after the pointers, the same in every transform.
-const std::vector<TransformCheck> kSizeChecks = {
-    {"length 0", [](TransformCall& c) { c.length = 0; }, StatusBadSize},
-    {"order above the state's", [](TransformCall& c) { c.order = c.state->order + 1; },
-     StatusOutOfRange},
-    {"length -5", [](TransformCall& c) { c.length = -5; }, StatusOk}};
-// Each alone on an otherwise valid call.
-const std::vector<TransformCheck> kAlone = {
-    {"order 16 on an order-20 state",
-     [](TransformCall& c) { c.state = c.wide.state(), c.order = 16; }, StatusOutOfRange},
-    {"order UINT_MAX on an order-20 state",
-     [](TransformCall& c) { c.state = c.wide.state(), c.order = UINT_MAX; }, StatusOutOfRange},
-    {"order 15 on an order-20 state",
-     [](TransformCall& c) { c.state = c.wide.state(), c.order = 15; }, StatusOk},
-    {"length INT_MIN", [](TransformCall& c) { c.length = INT_MIN; }, StatusOk}};
-
-std::vector<TransformCheck> concat(std::initializer_list<std::vector<TransformCheck>> parts)
+template <auto Planes, int J>
+ShCheck nullPlane()
 {
-    std::vector<TransformCheck> all;
-    for (const auto& p : parts)
-        all.insert(all.end(), p.begin(), p.end());
-    return all;
+    return {"", [](ShCall& c) { (c.*Planes)[J] = nullptr; }, StatusNullPointer};
 }
 
-struct TransformContract {
+// Every check by name: null members, planes in[j] of inP3 and out[j] of outP3, and values.
+std::map<std::string, ShCheck> checkTable()
+{
+    using C = ShCall;
+    std::map<std::string, ShCheck> table = {
+        {"x", null<&C::x>()},
+        {"y", null<&C::y>()},
+        {"z", null<&C::z>()},
+        {"src", null<&C::src>()},
+        {"dst", null<&C::dst>()},
+        {"state", null<&C::state>()},
+        {"inP3", null<&C::inP3>()},
+        {"outP3", null<&C::outP3>()},
+        {"in[0]", nullPlane<&C::inPlanes, 0>()},
+        {"in[1]", nullPlane<&C::inPlanes, 1>()},
+        {"in[2]", nullPlane<&C::inPlanes, 2>()},
+        {"out[0]", nullPlane<&C::outPlanes, 0>()},
+        {"out[1]", nullPlane<&C::outPlanes, 1>()},
+        {"out[2]", nullPlane<&C::outPlanes, 2>()},
+        {"len0", {"", [](C& c) { c.length = 0; }, StatusBadSize}},
+        {"len-5", {"", [](C& c) { c.length = -5; }, StatusOk}},
+        {"lenMin", {"", [](C& c) { c.length = INT_MIN; }, StatusOk}},
+        {"order>state", {"", [](C& c) { c.order = c.state->order + 1; }, StatusOutOfRange}},
+        {"method2", {"", [](C& c) { c.patchMethod(2); }, StatusOutOfRange}},
+        {"method-1", {"", [](C& c) { c.patchMethod(-1); }, StatusOutOfRange}},
+        {"band16", {"", [](C& c) { c.order = 16; }, StatusOutOfRange}},
+        {"bandMax", {"", [](C& c) { c.order = UINT_MAX; }, StatusOutOfRange}},
+        // A recurrence state of order 20 serves orders up to 15 only.
+        {"wide16", {"", [](C& c) { c.state = c.wide.get(), c.order = 16; }, StatusOutOfRange}},
+        {"wideMax",
+         {"", [](C& c) { c.state = c.wide.get(), c.order = UINT_MAX; }, StatusOutOfRange}},
+        {"wide15", {"", [](C& c) { c.state = c.wide.get(), c.order = 15; }, StatusOk}}};
+    for (auto& [name, check] : table)
+        check.what = name;
+    return table;
+}
+
+std::vector<ShCheck> checks(const std::string& names)
+{
+    static const std::map<std::string, ShCheck> table = checkTable();
+    std::istringstream in(names);
+    std::vector<ShCheck> out;
+    for (std::string name; in >> name;)
+        out.push_back(table.at(name));
+    return out;
+}
+
+// Check k spoiled with every later one (applied first, so k's spoil wins), which only the
+// documented order answers with k's status; then each alone, so that none hides behind another
+// with the same status. A failing call, or one with a negative length, writes nothing.
+void expectChecksInOrder(const std::vector<ShCheck>& checks, int method, Status (*run)(ShCall&))
+{
+    for (bool alone : {false, true})
+        for (size_t k = 0; k < checks.size(); ++k) {
+            ShCall call(method);
+            for (size_t j = alone ? k + 1 : checks.size(); j-- > k;)
+                checks[j].spoil(call);
+            const std::string how = checks[k].what + (alone ? " alone" : " and later") +
+                                    ", method " + std::to_string(method);
+            EXPECT_EQ(run(call), checks[k].expected) << how;
+            EXPECT_TRUE((checks[k].expected == StatusOk && call.length >= 0) ||
+                        call.outputsUntouched())
+                << how;
+        }
+}
+
+// The checks in their documented order, and others each on an otherwise valid call.
+struct Contract {
     const char* name;
-    Status (*run)(TransformCall&);
-    std::vector<TransformCheck> checks;  // in the documented order
+    Status (*run)(ShCall&);
+    const char* inOrder;
+    const char* alone;
+    friend void PrintTo(const Contract& c, std::ostream* os) { *os << c.name; }
 };
 
-void PrintTo(const TransformContract& c, std::ostream* os)
-{
-    *os << c.name;
-}
+const char* const kAlone = "wide16 wideMax wide15 lenMin";
+using C = ShCall;
+const Contract kContracts[] = {
+    {"SH", [](C& c) { return vekrSH_32f(c.x, c.y, c.z, c.length, c.dst, c.order, c.state); },
+     "x y z dst state len0 order>state method2 wide16 len-5",
+     "wide16 wideMax wide15 lenMin method-1"},
+    {"SHBand", [](C& c) { return vekrSHBand_32f(c.x, c.y, c.z, c.length, c.dst, c.order); },
+     "x y z dst band16 len0 len-5", "bandMax lenMin"},
+    {"FwdC1I",
+     [](C& c) {
+         return vekrSHTFwd_32f_C1I(c.x, c.y, c.z, c.src, c.length, c.dst, c.order, c.state);
+     },
+     "x y z src dst state len0 order>state len-5", kAlone},
+    {"FwdP3I",
+     [](C& c) {
+         return vekrSHTFwd_32f_P3I(c.x, c.y, c.z, c.inP3, c.length, c.outP3, c.order, c.state);
+     },
+     "x y z inP3 outP3 state in[0] in[1] in[2] out[0] out[1] out[2] len0 order>state len-5",
+     kAlone},
+    {"FwdC3P3I",
+     [](C& c) {
+         return vekrSHTFwd_32f_C3P3I(c.x, c.y, c.z, c.src, c.length, c.outP3, c.order, c.state);
+     },
+     "x y z src outP3 state out[0] out[1] out[2] len0 order>state len-5", kAlone},
+    {"InvC1",
+     [](C& c) {
+         return vekrSHTInv_32f_C1(c.src, c.order, c.x, c.y, c.z, c.dst, c.length, c.state);
+     },
+     "src x y z dst state len0 order>state len-5", kAlone},
+    {"InvP3",
+     [](C& c) {
+         return vekrSHTInv_32f_P3(c.inP3, c.order, c.x, c.y, c.z, c.outP3, c.length, c.state);
+     },
+     "inP3 x y z outP3 state in[0] in[1] in[2] out[0] out[1] out[2] len0 order>state len-5",
+     kAlone},
+    {"InvP3C3",
+     [](C& c) {
+         return vekrSHTInv_32f_P3C3(c.inP3, c.order, c.x, c.y, c.z, c.dst, c.length, c.state);
+     },
+     "inP3 x y z dst state in[0] in[1] in[2] len0 order>state len-5", kAlone}};
 
-std::vector<TransformContract> transformContracts()
-{
-    using C = TransformCall;
-    const TransformCheck nullSamples = {"null samples", [](C& c) { c.samples = nullptr; },
-                                        StatusNullPointer};
-    const TransformCheck nullCoeffs = {"null coeffs", [](C& c) { c.coeffsP3 = nullptr; },
-                                       StatusNullPointer};
-    const TransformCheck nullCoeffsIn = {"null coeffs", [](C& c) { c.coeffsInP3 = nullptr; },
-                                         StatusNullPointer};
-    return {
-        {"FwdC1I",
-         [](C& c) {
-             return vekrSHTFwd_32f_C1I(c.x, c.y, c.z, c.samples, c.length, c.coeffs, c.order,
-                                       c.state);
-         },
-         concat({kNullXyz,
-                 {nullSamples,
-                  {"null coeffs", [](C& c) { c.coeffs = nullptr; }, StatusNullPointer},
-                  kNullState},
-                 kSizeChecks})},
-        {"FwdP3I",
-         [](C& c) {
-             return vekrSHTFwd_32f_P3I(c.x, c.y, c.z, c.samplesP3, c.length, c.coeffsP3, c.order,
-                                       c.state);
-         },
-         concat(
-             {kNullXyz,
-              {{"null samples", [](C& c) { c.samplesP3 = nullptr; }, StatusNullPointer},
-               nullCoeffs,
-               kNullState},
-              nullPlanes<&C::samplePlanes>("null samples[0]", "null samples[1]", "null samples[2]"),
-              kCoeffPlanes,
-              kSizeChecks})},
-        {"FwdC3P3I",
-         [](C& c) {
-             return vekrSHTFwd_32f_C3P3I(c.x, c.y, c.z, c.samples, c.length, c.coeffsP3, c.order,
-                                         c.state);
-         },
-         concat({kNullXyz, {nullSamples, nullCoeffs, kNullState}, kCoeffPlanes, kSizeChecks})},
-        {"InvC1",
-         [](C& c) {
-             return vekrSHTInv_32f_C1(c.coeffsIn, c.order, c.x, c.y, c.z, c.dst, c.length, c.state);
-         },
-         concat({{{"null coeffs", [](C& c) { c.coeffsIn = nullptr; }, StatusNullPointer}},
-                 kNullXyz,
-                 {{"null dst", [](C& c) { c.dst = nullptr; }, StatusNullPointer}, kNullState},
-                 kSizeChecks})},
-        {"InvP3",
-         [](C& c) {
-             return vekrSHTInv_32f_P3(c.coeffsInP3, c.order, c.x, c.y, c.z, c.dstP3, c.length,
-                                      c.state);
-         },
-         concat({{nullCoeffsIn},
-                 kNullXyz,
-                 {{"null dst", [](C& c) { c.dstP3 = nullptr; }, StatusNullPointer}, kNullState},
-                 kCoeffInPlanes,
-                 nullPlanes<&C::dstPlanes>("null dst[0]", "null dst[1]", "null dst[2]"),
-                 kSizeChecks})},
-        {"InvP3C3",
-         [](C& c) {
-             return vekrSHTInv_32f_P3C3(c.coeffsInP3, c.order, c.x, c.y, c.z, c.dstC3, c.length,
-                                        c.state);
-         },
-         concat({{nullCoeffsIn},
-                 kNullXyz,
-                 {{"null dst", [](C& c) { c.dstC3 = nullptr; }, StatusNullPointer}, kNullState},
-                 kCoeffInPlanes,
-                 kSizeChecks})},
-    };
-}
-
-class ShTransformChecks : public testing::TestWithParam<TransformContract> {};
+class ShChecks : public testing::TestWithParam<Contract> {};
 
 }  // namespace
 
-TEST_P(ShTransformChecks, FirstFailingCheckInOrderWinsAndNothingIsWritten)
+TEST_P(ShChecks, FirstFailingCheckInOrderWinsAndNothingIsWritten)
 {
     for (int method : {SHMethodDirect, SHMethodRecurrence}) {
-        expectChecksInOrder(GetParam().checks, method, GetParam().run);
-        for (const TransformCheck& c : kAlone)
-            expectChecksInOrder(std::vector<TransformCheck>{c}, method, GetParam().run);
+        expectChecksInOrder(checks(GetParam().inOrder), method, GetParam().run);
+        for (const ShCheck& c : checks(GetParam().alone))
+            expectChecksInOrder({c}, method, GetParam().run);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Functions, ShTransformChecks, testing::ValuesIn(transformContracts()),
+INSTANTIATE_TEST_SUITE_P(Functions, ShChecks, testing::ValuesIn(kContracts),
                          [](const auto& info) { return std::string(info.param.name); });
