@@ -67,6 +67,13 @@ const CuboidExample kCuboidExamples[] = {
      {-1.7, 0, 0},
      StatusOk,
      {0, 0, 0, 2, 4, 4}},
+    // Each rounding constant decides: 0.5 at either end would give width 4 on x, 5 - 1 on y.
+    {"the rounding constants 0.4999999999 and 0.5000000001",
+     {0, 0, 0, 4, 4, 4},
+     {1, 1, 1},
+     {0.49999999995, 0.50000000005, 0},
+     StatusOk,
+     {0, 0, 0, 5, 5, 4}},
     {"a box shifted below 0 is empty",
      {0, 0, 0, 4, 4, 4},
      {1, 1, 1},
