@@ -4,6 +4,7 @@
 
 #include "bound_box.h"
 #include "frame/entry_points.h"
+#include "kd_build_sah.h"
 #include "kd_build_simple.h"
 #include "kd_format.h"
 #include "triangle_accel.h"
@@ -71,8 +72,12 @@ Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
     // Ordered comparisons: a NaN ratio passes both.
     if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
     if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
-    // The surface-area-heuristic builder is not part of this library yet.
-    return StatusBadArgument;
+    // The byte budget wraps in 32 bits like the check above: 4096 MB and more wrap.
+    const accel::SahBuildOptions options{pParams->ratio, pParams->maxDepth,
+                                         uint32_t(pParams->memoryLimitMB << 20),
+                                         accel::SahDepthRule::SplitsInTree};
+    return accel::buildKdTreeSah({pVertexCoord, pTriangleIndex, vertexCount, triangleCount},
+                                 pParams->pBoundBox, options, ppTree, pTreeSize);
 }
 
 // Hands the block to the core allocator and nothing else; null is passed on as it is.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "frame/scratch.h"
+
 namespace vekr::accel {
 
 bool encodeCompactLeaf(const int32_t* indices, int count, KdNode& out)
@@ -41,6 +43,73 @@ bool encodeCompactLeaf(const int32_t* indices, int count, KdNode& out)
         default:
             return false;
     }
+}
+
+namespace {
+
+bool takesCompactForm(const BuildNode& leaf)
+{
+    KdNode unused;
+    return leaf.count >= 1 && leaf.count <= 3 && encodeCompactLeaf(leaf.list, leaf.count, unused);
+}
+
+// Bytes of the nodes below node (not node itself) and of the lists of its list leaves.
+void countBlockBytes(const BuildNode& node, int64_t& nodeBytes, int64_t& listBytes)
+{
+    if (node.kind != kBuildLeaf) {
+        nodeBytes += 2 * kNodeBytes;
+        countBlockBytes(node.children[0], nodeBytes, listBytes);
+        countBlockBytes(node.children[1], nodeBytes, listBytes);
+    } else if (!takesCompactForm(node)) {
+        listBytes += 4 * int64_t(node.count);
+    }
+}
+
+struct BlockWriter {
+    char* block;
+    int32_t nextPair;  // byte position of the next free pair slot
+    int32_t nextList;  // byte position of the next free list entry
+
+    // Depth first: a pair's descendants follow it, those of its first child before those of
+    // its second. The paths are at most 50 nodes long, so recursion is bounded.
+    void write(const BuildNode& node, int32_t at)
+    {
+        auto* out = reinterpret_cast<KdNode*>(block + at);
+        if (node.kind != kBuildLeaf) {
+            const int32_t pair = nextPair;
+            nextPair += 2 * kNodeBytes;
+            *out = encodeInner(pair - at, node.kind, node.split);
+            write(node.children[0], pair);
+            write(node.children[1], pair + kNodeBytes);
+            return;
+        }
+        if (node.count >= 1 && node.count <= 3 && encodeCompactLeaf(node.list, node.count, *out))
+            return;
+        // An empty leaf points at the next free list position with a count of 0.
+        *out = encodeListLeaf(nextList - at, node.count);
+        if (node.count > 0) std::memcpy(block + nextList, node.list, size_t(node.count) * 4);
+        nextList += 4 * node.count;
+    }
+};
+
+}  // namespace
+
+Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize)
+{
+    int64_t nodeBytes = kRootAreaBytes, listBytes = 0;
+    countBlockBytes(root, nodeBytes, listBytes);
+    const int64_t size = nodeBytes + listBytes;
+    if (size > INT32_MAX) return StatusNoMemory;
+    const int units = int(size >> 3) + 1;
+    frame::ScratchArray<uint64_t> block(units);
+    if (!block) return StatusNoMemory;
+    block.get()[units - 1] = 0;  // the spare bytes after the lists
+    block.get()[1] = 0;          // the 8 zero bytes after the root
+    BlockWriter writer{reinterpret_cast<char*>(block.get()), kRootAreaBytes, int32_t(nodeBytes)};
+    writer.write(root, 0);
+    *ppTree = block.release();
+    *pTreeSize = int(size);
+    return StatusOk;
 }
 
 }  // namespace vekr::accel

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "vekr.h"
+
 namespace vekr::accel {
 
 struct KdNode {
@@ -125,5 +127,27 @@ inline LeafTriangles decodeLeaf(const KdNode* node)
     }
     return leaf;
 }
+
+// --- Emission ----------------------------------------------------------------------------
+
+// A node of a finished build, before it is written into a block.
+constexpr int32_t kBuildLeaf = 3;
+struct BuildNode {
+    int32_t kind;  // 0 to 2: inner node split on that axis; kBuildLeaf: leaf
+    union {
+        float split;    // inner: the plane's coordinate
+        int32_t count;  // leaf: number of triangles
+    };
+    union {
+        const BuildNode* children;  // inner: the pair, below the plane first
+        const int32_t* list;        // leaf: count triangle indices
+    };
+};
+
+// Writes the tree below root into a new block, depth first and the lower child first, leaves
+// of one to three triangles in compact form where they fit and the others (empty ones too) as
+// list leaves. Returns StatusNoMemory with no output written when the block cannot be had or
+// its size does not fit an int.
+Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize);
 
 }  // namespace vekr::accel

@@ -92,15 +92,12 @@ const Check kSingleCases[] = {
      StatusBadArgument},
     {"unknown method", [](BuildCall& c) { c.params.method = KDTreeBuildSimple + 1; },
      StatusBadArgument},
-    // The surface-area-heuristic builder is not in the library yet: a call that passes every
-    // check for it is answered as an unknown method.
-    {"sah passing every check", [](BuildCall& c) { useSah(c), c.params.ratio = 1.0f; },
-     StatusBadArgument},
-    {"sah, ratio 0, depth 50, 32 MB",
-     [](BuildCall& c) { useSah(c), c.params.ratio = 0, c.params.memoryLimitMB = 32; },
-     StatusBadArgument},
-    {"sah, NaN ratio passes", [](BuildCall& c) { useSah(c), c.params.ratio = kNaN; },
-     StatusBadArgument},
+    {"sah passing every check", [](BuildCall& c) { useSah(c), c.params.ratio = 1.0f; }, StatusOk},
+    {"sah, ratio 0, depth 50, 33 MB",
+     [](BuildCall& c) { useSah(c), c.params.ratio = 0, c.params.memoryLimitMB = 33; }, StatusOk},
+    {"sah, 32 MB passes the check but not the build's requirement",
+     [](BuildCall& c) { useSah(c), c.params.memoryLimitMB = 32; }, StatusNoMemory},
+    {"sah, NaN ratio passes", [](BuildCall& c) { useSah(c), c.params.ratio = kNaN; }, StatusOk},
 };
 
 // Runs the call and checks the status; a failed call must write and allocate nothing.

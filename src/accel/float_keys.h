@@ -1,0 +1,32 @@
+// Unsigned integer keys made from float bits, whose integer order is the float order, and a
+// linear-time sort of such keys.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace vekr::accel {
+
+// Non-negative floats get their sign bit set, negative ones all bits inverted. -0 and +0 get
+// different keys, so callers add 0.0f first (which turns -0 into +0); NaN has no place.
+inline uint32_t floatKey(float f)
+{
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return (bits & 0x80000000u) != 0 ? ~bits : bits | 0x80000000u;
+}
+
+inline float keyFloat(uint32_t key)
+{
+    const uint32_t bits = (key & 0x80000000u) != 0 ? key & 0x7FFFFFFFu : ~key;
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
+// Sorts keys[0 .. n-1] ascending in place, with buffer[0 .. n-1] as scratch. Least-significant
+// byte radix passes; a pass whose byte is the same in every key is skipped, so keys of a
+// narrow float range cost two or three passes.
+void sortKeys(uint32_t* keys, uint32_t* buffer, int32_t n);
+
+}  // namespace vekr::accel

@@ -1,0 +1,33 @@
+// The surface-area-heuristic KD-tree build.
+#pragma once
+
+#include <cstdint>
+
+#include "kd_sah_extents.h"
+#include "kd_sah_split.h"
+#include "vekr.h"
+
+namespace vekr::accel {
+
+// What maxDepth bounds: the splits of the whole tree (one counter that never goes back when
+// the build returns to a pending node), or the inner nodes on each root-to-leaf path.
+enum class SahDepthRule { SplitsInTree, SplitsOnPath };
+
+struct SahBuildOptions {
+    float ratio;           // 0 to 1; sets the gain factor K
+    uint32_t maxDepth;     // 0 to 50
+    uint64_t budgetBytes;  // every byte of scratch is charged to it
+    SahDepthRule depthRule;
+    // Nodes of this many triangles or more search their split in a parallel region.
+    int32_t parallelMinTriangles = kSahParallelMinTriangles;
+};
+
+// Builds the tree over mesh (extents clipped to clipBox when it is not null) and writes the
+// block and its size. StatusNoMemory when the budget is below sahRequiredBytes (before any
+// allocation) or an allocation fails; StatusMemoryLimit when the budget runs out during the
+// build; StatusBuildMismatch when a partition disagrees with its split's counts. On failure
+// nothing is written and all scratch is released.
+Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuildOptions& options,
+                      void** ppTree, int* pTreeSize);
+
+}  // namespace vekr::accel
