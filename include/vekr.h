@@ -69,13 +69,14 @@ typedef struct BoundBox {
 
 /* KD-tree build methods, the values of KDTreeBuildParams.method. */
 enum {
-    KDTreeBuildSimple = 0x499D3DC2, /* one leaf listing every triangle */
-    KDTreeBuildSah = 0x2D07705B     /* surface-area heuristic, at most maxDepth splits in all */
+    KDTreeBuildSimple = 0x499D3DC2,      /* one leaf listing every triangle */
+    KDTreeBuildSah = 0x2D07705B,         /* surface-area heuristic, at most maxDepth splits in all */
+    KDTreeBuildSahFullDepth = 0x5AF0D3E7 /* surface-area heuristic, maxDepth splits on each path */
 };
 
 /* Parameters of vekrKDTreeBuildAlloc. The simple method reads only method and maxDepth. */
 typedef struct KDTreeBuildParams {
-    uint32_t method;        /* KDTreeBuildSimple or KDTreeBuildSah */
+    uint32_t method;        /* KDTreeBuildSimple, KDTreeBuildSah or KDTreeBuildSahFullDepth */
     uint32_t maxDepth;      /* split limit of the tree, 0 to 50 */
     float ratio;            /* 0 to 1: from cheap builds (0) to deep trees (1) */
     uint32_t memoryLimitMB; /* memory budget of the build in megabytes */

@@ -63,7 +63,9 @@ Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
     if (pParams == nullptr) return StatusNullPointer;
 
     const uint32_t method = pParams->method;
-    if (method != KDTreeBuildSimple && method != KDTreeBuildSah) return StatusBadArgument;
+    if (method != KDTreeBuildSimple && method != KDTreeBuildSah &&
+        method != KDTreeBuildSahFullDepth)
+        return StatusBadArgument;
     // Unsigned, so a negative depth is refused too. The simple method checks it as well.
     if (pParams->maxDepth > uint32_t(accel::kMaxInnerNodesOnPath)) return StatusBadParameter;
     if (method == KDTreeBuildSimple)
@@ -73,9 +75,10 @@ Status entry::vekrKDTreeBuildAlloc(void** ppTree, const float* pVertexCoord,
     if (pParams->ratio < 0.0f || pParams->ratio > 1.0f) return StatusBadParameter;
     if (uint32_t(pParams->memoryLimitMB << 19) < kMinHalfBudgetBytes) return StatusNoMemory;
     // The byte budget wraps in 32 bits like the check above: 4096 MB and more wrap.
-    const accel::SahBuildOptions options{pParams->ratio, pParams->maxDepth,
-                                         uint32_t(pParams->memoryLimitMB << 20),
-                                         accel::SahDepthRule::SplitsInTree};
+    const accel::SahBuildOptions options{
+        pParams->ratio, pParams->maxDepth, uint32_t(pParams->memoryLimitMB << 20),
+        method == KDTreeBuildSah ? accel::SahDepthRule::SplitsInTree
+                                 : accel::SahDepthRule::SplitsOnPath};
     return accel::buildKdTreeSah({pVertexCoord, pTriangleIndex, vertexCount, triangleCount},
                                  pParams->pBoundBox, options, ppTree, pTreeSize);
 }

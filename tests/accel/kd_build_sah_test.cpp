@@ -76,11 +76,12 @@ std::vector<Scene> makeScenes()
     // collinear vertices along an axis and across.
     Mesh degenerate = makeTriangleSoup(200, 13);
     for (int i = 0; i < 40; ++i) {
-        const float x = -1.0f + 0.05f * float(i);
-        const int a = degenerate.addVertex(x, 0.1f, -0.2f);
-        const int b = degenerate.addVertex(x, 0.1f + 0.02f * float(i % 5), -0.2f);
-        const int c = degenerate.addVertex(x + 0.3f, 0.4f, 0.1f);
-        const int m = degenerate.addVertex(x + 0.15f, 0.25f, -0.05f);  // midpoint of a, c
+        // Dyadic coordinates: the midpoint m of a and c is exact, so a, m, c are collinear.
+        const float x = -1.0f + 0.0625f * float(i);
+        const int a = degenerate.addVertex(x, 0.125f, -0.25f);
+        const int b = degenerate.addVertex(x, 0.125f + 0.03125f * float(i % 5), -0.25f);
+        const int c = degenerate.addVertex(x + 0.5f, 0.375f, 0.25f);
+        const int m = degenerate.addVertex(x + 0.25f, 0.25f, 0.0f);
         degenerate.addTriangle(a, a, a);
         degenerate.addTriangle(a, b, b);
         degenerate.addTriangle(a, b, a);
@@ -362,7 +363,7 @@ void expectSameNearestHits(const Scene& scene, const Tree& tree, const std::stri
     EXPECT_GT(hits, compared / 20) << what;
 }
 
-const uint32_t kSahMethods[] = {KDTreeBuildSah};
+const uint32_t kSahMethods[] = {KDTreeBuildSah, KDTreeBuildSahFullDepth};
 
 std::string methodName(uint32_t method)
 {
@@ -516,6 +517,42 @@ TEST(KdBuildSah, EveryFailedAllocationIsNoMemoryWithNothingLeaked)
         }
         EXPECT_GE(n, 4) << methodName(method);  // planes, two pools, the block
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Thin triangles in the plane z = 0, half of them along x and half along y, crossing each other
+// in a grid: the cost model splits down to cells of two or three triangles, and the tree's
+// nodes and lists outgrow the two pool blocks the requirement pays for.
+Mesh makeCrossingPlanks(int perAxis)
+{
+    Mesh mesh;
+    const float length = 100.0f, pitch = length / float(perAxis);
+    for (int i = 0; i < perAxis; ++i) {
+        const float at = (float(i) + 0.5f) * pitch;
+        mesh.addTriangle(mesh.addVertex(0.0f, at, 0.0f), mesh.addVertex(length, at, 0.0f),
+                         mesh.addVertex(0.5f * length, at + 0.1f * pitch, 0.0f));
+        mesh.addTriangle(mesh.addVertex(at, 0.0f, 0.0f), mesh.addVertex(at, length, 0.0f),
+                         mesh.addVertex(at + 0.1f * pitch, 0.5f * length, 0.0f));
+    }
+    return mesh;
+}
+
+TEST(KdBuildSah, BudgetRunningOutDuringTheBuildIsMemoryLimitWithNothingLeaked)
+{
+    const Mesh planks = makeCrossingPlanks(800);
+    const uint32_t smallest = smallestBudgetMB(planks);
+    const long long live = vekGetLiveAllocationCount();
+    Tree tree;
+    buildExported(planks, nullptr, {KDTreeBuildSahFullDepth, 50, 1.0f}, tree, smallest);
+    EXPECT_EQ(tree.status, StatusMemoryLimit);
+    EXPECT_EQ(tree.block, nullptr);
+    EXPECT_EQ(vekGetLiveAllocationCount(), live);
+    Tree roomy;
+    buildExported(planks, nullptr, {KDTreeBuildSahFullDepth, 50, 1.0f}, roomy, smallest + 64);
+    EXPECT_EQ(roomy.status, StatusOk);
 }
 
 }  // namespace

@@ -92,6 +92,14 @@ const Check kSingleCases[] = {
      StatusBadArgument},
     {"unknown method", [](BuildCall& c) { c.params.method = KDTreeBuildSimple + 1; },
      StatusBadArgument},
+    {"unknown method near the full-depth one",
+     [](BuildCall& c) { c.params.method = KDTreeBuildSahFullDepth - 1; }, StatusBadArgument},
+    {"full depth passing every check",
+     [](BuildCall& c) { c.params.method = KDTreeBuildSahFullDepth, c.params.ratio = kNaN; },
+     StatusOk},
+    {"full depth, 32 MB",
+     [](BuildCall& c) { c.params.method = KDTreeBuildSahFullDepth, c.params.memoryLimitMB = 32; },
+     StatusNoMemory},
     {"sah passing every check", [](BuildCall& c) { useSah(c), c.params.ratio = 1.0f; }, StatusOk},
     {"sah, ratio 0, depth 50, 33 MB",
      [](BuildCall& c) { useSah(c), c.params.ratio = 0, c.params.memoryLimitMB = 33; }, StatusOk},
@@ -125,16 +133,17 @@ const int32_t* words(const void* tree)
 TEST(KdBuildChecks, FirstFailingCheckInOrderWinsAndNothingIsWritten)
 {
     const int shared = int(std::size(kSharedChecks)), sah = int(std::size(kSahChecks));
-    for (int k = 0; k < shared + sah; ++k) {
-        BuildCall call;
-        useSah(call);
-        for (int j = std::max(k, shared); j < shared + sah; ++j)
-            kSahChecks[j - shared].spoil(call);
-        for (int j = k; j < shared; ++j)
-            kSharedChecks[j].spoil(call);
-        const Check& first = k < shared ? kSharedChecks[k] : kSahChecks[k - shared];
-        expectOutcome(call, first.expected, first.what);
-    }
+    for (uint32_t method : {KDTreeBuildSah, KDTreeBuildSahFullDepth})
+        for (int k = 0; k < shared + sah; ++k) {
+            BuildCall call;
+            call.params.method = method;
+            for (int j = std::max(k, shared); j < shared + sah; ++j)
+                kSahChecks[j - shared].spoil(call);
+            for (int j = k; j < shared; ++j)
+                kSharedChecks[j].spoil(call);
+            const Check& first = k < shared ? kSharedChecks[k] : kSahChecks[k - shared];
+            expectOutcome(call, first.expected, first.what);
+        }
     for (const Check& c : kSingleCases) {
         BuildCall call;
         c.spoil(call);
