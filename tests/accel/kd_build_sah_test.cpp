@@ -556,3 +556,48 @@ TEST(KdBuildSah, BudgetRunningOutDuringTheBuildIsMemoryLimitWithNothingLeaked)
 }
 
 }  // namespace
+
+namespace {
+
+// --- Threads -----------------------------------------------------------------------------
+
+std::vector<uint8_t> buildBytes(const Mesh& mesh, const BoundBox* clip, uint32_t method,
+                                int threads, int32_t parallelMinTriangles)
+{
+    const int previous = vekGetNumThreads();
+    vekSetNumThreads(threads);
+    const accel::SahBuildOptions options{1.0f, 50, uint64_t(512) << 20,
+                                         method == KDTreeBuildSah
+                                             ? accel::SahDepthRule::SplitsInTree
+                                             : accel::SahDepthRule::SplitsOnPath,
+                                         parallelMinTriangles};
+    void* block = nullptr;
+    int size = 0;
+    const Status status = accel::buildKdTreeSah(
+        {mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(), mesh.triangleCount()},
+        clip ? &clip->minX : nullptr, options, &block, &size);
+    vekSetNumThreads(previous);
+    EXPECT_EQ(status, StatusOk);
+    std::vector<uint8_t> bytes(static_cast<const uint8_t*>(block),
+                               static_cast<const uint8_t*>(block) + size);
+    vekrKDTreeFree(block);
+    return bytes;
+}
+
+TEST(KdBuildSah, BlockIsTheSameForEveryThreadCountAndWithoutTheParallelSearch)
+{
+    const Mesh mesh = concatenate(concatenate(makeTriangleSoup(4000, 31), makeHeightField(30, 2)),
+                                  makeGridPlanes());
+    const BoundBox clip{-0.8f, -1.2f, -0.6f, 1.1f, 0.9f, 1.3f};
+    for (uint32_t method : kSahMethods)
+        for (const BoundBox* box : {static_cast<const BoundBox*>(nullptr), &clip}) {
+            const auto sequential = buildBytes(mesh, box, method, 1, INT32_MAX);
+            ASSERT_GT(sequential.size(), 1000u);
+            for (int threads : {1, 2, 3})
+                EXPECT_EQ(buildBytes(mesh, box, method, threads, accel::kSahParallelMinTriangles),
+                          sequential)
+                    << methodName(method) << ", " << threads << " threads";
+        }
+}
+
+}  // namespace
