@@ -1,12 +1,19 @@
 // Acceleration structures: the scene box (bytes of vertices read per second, beside a plain
-// streaming read of the same bytes) and triangle records (triangles per second).
+// streaming read of the same bytes), triangle records and KD-tree builds (triangles per
+// second); the surface-area-heuristic builds on the example renderer's dense meshes.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <memory>
 #include <random>
 #include <vector>
 
 #include "accel/bound_box.h"
+#include "scene.h"
+#include "vekcore.h"
 #include "vekr.h"
 
 namespace {
@@ -114,8 +121,68 @@ void BM_KDTreeBuildSimple(benchmark::State& state)
         benchmark::Counter(double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
 }
 
+// A dense displaced sphere of the example renderer and its box, made once per size.
+struct DenseMesh {
+    SceneMesh mesh{};
+    BoundBox box{};
+    explicit DenseMesh(int triangles)
+    {
+        sceneMakeDense(&mesh, triangles);
+        vekrSetBoundBox_32f(mesh.vertices, mesh.vertexCount, &box.minX);
+    }
+    ~DenseMesh() { sceneFree(&mesh); }
+};
+
+const DenseMesh& denseMesh(int triangles)
+{
+    static std::map<int, std::unique_ptr<DenseMesh>> meshes;
+    auto& m = meshes[triangles];
+    if (!m) m = std::make_unique<DenseMesh>(triangles);
+    return *m;
+}
+
+// The build's requirement rounded up, plus room for the pools to grow (at most 4095 MB, the
+// largest budget that does not wrap).
+uint32_t roomyBudgetMB(const SceneMesh& mesh)
+{
+    const double needed =
+        (12.0 * mesh.vertexCount + 84.0 * mesh.triangleCount + 33554676.0) / 1048576.0;
+    return uint32_t(std::min(4095.0, std::ceil(needed) + 1024.0));
+}
+
+// Arguments: dense-mesh triangles, threads, method (0 full depth, 1 at most 50 splits).
+void BM_KDTreeBuildSah(benchmark::State& state)
+{
+    const DenseMesh& dense = denseMesh(int(state.range(0)));
+    const SceneMesh& mesh = dense.mesh;
+    const int previousThreads = vekGetNumThreads();
+    vekSetNumThreads(int(state.range(1)));
+    const uint32_t method = state.range(2) == 0 ? KDTreeBuildSahFullDepth : KDTreeBuildSah;
+    const KDTreeBuildParams params{method, 50, 1.0f, roomyBudgetMB(mesh), &dense.box.minX};
+    int treeSize = 0;
+    for (auto _ : state) {
+        void* tree = nullptr;
+        if (vekrKDTreeBuildAlloc(&tree, mesh.vertices, mesh.triangles, mesh.vertexCount,
+                                 mesh.triangleCount, &treeSize, &params) != StatusOk) {
+            state.SkipWithError("build failed");
+            break;
+        }
+        benchmark::DoNotOptimize(tree);
+        vekrKDTreeFree(tree);
+    }
+    vekSetNumThreads(previousThreads);
+    state.counters["triangles/s"] = benchmark::Counter(
+        double(state.iterations()) * mesh.triangleCount, benchmark::Counter::kIsRate);
+    state.counters["treeMB"] = double(treeSize) / 1048576.0;
+}
+
 }  // namespace
 
+BENCHMARK(BM_KDTreeBuildSah)
+    ->ArgNames({"triangles", "threads", "method"})
+    ->ArgsProduct({{10'000, 100'000, 1'000'000}, {1, 2}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
 BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesScalar>)
     ->RangeMultiplier(10)

@@ -1,5 +1,6 @@
 // Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes),
-// nearest hits per ray and per 4x4 tile on the example renderer's scenes, and hit points.
+// nearest hits per ray and per 4x4 tile on the example renderer's scenes through each kind
+// of KD-tree, and hit points.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -111,7 +112,8 @@ struct BenchScene {
         records.resize(size_t(mesh.triangleCount));
         vekrTriangleAccelInit(records.data(), mesh.vertices, mesh.triangles, mesh.triangleCount);
         vekrSetBoundBox_32f(mesh.vertices, mesh.vertexCount, &box.minX);
-        const KDTreeBuildParams params{method, 50, 1.0f, 1024, nullptr};
+        // 1024 MB: far more than the builds of these scenes need.
+        const KDTreeBuildParams params{method, 50, 1.0f, 1024, &box.minX};
         int size = 0;
         vekrKDTreeBuildAlloc(&tree, mesh.vertices, mesh.triangles, mesh.vertexCount,
                              mesh.triangleCount, &size, &params);
@@ -191,16 +193,21 @@ struct ImageRays {
 
 enum class Path { Single, Packet, Exported };
 
-// Arguments: dense-mesh triangles (0 for the default scene), image side.
+// The tree argument of the intersection benchmarks.
+enum TreeArg { kFullDepthTree = 0, kSahTree = 1, kSimpleTree = 2 };
+const uint32_t kTreeMethods[] = {KDTreeBuildSahFullDepth, KDTreeBuildSah, KDTreeBuildSimple};
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side, tree (TreeArg).
 template <Path kPath>
 void BM_IntersectEye(benchmark::State& state)
 {
     static std::unique_ptr<BenchScene> scene;
     static int64_t sceneKey = -1;
-    if (sceneKey != state.range(0)) {
+    const int64_t key = state.range(0) * 4 + state.range(2);
+    if (sceneKey != key) {
         scene.reset();
-        scene = std::make_unique<BenchScene>(int(state.range(0)), KDTreeBuildSimple);
-        sceneKey = state.range(0);
+        scene = std::make_unique<BenchScene>(int(state.range(0)), kTreeMethods[state.range(2)]);
+        sceneKey = key;
     }
     ImageRays rays(*scene, int(state.range(1)));
     const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
@@ -228,20 +235,23 @@ void BM_IntersectEye(benchmark::State& state)
     setRayThroughput(state, int64_t(rays.n()));
 }
 
-// Simple (one-leaf) trees: every ray tests every triangle, so the images are small.
-BENCHMARK(BM_IntersectEye<Path::Single>)
-    ->Name("BM_IntersectEyePerRay")
-    ->Args({0, 32})
-    ->Args({100000, 16})
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_IntersectEye<Path::Packet>)
-    ->Name("BM_IntersectEyePacket4x4")
-    ->Args({0, 32})
-    ->Args({100000, 16})
-    ->Unit(benchmark::kMillisecond);
+// The full-depth surface-area-heuristic tree (the renderer's default), the one limited to
+// 50 splits in all, and the one-leaf tree, where every ray tests every triangle: images on
+// the one-leaf tree are small, and the rays/s counters compare the trees on one scene.
+void intersectArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side", "tree"});
+    for (int tree : {kFullDepthTree, kSahTree, kSimpleTree})
+        b->Args({0, 64, tree});
+    b->Args({100000, 256, kFullDepthTree})->Args({100000, 16, kSimpleTree});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_IntersectEye<Path::Single>)->Name("BM_IntersectEyePerRay")->Apply(intersectArgs);
+BENCHMARK(BM_IntersectEye<Path::Packet>)->Name("BM_IntersectEyePacket4x4")->Apply(intersectArgs);
 BENCHMARK(BM_IntersectEye<Path::Exported>)
     ->Name("BM_IntersectEyeSO")
-    ->Args({0, 32})
+    ->ArgNames({"dense", "side", "tree"})
+    ->Args({0, 256, kFullDepthTree})
     ->Unit(benchmark::kMillisecond);
 
 // --- Hit points ----------------------------------------------------------------------------

@@ -22,6 +22,10 @@
 
 enum { kMaxImageSide = 16384, kMaxBlockSide = 256 };
 
+/* The --tree choices, in the order of kTreeNames. */
+typedef enum TreeChoice { TreeSimple, TreeSah, TreeSahFull, TreeChoiceCount } TreeChoice;
+static const char* const kTreeNames[TreeChoiceCount] = {"simple", "sah", "sah-full"};
+
 typedef struct Options {
     int width;
     int height;
@@ -31,7 +35,7 @@ typedef struct Options {
     float target[3];
     float fovYDegrees;
     int hasEye, hasTarget, hasFov;
-    int useSah;
+    TreeChoice tree;
     int blockSide;
     int threadCount;
 } Options;
@@ -82,7 +86,9 @@ static void printUsage(FILE* out, const char* program)
             "      --eye X,Y,Z      camera position (default: framed from the mesh bounds)\n"
             "      --target X,Y,Z   point the camera looks at (default: the middle of the mesh)\n"
             "      --fov DEGREES    vertical field of view (default 40)\n"
-            "      --tree simple|sah  KD-tree build method (default simple)\n"
+            "      --tree simple|sah|sah-full  KD-tree build: one leaf, surface-area heuristic\n"
+            "                       with at most 50 splits, or with up to 50 on each path\n"
+            "                       (default sah-full)\n"
             "      --block N        side of the square pixel blocks traced at once (default 16;\n"
             "                       multiples of 4 take the packet path)\n"
             "      --threads N      threads tracing blocks (default: the vekr thread count)\n"
@@ -138,6 +144,7 @@ static int parseOptions(int argc, char** argv, Options* o)
     o->height = 600;
     o->output = "render.png";
     o->blockSide = 16;
+    o->tree = TreeSahFull;
     o->threadCount = vekGetNumThreads();
     for (int i = 1; i < argc; ++i) {
         const char* v = NULL;
@@ -167,8 +174,11 @@ static int parseOptions(int argc, char** argv, Options* o)
             bad = got < 0 || *end != '\0' || !(o->fovYDegrees >= 1.0f && o->fovYDegrees <= 170.0f);
             o->hasFov = 1;
         } else if ((got = takeValue(argc, argv, &i, NULL, "--tree", &v)) != 0) {
-            bad = got < 0 || (strcmp(v, "simple") != 0 && strcmp(v, "sah") != 0);
-            o->useSah = !bad && strcmp(v, "sah") == 0;
+            int chosen = TreeChoiceCount;
+            for (int t = 0; got > 0 && t < TreeChoiceCount; ++t)
+                if (strcmp(v, kTreeNames[t]) == 0) chosen = t;
+            bad = chosen == TreeChoiceCount;
+            if (!bad) o->tree = (TreeChoice)chosen;
         } else if ((got = takeValue(argc, argv, &i, NULL, "--block", &v)) != 0) {
             bad = got < 0 || parseIntText(v, 1, kMaxBlockSide, &o->blockSide) != 0;
         } else if ((got = takeValue(argc, argv, &i, NULL, "--threads", &v)) != 0) {
@@ -342,7 +352,7 @@ static void releaseScene(PreparedScene* scene)
 
 /* Builds records, box, tree and normals for scene->mesh; prints what it built and how long
  * the tree took. */
-static int prepareScene(PreparedScene* scene, int useSah)
+static int prepareScene(PreparedScene* scene, TreeChoice tree)
 {
     const SceneMesh* mesh = &scene->mesh;
     int recordBytes = 0;
@@ -361,19 +371,22 @@ static int prepareScene(PreparedScene* scene, int useSah)
         return -1;
 
     KDTreeBuildParams params = {KDTreeBuildSimple, 0, 0.0f, 0, NULL};
-    if (useSah) {
-        /* The build refuses a budget below 12 bytes per vertex + 84 per triangle + 32 MiB;
-         * 64 MiB on top leaves room for its leaf lists, which grow in 16 MiB steps. */
-        const double neededMB = (12.0 * mesh->vertexCount + 84.0 * mesh->triangleCount) / 1048576.0;
-        const double budgetMB = ceil(neededMB) + 32 + 64;
-        if (budgetMB > 4095) { /* the budget is taken in bytes as an unsigned 32-bit number */
+    if (tree != TreeSimple) {
+        /* The build refuses a budget below 12 bytes per vertex + 84 per triangle + 32 MiB.
+         * On top, its pools of build nodes and leaf lists grow in 16 MiB steps: a full-depth
+         * tree takes up to about 300 bytes per triangle. The budget is taken in bytes as an
+         * unsigned 32-bit number, so 4095 MB is the most it can be. */
+        const double neededMB =
+            ceil((12.0 * mesh->vertexCount + 84.0 * mesh->triangleCount + 33554676.0) / 1048576.0);
+        if (neededMB > 4095) {
             fprintf(stderr, "mesh too large for the surface-area-heuristic build budget\n");
             return -1;
         }
-        params.method = KDTreeBuildSah;
-        params.maxDepth = 50; /* the most splits the build allows */
+        const double roomMB = 64 + ceil(384.0 * mesh->triangleCount / 1048576.0);
+        params.memoryLimitMB = (uint32_t)fmin(4095, neededMB + roomMB);
+        params.method = tree == TreeSah ? KDTreeBuildSah : KDTreeBuildSahFullDepth;
+        params.maxDepth = 50; /* the most splits the build allows (in all, or on each path) */
         params.ratio = 1.0f;  /* split wherever the cost model says it pays */
-        params.memoryLimitMB = (uint32_t)budgetMB;
         params.pBoundBox = &scene->box.minX;
     }
     const double start = omp_get_wtime();
@@ -382,17 +395,13 @@ static int prepareScene(PreparedScene* scene, int useSah)
                              mesh->triangleCount, &scene->treeBytes, &params);
     const double buildSeconds = omp_get_wtime() - start;
     if (checkStatus(built, "vekrKDTreeBuildAlloc") != 0) {
-        if (useSah && built == StatusBadArgument)
-            fprintf(stderr,
-                    "this vekr build does not offer the surface-area-heuristic method "
-                    "yet; use '--tree simple'\n");
-        else if (useSah)
+        if (tree != TreeSimple)
             fprintf(stderr,
                     "the surface-area-heuristic build failed; '--tree simple' builds the "
                     "one-leaf tree instead\n");
         return -1;
     }
-    printf("tree: %s, %d bytes, built in %.3f ms\n", useSah ? "sah" : "simple", scene->treeBytes,
+    printf("tree: %s, %d bytes, built in %.3f ms\n", kTreeNames[tree], scene->treeBytes,
            buildSeconds * 1e3);
 
     if (makeCornerNormals(mesh, &scene->cornerNormals, &scene->normalIndices) != 0) return -1;
@@ -724,7 +733,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "out of memory for a %dx%d image\n", o.width, o.height);
         goto done;
     }
-    if (prepareScene(&scene, o.useSah) != 0 ||
+    if (prepareScene(&scene, o.tree) != 0 ||
         makeCamera(eye, target, up, fovY, o.width, o.height, &camera) != 0 ||
         traceImage(&scene, &camera, &o, image, &seconds, &hitCount) != 0)
         goto done;
