@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "accel/bound_box.h"
-#include "scene.h"
 #include "vekcore.h"
 #include "vekr.h"
+#if defined(VEKR_BENCH_RENDER_SCENES)
+#include "scene.h"
+#endif
 
 namespace {
 
@@ -121,6 +123,7 @@ void BM_KDTreeBuildSimple(benchmark::State& state)
         benchmark::Counter(double(state.iterations()) * triangles, benchmark::Counter::kIsRate);
 }
 
+#if defined(VEKR_BENCH_RENDER_SCENES)
 // A dense displaced sphere of the example renderer and its box, made once per size.
 struct DenseMesh {
     SceneMesh mesh{};
@@ -175,14 +178,17 @@ void BM_KDTreeBuildSah(benchmark::State& state)
         double(state.iterations()) * mesh.triangleCount, benchmark::Counter::kIsRate);
     state.counters["treeMB"] = double(treeSize) / 1048576.0;
 }
+#endif
 
 }  // namespace
 
+#if defined(VEKR_BENCH_RENDER_SCENES)
 BENCHMARK(BM_KDTreeBuildSah)
     ->ArgNames({"triangles", "threads", "method"})
     ->ArgsProduct({{10'000, 100'000, 1'000'000}, {1, 2}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+#endif
 BENCHMARK(BM_SetBoundBox)->RangeMultiplier(10)->Range(1'000, 1'000'000)->Arg(20'000'000);
 BENCHMARK(BM_ScanExtremes<vekr::accel::scanExtremesScalar>)
     ->RangeMultiplier(10)
