@@ -243,6 +243,7 @@ void intersectArgs(benchmark::internal::Benchmark* b)
     b->ArgNames({"dense", "side", "tree"});
     for (int tree : {kFullDepthTree, kSahTree, kSimpleTree})
         b->Args({0, 64, tree});
+    b->Args({0, 512, kFullDepthTree});
     b->Args({100000, 256, kFullDepthTree})->Args({100000, 16, kSimpleTree});
     b->Unit(benchmark::kMillisecond);
 }

@@ -207,6 +207,57 @@ void testLeafTile(const SceneView& scene, const KdNode* leafNode, const float or
     }
 }
 
+// Lane `lane` of a tile, one float.
+inline float laneOf(__m256 v, int lane)
+{
+    alignas(32) float values[8];
+    _mm256_store_ps(values, v);
+    return values[lane];
+}
+inline __m256 withLane(__m256 v, int lane, float value)
+{
+    alignas(32) float values[8];
+    _mm256_store_ps(values, v);
+    values[lane] = value;
+    return _mm256_load_ps(values);
+}
+
+// The subtree at node for the single ray of laneSet, by the per-ray traversal: the same
+// decisions, the same order of leaves and the same triangle arithmetic as the tile would take
+// with that one lane.
+void traverseOneLane(const SceneView& scene, const float origin[3], const TileRays& rays,
+                     const KdNode* node, int laneSet, const __m256 tNear[2], const __m256 tFar[2],
+                     TileHits& hits)
+{
+    const int index = __builtin_ctz(unsigned(laneSet));
+    const int h = index >> 3, lane = index & 7;
+    const float dir[3] = {laneOf(rays.dir[0][h], lane), laneOf(rays.dir[1][h], lane),
+                          laneOf(rays.dir[2][h], lane)};
+    RayFrame frame;
+    for (int k = 0; k < 3; ++k) {
+        frame.inverse[k] = laneOf(rays.inverse[k][h], lane);
+        frame.negative[k] = rays.negativeBits[k] >> index & 1;
+    }
+    frame.tNear = laneOf(tNear[h], lane);
+    frame.tFar = laneOf(tFar[h], lane);
+    alignas(32) int32_t triangles[8];
+    _mm256_store_ps(reinterpret_cast<float*>(triangles), hits.triangle[h]);
+    RayHit hit{laneOf(hits.dist[h], lane), laneOf(hits.u[h], lane), laneOf(hits.v[h], lane),
+               triangles[lane]};
+    const SceneView subtree{scene.box, scene.triangles, node};
+    traverseSingle(subtree, origin, dir, frame, hit);
+    if (hit.triangle == triangles[lane]) return;  // nothing nearer found
+    hits.dist[h] = withLane(hits.dist[h], lane, hit.dist);
+    hits.u[h] = withLane(hits.u[h], lane, hit.u);
+    hits.v[h] = withLane(hits.v[h], lane, hit.v);
+    triangles[lane] = hit.triangle;
+    hits.triangle[h] = _mm256_load_ps(reinterpret_cast<const float*>(triangles));
+    float hitBits;
+    const int32_t allOnes = -1;
+    std::memcpy(&hitBits, &allOnes, sizeof hitBits);
+    hits.hit[h] = withLane(hits.hit[h], lane, hitBits);
+}
+
 // Each lane takes the per-ray decisions at every inner node; the tile visits a child when any
 // lane of its set needs it, first the child that is near for most of them. A pending node is
 // skipped by the lanes whose nearest hit lies before their part of it.
@@ -220,38 +271,55 @@ void traverseTile(const SceneView& scene, const float origin[3], const TileRays&
     const __m256 allLanes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     for (;;) {
         while (!isLeaf(*node)) {
+            assert(laneSet != 0);
+            if ((laneSet & (laneSet - 1)) == 0) {
+                // One ray left: it finishes this subtree on its own, by the same decisions.
+                traverseOneLane(scene, origin, rays, node, laneSet, tNear, tFar, hits);
+                break;
+            }
             const int k = innerAxis(*node);
             const __m256 splitFromOrigin = _mm256_set1_ps(innerSplit(*node) - origin[k]);
-            __m256 lowerNear[2], lowerFar[2], upperNear[2], upperFar[2];
-            int lowerSet = 0, upperSet = 0;
+            __m256 tSplit[2], farOnly[2], nearOnly[2];
             for (int h = 0; h < 2; ++h) {
-                const __m256 tSplit = _mm256_mul_ps(splitFromOrigin, rays.inverse[k][h]);
-                const __m256 farOnly =
-                    _mm256_cmp_ps(_mm256_sub_ps(tNear[h], tSplit), tolerance, _CMP_GT_OQ);
-                const __m256 nearOnly = _mm256_andnot_ps(
-                    farOnly, _mm256_cmp_ps(_mm256_sub_ps(tSplit, tFar[h]), tolerance, _CMP_GT_OQ));
-                const __m256 both = _mm256_andnot_ps(_mm256_or_ps(farOnly, nearOnly), allLanes);
-                const __m256 mid = _mm256_max_ps(_mm256_min_ps(tSplit, tFar[h]), tNear[h]);
+                tSplit[h] = _mm256_mul_ps(splitFromOrigin, rays.inverse[k][h]);
+                farOnly[h] =
+                    _mm256_cmp_ps(_mm256_sub_ps(tNear[h], tSplit[h]), tolerance, _CMP_GT_OQ);
+                nearOnly[h] = _mm256_andnot_ps(
+                    farOnly[h],
+                    _mm256_cmp_ps(_mm256_sub_ps(tSplit[h], tFar[h]), tolerance, _CMP_GT_OQ));
+            }
+            const int farOnlySet = laneBits(farOnly[0], farOnly[1]) & laneSet;
+            const int nearOnlySet = laneBits(nearOnly[0], nearOnly[1]) & laneSet;
+            const int negativeSet = rays.negativeBits[k] & laneSet;
+            // Without a negative sign the lower child is near and the upper one far.
+            const int needsNear = laneSet & ~farOnlySet;
+            const int needsFar = laneSet & ~nearOnlySet;
+            const int lowerSet = (needsNear & ~negativeSet) | (needsFar & negativeSet);
+            const int upperSet = (needsFar & ~negativeSet) | (needsNear & negativeSet);
+            // Rays that need both children split their interval at the plane; the others keep
+            // theirs whichever child they go to.
+            __m256 lowerNear[2], lowerFar[2], upperNear[2], upperFar[2];
+            const bool splitsIntervals = (needsNear & needsFar) != 0;
+            for (int h = 0; h < 2; ++h) {
+                if (!splitsIntervals) {
+                    lowerNear[h] = upperNear[h] = tNear[h];
+                    lowerFar[h] = upperFar[h] = tFar[h];
+                    continue;
+                }
+                const __m256 both =
+                    _mm256_andnot_ps(_mm256_or_ps(farOnly[h], nearOnly[h]), allLanes);
+                const __m256 mid = _mm256_max_ps(_mm256_min_ps(tSplit[h], tFar[h]), tNear[h]);
                 const __m256 nearEnd = _mm256_blendv_ps(tFar[h], mid, both);
                 const __m256 farStart = _mm256_blendv_ps(tNear[h], mid, both);
                 const __m256 negative = rays.negative[k][h];
-                // Without a negative sign the lower child is near and the upper one far.
-                const __m256 needsNear = _mm256_andnot_ps(farOnly, allLanes);
-                const __m256 needsFar = _mm256_andnot_ps(nearOnly, allLanes);
-                lowerSet |= _mm256_movemask_ps(_mm256_blendv_ps(needsNear, needsFar, negative))
-                            << 8 * h;
-                upperSet |= _mm256_movemask_ps(_mm256_blendv_ps(needsFar, needsNear, negative))
-                            << 8 * h;
                 lowerNear[h] = _mm256_blendv_ps(tNear[h], farStart, negative);
                 lowerFar[h] = _mm256_blendv_ps(nearEnd, tFar[h], negative);
                 upperNear[h] = _mm256_blendv_ps(farStart, tNear[h], negative);
                 upperFar[h] = _mm256_blendv_ps(tFar[h], nearEnd, negative);
             }
-            lowerSet &= laneSet;
-            upperSet &= laneSet;
             const KdNode* children = innerChildren(node);
-            const int negativeCount = __builtin_popcount(laneSet & rays.negativeBits[k]);
-            const bool lowerFirst = 2 * negativeCount <= __builtin_popcount(laneSet);
+            const bool lowerFirst =
+                2 * __builtin_popcount(negativeSet) <= __builtin_popcount(laneSet);
             const KdNode* first = children + (lowerFirst ? 0 : 1);
             const KdNode* second = children + (lowerFirst ? 1 : 0);
             const int firstSet = lowerFirst ? lowerSet : upperSet;
@@ -286,7 +354,7 @@ void traverseTile(const SceneView& scene, const float origin[3], const TileRays&
                 tFar[h] = firstFar[h];
             }
         }
-        testLeafTile(scene, node, origin, rays, laneSet, hits);
+        if (isLeaf(*node)) testLeafTile(scene, node, origin, rays, laneSet, hits);
         for (;;) {
             if (depth == 0) return;
             const PendingTileNode& pending = stack[--depth];
