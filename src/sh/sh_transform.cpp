@@ -8,14 +8,20 @@ namespace vekr::sh {
 
 namespace {
 
-// The basis at one direction by the state's method; no allocation.
-void evalBasisAt(const SHState& state, uint32_t order, const Directions& dirs, int i, float* out)
+// Samples whose basis is evaluated together, through the vector kernels: the values equal
+// those of one direction at a time, and the samples are still accumulated one by one in order.
+constexpr int kBatch = 8;
+
+// The basis at directions first .. first + n - 1 (n <= kBatch), direction after direction, by
+// the state's method; no allocation.
+void evalBasisBatch(const SHState& state, uint32_t order, const Directions& dirs, int first, int n,
+                    float* out)
 {
-    const Directions one{dirs.x + i, dirs.y + i, dirs.z + i, 1};
+    const Directions some{dirs.x + first, dirs.y + first, dirs.z + first, n};
     if (state.method == SHMethodDirect)
-        evalBasisDirectScalar(one, order, out);
+        evalBasisDirectAvx(some, order, out);
     else
-        evalBasisRecurrenceScalar(one, order, recurrenceTables(state), out);
+        evalBasisRecurrenceAvx(some, order, recurrenceTables(state), out);
 }
 
 // out[k] = in[k] * s, then acc[k] += out[k]: element by element, so lanes change no bits.
@@ -69,20 +75,24 @@ void accumulateForward(const SHState& state, uint32_t order, const Directions& d
                        const SampleChannels& samples, float* const coeffs[3])
 {
     const int count = int((order + 1) * (order + 1));
-    // Both buffers hold a whole order-15 basis.
-    alignas(32) float basis[kMaxBasisCount];
+    // The buffers hold whole order-15 bases: eight of them, and one scaled.
+    alignas(32) float bases[kBatch * kMaxBasisCount];
     alignas(32) float scaled[kMaxBasisCount];
-    for (int i = 0; i < dirs.count; ++i) {
-        evalBasisAt(state, order, dirs, i, basis);
-        const ptrdiff_t offset = ptrdiff_t(i) * samples.step;
-        if (samples.channels == 1) {
-            scaleInto(basis, samples.planes[0][offset], basis, count);
-            addInto(coeffs[0], basis, count);
-            continue;
-        }
-        for (int j = 0; j < 3; ++j) {
-            scaleInto(basis, samples.planes[j][offset], scaled, count);
-            addInto(coeffs[j], scaled, count);
+    for (int first = 0; first < dirs.count; first += kBatch) {
+        const int n = dirs.count - first < kBatch ? dirs.count - first : kBatch;
+        evalBasisBatch(state, order, dirs, first, n, bases);
+        for (int s = 0; s < n; ++s) {
+            float* basis = bases + s * count;
+            const ptrdiff_t offset = ptrdiff_t(first + s) * samples.step;
+            if (samples.channels == 1) {
+                scaleInto(basis, samples.planes[0][offset], basis, count);
+                addInto(coeffs[0], basis, count);
+                continue;
+            }
+            for (int j = 0; j < 3; ++j) {
+                scaleInto(basis, samples.planes[j][offset], scaled, count);
+                addInto(coeffs[j], scaled, count);
+            }
         }
     }
 }
@@ -91,12 +101,15 @@ void evaluateInverse(const SHState& state, uint32_t order, const Directions& dir
                      const float* const coeffs[3], const OutputChannels& out)
 {
     const int count = int((order + 1) * (order + 1));
-    alignas(32) float basis[kMaxBasisCount];
-    for (int i = 0; i < dirs.count; ++i) {
-        evalBasisAt(state, order, dirs, i, basis);
-        const ptrdiff_t offset = ptrdiff_t(i) * out.step;
-        for (int j = 0; j < out.channels; ++j)
-            out.planes[j][offset] = dotProductAvx(basis, coeffs[j], count);
+    alignas(32) float bases[kBatch * kMaxBasisCount];
+    for (int first = 0; first < dirs.count; first += kBatch) {
+        const int n = dirs.count - first < kBatch ? dirs.count - first : kBatch;
+        evalBasisBatch(state, order, dirs, first, n, bases);
+        for (int s = 0; s < n; ++s) {
+            const ptrdiff_t offset = ptrdiff_t(first + s) * out.step;
+            for (int j = 0; j < out.channels; ++j)
+                out.planes[j][offset] = dotProductAvx(bases + s * count, coeffs[j], count);
+        }
     }
 }
 
