@@ -1,5 +1,6 @@
 // Entry functions of the volume resampling: argument checks in order, then one kernel.
 #include <cstddef>
+#include <type_traits>
 
 #include "frame/entry_points.h"
 #include "vekcore.h"
@@ -25,15 +26,29 @@ Status checkBufferQuery(Cuboid srcVOI, Cuboid dstVOI, int nChannel, int interpol
     return StatusOk;
 }
 
-// The destination-region stage every resize starts with; on StatusOk the region is filled.
-Status resizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid srcVOI, Cuboid dstVOI,
-                    double xFactor, double yFactor, double zFactor, double xShift, double yShift,
-                    double zShift, int interpolation, volume::ResizeRegion& region)
+// The destination-region stage every resize starts with, then the resize of one pair of views
+// on the calling thread, or split over the library's threads for the one parallel form.
+// Building a view reads nothing, so the views may be made before the checks.
+template <class T>
+Status checkThenResize(bool pointersPresent, const volume::VolumeView<const T>& src,
+                       VolumeSize srcVolume, Cuboid srcVOI, const volume::VolumeView<T>& dst,
+                       Cuboid dstVOI, double xFactor, double yFactor, double zFactor, double xShift,
+                       double yShift, double zShift, int interpolation, uint8_t* buffer,
+                       bool inTeam = false)
 {
     const double factor[3] = {xFactor, yFactor, zFactor};
     const double shift[3] = {xShift, yShift, zShift};
-    return volume::resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI, factor, shift,
-                                       interpolation, region);
+    volume::ResizeRegion region;
+    const Status status = volume::resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI,
+                                                      factor, shift, interpolation, region);
+    if (status != StatusOk) return status;
+    if constexpr (std::is_same_v<T, float>)
+        if (inTeam) {
+            volume::resizeVolumeInTeam(src, srcVolume, dst, region, interpolation, buffer);
+            return StatusOk;
+        }
+    volume::resizeVolume(src, srcVolume, dst, region, interpolation, buffer);
+    return StatusOk;
 }
 
 }  // namespace
@@ -97,15 +112,10 @@ Status entry::vekrResize_8u_C1V(const uint8_t* pSrc, VolumeSize srcVolume, int s
                                 double zFactor, double xShift, double yShift, double zShift,
                                 int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolume(volume::blockVolume(pSrc, srcStep, srcPlaneStep), srcVolume,
-                         volume::blockVolume(pDst, dstStep, dstPlaneStep), region, interpolation,
-                         pBuffer);
-    return StatusOk;
+    return checkThenResize(pSrc && pDst && pBuffer,
+                           volume::blockVolume(pSrc, srcStep, srcPlaneStep), srcVolume, srcVOI,
+                           volume::blockVolume(pDst, dstStep, dstPlaneStep), dstVOI, xFactor,
+                           yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
 Status entry::vekrResize_16u_C1V(const uint16_t* pSrc, VolumeSize srcVolume, int srcStep,
@@ -114,15 +124,10 @@ Status entry::vekrResize_16u_C1V(const uint16_t* pSrc, VolumeSize srcVolume, int
                                  double zFactor, double xShift, double yShift, double zShift,
                                  int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolume(volume::blockVolume(pSrc, srcStep >> 1, srcPlaneStep >> 1), srcVolume,
-                         volume::blockVolume(pDst, dstStep >> 1, dstPlaneStep >> 1), region,
-                         interpolation, pBuffer);
-    return StatusOk;
+    return checkThenResize(
+        pSrc && pDst && pBuffer, volume::blockVolume(pSrc, srcStep >> 1, srcPlaneStep >> 1),
+        srcVolume, srcVOI, volume::blockVolume(pDst, dstStep >> 1, dstPlaneStep >> 1), dstVOI,
+        xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
 Status entry::vekrResize_32f_C1V(const float* pSrc, VolumeSize srcVolume, int srcStep,
@@ -131,15 +136,10 @@ Status entry::vekrResize_32f_C1V(const float* pSrc, VolumeSize srcVolume, int sr
                                  double zFactor, double xShift, double yShift, double zShift,
                                  int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolumeInTeam(
-        volume::blockVolume(pSrc, srcStep >> 2, srcPlaneStep >> 2), srcVolume,
-        volume::blockVolume(pDst, dstStep >> 2, dstPlaneStep >> 2), region, interpolation, pBuffer);
-    return StatusOk;
+    return checkThenResize(
+        pSrc && pDst && pBuffer, volume::blockVolume(pSrc, srcStep >> 2, srcPlaneStep >> 2),
+        srcVolume, srcVOI, volume::blockVolume(pDst, dstStep >> 2, dstPlaneStep >> 2), dstVOI,
+        xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer, true);
 }
 
 Status entry::vekrResize_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
@@ -147,14 +147,9 @@ Status entry::vekrResize_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolu
                                  double xFactor, double yFactor, double zFactor, double xShift,
                                  double yShift, double zShift, int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolume(volume::planarVolume(pSrc, srcStep), srcVolume,
-                         volume::planarVolume(pDst, dstStep), region, interpolation, pBuffer);
-    return StatusOk;
+    return checkThenResize(pSrc && pDst && pBuffer, volume::planarVolume(pSrc, srcStep), srcVolume,
+                           srcVOI, volume::planarVolume(pDst, dstStep), dstVOI, xFactor, yFactor,
+                           zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
 Status entry::vekrResize_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
@@ -162,14 +157,10 @@ Status entry::vekrResize_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVo
                                   double xFactor, double yFactor, double zFactor, double xShift,
                                   double yShift, double zShift, int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolume(volume::planarVolume(pSrc, srcStep >> 1), srcVolume,
-                         volume::planarVolume(pDst, dstStep >> 1), region, interpolation, pBuffer);
-    return StatusOk;
+    return checkThenResize(pSrc && pDst && pBuffer, volume::planarVolume(pSrc, srcStep >> 1),
+                           srcVolume, srcVOI, volume::planarVolume(pDst, dstStep >> 1), dstVOI,
+                           xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation,
+                           pBuffer);
 }
 
 Status entry::vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
@@ -177,12 +168,8 @@ Status entry::vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolum
                                   double xFactor, double yFactor, double zFactor, double xShift,
                                   double yShift, double zShift, int interpolation, uint8_t* pBuffer)
 {
-    volume::ResizeRegion region;
-    const Status status =
-        resizeRegion(pSrc && pDst && pBuffer, srcVolume, srcVOI, dstVOI, xFactor, yFactor, zFactor,
-                     xShift, yShift, zShift, interpolation, region);
-    if (status != StatusOk) return status;
-    volume::resizeVolume(volume::planarVolume(pSrc, srcStep >> 2), srcVolume,
-                         volume::planarVolume(pDst, dstStep >> 2), region, interpolation, pBuffer);
-    return StatusOk;
+    return checkThenResize(pSrc && pDst && pBuffer, volume::planarVolume(pSrc, srcStep >> 2),
+                           srcVolume, srcVOI, volume::planarVolume(pDst, dstStep >> 2), dstVOI,
+                           xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation,
+                           pBuffer);
 }
