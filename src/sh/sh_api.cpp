@@ -31,6 +31,13 @@ Status checkTransform(int length, uint32_t order, const SHState& state, bool& pr
     return StatusOk;
 }
 
+// True when any of the arguments is null, tested in argument order.
+template <class... P>
+bool anyNullArgument(const P*... pointers)
+{
+    return ((pointers == nullptr) || ...);
+}
+
 template <class T>
 bool anyNull(T* const* planes)
 {
@@ -68,8 +75,7 @@ Status entry::vekrSHInit_32f(void* state, unsigned int order, int method)
 Status entry::vekrSH_32f(const float* x, const float* y, const float* z, int length, float* dst,
                          unsigned int order, const SHState* state)
 {
-    if (x == nullptr || y == nullptr || z == nullptr || dst == nullptr || state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(x, y, z, dst, state)) return StatusNullPointer;
     if (length == 0) return StatusBadSize;
     if (order > state->order || !knownMethod(state->method)) return StatusOutOfRange;
     // Either method stops at order 15, even for a recurrence state built for more.
@@ -86,7 +92,7 @@ Status entry::vekrSH_32f(const float* x, const float* y, const float* z, int len
 Status entry::vekrSHBand_32f(const float* x, const float* y, const float* z, int length, float* dst,
                              unsigned int band)
 {
-    if (x == nullptr || y == nullptr || z == nullptr || dst == nullptr) return StatusNullPointer;
+    if (anyNullArgument(x, y, z, dst)) return StatusNullPointer;
     if (band > sh::kMaxOrder) return StatusOutOfRange;
     if (length == 0) return StatusBadSize;
     if (length < 0) return StatusOk;
@@ -98,9 +104,7 @@ Status entry::vekrSHTFwd_32f_C1I(const float* x, const float* y, const float* z,
                                  const float* samples, int length, float* coeffs,
                                  unsigned int order, const SHState* state)
 {
-    if (x == nullptr || y == nullptr || z == nullptr || samples == nullptr || coeffs == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(x, y, z, samples, coeffs, state)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
     if (!proceed) return status;
@@ -114,9 +118,7 @@ Status entry::vekrSHTFwd_32f_P3I(const float* x, const float* y, const float* z,
                                  const float* const samples[3], int length, float* const coeffs[3],
                                  unsigned int order, const SHState* state)
 {
-    if (x == nullptr || y == nullptr || z == nullptr || samples == nullptr || coeffs == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(x, y, z, samples, coeffs, state)) return StatusNullPointer;
     if (anyNull(samples) || anyNull(coeffs)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
@@ -130,9 +132,7 @@ Status entry::vekrSHTFwd_32f_C3P3I(const float* x, const float* y, const float* 
                                    const float* samples, int length, float* const coeffs[3],
                                    unsigned int order, const SHState* state)
 {
-    if (x == nullptr || y == nullptr || z == nullptr || samples == nullptr || coeffs == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(x, y, z, samples, coeffs, state)) return StatusNullPointer;
     if (anyNull(coeffs)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
@@ -146,9 +146,7 @@ Status entry::vekrSHTInv_32f_C1(const float* coeffs, unsigned int order, const f
                                 const float* y, const float* z, float* dst, int length,
                                 const SHState* state)
 {
-    if (coeffs == nullptr || x == nullptr || y == nullptr || z == nullptr || dst == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(coeffs, x, y, z, dst, state)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
     if (!proceed) return status;
@@ -161,9 +159,7 @@ Status entry::vekrSHTInv_32f_P3(const float* const coeffs[3], unsigned int order
                                 const float* y, const float* z, float* const dst[3], int length,
                                 const SHState* state)
 {
-    if (coeffs == nullptr || x == nullptr || y == nullptr || z == nullptr || dst == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(coeffs, x, y, z, dst, state)) return StatusNullPointer;
     if (anyNull(coeffs) || anyNull(dst)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
@@ -176,9 +172,7 @@ Status entry::vekrSHTInv_32f_P3C3(const float* const coeffs[3], unsigned int ord
                                   const float* y, const float* z, float* dst, int length,
                                   const SHState* state)
 {
-    if (coeffs == nullptr || x == nullptr || y == nullptr || z == nullptr || dst == nullptr ||
-        state == nullptr)
-        return StatusNullPointer;
+    if (anyNullArgument(coeffs, x, y, z, dst, state)) return StatusNullPointer;
     if (anyNull(coeffs)) return StatusNullPointer;
     bool proceed;
     const Status status = checkTransform(length, order, *state, proceed);
