@@ -50,26 +50,10 @@ void setDirectionThroughput(benchmark::State& state, int64_t directions, int64_t
     state.SetBytesProcessed(int64_t(state.iterations()) * directions * floatsEach * 4);
 }
 
-// Arguments: order, directions.
-template <int kMethod>
+// Arguments: order, directions. kScalarTwin times the scalar twin of the method instead of
+// the exported function, to show what the vector paths gain.
+template <int kMethod, bool kScalarTwin>
 void BM_SH(benchmark::State& state)
-{
-    const unsigned order = unsigned(state.range(0));
-    const int n = int(state.range(1));
-    const UnitDirections dirs(n);
-    const State sh(order, kMethod);
-    const int64_t perDirection = int64_t(order + 1) * (order + 1);
-    std::vector<float> dst(size_t(n * perDirection), 0.0f);
-    for (auto _ : state) {
-        vekrSH_32f(dirs.x.data(), dirs.y.data(), dirs.z.data(), n, dst.data(), order, sh.state);
-        benchmark::ClobberMemory();
-    }
-    setDirectionThroughput(state, n, perDirection);
-}
-
-// The scalar twins, to show what the vector paths gain.
-template <int kMethod>
-void BM_SHScalar(benchmark::State& state)
 {
     const unsigned order = unsigned(state.range(0));
     const int n = int(state.range(1));
@@ -79,7 +63,9 @@ void BM_SHScalar(benchmark::State& state)
     std::vector<float> dst(size_t(n * perDirection), 0.0f);
     const vekr::sh::Directions view{dirs.x.data(), dirs.y.data(), dirs.z.data(), n};
     for (auto _ : state) {
-        if (kMethod == SHMethodDirect)
+        if (!kScalarTwin)
+            vekrSH_32f(view.x, view.y, view.z, n, dst.data(), order, sh.state);
+        else if (kMethod == SHMethodDirect)
             vekr::sh::evalBasisDirectScalar(view, order, dst.data());
         else
             vekr::sh::evalBasisRecurrenceScalar(view, order, vekr::sh::recurrenceTables(*sh.state),
@@ -108,13 +94,13 @@ void shArgs(benchmark::internal::Benchmark* b)
             b->Args({order, n});
 }
 
-BENCHMARK(BM_SH<SHMethodDirect>)->Name("BM_SHDirect")->Apply(shArgs);
-BENCHMARK(BM_SH<SHMethodRecurrence>)->Name("BM_SHRecurrence")->Apply(shArgs);
-BENCHMARK(BM_SHScalar<SHMethodDirect>)
+BENCHMARK(BM_SH<SHMethodDirect, false>)->Name("BM_SHDirect")->Apply(shArgs);
+BENCHMARK(BM_SH<SHMethodRecurrence, false>)->Name("BM_SHRecurrence")->Apply(shArgs);
+BENCHMARK(BM_SH<SHMethodDirect, true>)
     ->Name("BM_SHDirectScalar")
     ->Args({2, 1000})
     ->Args({15, 1000});
-BENCHMARK(BM_SHScalar<SHMethodRecurrence>)
+BENCHMARK(BM_SH<SHMethodRecurrence, true>)
     ->Name("BM_SHRecurrenceScalar")
     ->Args({2, 1000})
     ->Args({15, 1000});
