@@ -187,6 +187,28 @@ Status vekrHitPoint3DEpsM0_32f_M(const float* const origin[3], const float* cons
                                  const float* dist, const int32_t* mask,
                                  float* const hitPoint[3], int count, float eps);
 
+/* Occlusion of the segments origin + t * direction, 0 < t < 1, of a width x height block of
+ * rays sharing one origin (typically a light). Rays whose mask word is negative are not tested.
+ * Writes the first occluding triangle found (or -1) to triIndex and -1 to the mask word of
+ * every occluded ray; checks nothing. The context's box is not read. */
+Status vekrIntersectAnySO_32f(const float origin[3], const float* const direction[3],
+                              int32_t* triIndex, int32_t* mask, int width, int height,
+                              const IntersectContext* context);
+
+/* Shadow rays from a point light: writes shadowDir = hitPoint - lightPos and
+ * shadowDot = |shadowDir . normal| for the points the light can reach on their seen side;
+ * other points get zeros and the mask word -1. */
+Status vekrCastShadowSO_32f(const float lightPos[3], const float* eyeDot,
+                            const float* const normal[3], const float* const hitPoint[3],
+                            int32_t* mask, float* shadowDot, float* const shadowDir[3],
+                            int count);
+
+/* Writes the mirror direction D - 2 (D . N) N of every incident direction D about its normal N
+ * (not renormalised); (0, 0, 0) for rays whose mask word is negative. */
+Status vekrCastReflectionRay_32f(const float* const incident[3], const int32_t* mask,
+                                 const float* const normal[3], float* const reflected[3],
+                                 int count);
+
 /* --- Shading ------------------------------------------------------------------------------ */
 
 /* Writes the unit normal of every triangle (three floats each; zero for degenerate ones). */
@@ -202,6 +224,41 @@ Status vekrSurfFlatNormal_32f(const float* triangleNormals, const int* hitTriang
 Status vekrSurfSmoothNormal_32f(const float* vertexNormals, const int* normalIndices,
                                 const int* hitTriangles, const float* const hitUV[2],
                                 float* const normals[3], int rayCount, int indexStep);
+
+/* Masked arithmetic on length rays. Mask words: 0 enables a ray, -1 disables it. The sign-tested
+ * functions treat any negative word as disabled; the bitwise ones AND their result with the
+ * complement of the word. A length of 0 or below touches no memory. */
+
+/* srcDst[i] *= src[i]; a disabled ray (negative mask) gets the product times 0.0. Checks nothing. */
+Status vekrMul_32f_C1IM(const float* src, const int32_t* mask, float* srcDst, int length);
+
+/* srcDst[k][i] *= src[i] for the three planes; a disabled ray (mask -1) gets +0.0. */
+Status vekrMul_32f_C1P3IM(const float* src, const int32_t* mask, float* const srcDst[3],
+                          int length);
+
+/* srcDst[i] /= src[i] by a refined reciprocal; a disabled ray (mask -1) gets +0.0. Returns
+ * StatusWarnNoOperation when some divisor is +0.0 (the result is then +-infinity, or the NaN
+ * 0x7FBFFFFF for a zero or NaN dividend); a divisor of -0.0 leaves the dividend. */
+Status vekrDiv_32f_C1IM(const float* src, const int32_t* mask, float* srcDst, int length);
+
+/* srcDst[k][i] += (colour[k] * src[k][i]) * factor[i] for enabled rays (mask not negative). */
+Status vekrAddMulMul_32f_AC1P3IM(const float colour[3], const float* factor,
+                                 const float* const src[3], const int32_t* mask,
+                                 float* const srcDst[3], int length);
+
+/* dst[i] = src0[i] . src1[i] (three planes each); a disabled ray (mask -1) gets +0.0. */
+Status vekrDot_32f_P3C1M(const float* const src0[3], const float* const src1[3],
+                         const int32_t* mask, float* dst, int length);
+
+/* Turns each enabled normal to face against its direction and writes their dot product
+ * (-|normal . direction|) to dot; a disabled ray (negative mask) gets dot 0, normal unchanged. */
+Status vekrDotChangeNorm_32f_IM(const float* const direction[3], const int32_t* mask,
+                                float* const normal[3], float* dot, int length);
+
+/* Writes the distance from point to each hit point, clamped below at 1.0; 1.0 for a disabled
+ * ray (negative mask). */
+Status vekrDistAttenuationSO_32f_M(const float point[3], const float* const hitPoint[3],
+                                   const int32_t* mask, float* distance, int length);
 
 /* --- Spherical harmonics ------------------------------------------------------------------ */
 

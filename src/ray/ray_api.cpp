@@ -68,3 +68,21 @@ Status entry::vekrHitPoint3DEpsM0_32f_M(const float* const origin[3],
     ray::computeHitPointsAvx({nullptr, origin, direction, dist, mask, count, eps}, hitPoint);
     return StatusOk;
 }
+
+Status entry::vekrIntersectAnySO_32f(const float*, const float* const[3], int32_t*, int32_t*, int,
+                                     int, const IntersectContext*)
+{
+    return StatusOk;  // kernel to come
+}
+
+Status entry::vekrCastShadowSO_32f(const float*, const float*, const float* const[3],
+                                   const float* const[3], int32_t*, float*, float* const[3], int)
+{
+    return StatusOk;  // kernel to come
+}
+
+Status entry::vekrCastReflectionRay_32f(const float* const[3], const int32_t*,
+                                        const float* const[3], float* const[3], int)
+{
+    return StatusOk;  // kernel to come
+}

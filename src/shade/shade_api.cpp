@@ -37,3 +37,16 @@ Status entry::vekrSurfSmoothNormal_32f(const float* vertexNormals, const int* no
                                     rayCount, indexStep);
     return StatusOk;
 }
+
+// Masked arithmetic: kernels to come.
+Status entry::vekrMul_32f_C1IM(const float*, const int32_t*, float*, int) { return StatusOk; }
+Status entry::vekrMul_32f_C1P3IM(const float*, const int32_t*, float* const[3], int) { return StatusOk; }
+Status entry::vekrDiv_32f_C1IM(const float*, const int32_t*, float*, int) { return StatusOk; }
+Status entry::vekrAddMulMul_32f_AC1P3IM(const float*, const float*, const float* const[3],
+                                        const int32_t*, float* const[3], int) { return StatusOk; }
+Status entry::vekrDot_32f_P3C1M(const float* const[3], const float* const[3], const int32_t*,
+                                float*, int) { return StatusOk; }
+Status entry::vekrDotChangeNorm_32f_IM(const float* const[3], const int32_t*, float* const[3],
+                                       float*, int) { return StatusOk; }
+Status entry::vekrDistAttenuationSO_32f_M(const float*, const float* const[3], const int32_t*,
+                                          float*, int) { return StatusOk; }
