@@ -1,7 +1,13 @@
 // Masked per-ray arithmetic. Each Scalar twin is the readable definition; its Avx and Aligned4
 // partners do the same operations in the same order per lane, and select between computed and
-// kept values with the sign bit of the mask word (blendv) or clear bits with it (andnot), so
-// the twins agree bit for bit.
+// kept values by the sign of the mask word or clear bits with it (andnot), so the twins agree
+// bit for bit.
+//
+// The 8-lane kernels select with full-lane masks and and/andnot/or rather than blendv: GCC
+// rewrites a 256-bit blendv as a sign comparison of 32-bit integers, which plain AVX lacks, and
+// then splits it into one branch per lane. The vector kernels copy the pointers of a plane
+// triple into locals: a float store might alias the caller's pointer array, which would force
+// a reload every step.
 #include "masked_arithmetic.h"
 
 #include <immintrin.h>
@@ -35,6 +41,32 @@ inline bool isAligned(const void* p, uintptr_t bytes)
 inline __m256 loadMask8(const int32_t* mask)
 {
     return _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(mask)));
+}
+
+// All bits set in the lanes whose mask word is negative. The shift runs in 128-bit halves:
+// plain AVX has no 256-bit integer shift.
+inline __m256 negativeLanes(__m256 mask)
+{
+    const __m256i m = _mm256_castps_si256(mask);
+    const __m128i low = _mm_srai_epi32(_mm256_castsi256_si128(m), 31);
+    const __m128i high = _mm_srai_epi32(_mm256_extractf128_si256(m, 1), 31);
+    return _mm256_castsi256_ps(_mm256_insertf128_si256(_mm256_castsi128_si256(low), high, 1));
+}
+
+// All bits set in the lanes that are +0.0 (every bit clear), in 128-bit halves as above.
+inline __m256 plusZeroLanes(__m256 x)
+{
+    const __m256i v = _mm256_castps_si256(x);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i low = _mm_cmpeq_epi32(_mm256_castsi256_si128(v), zero);
+    const __m128i high = _mm_cmpeq_epi32(_mm256_extractf128_si256(v, 1), zero);
+    return _mm256_castsi256_ps(_mm256_insertf128_si256(_mm256_castsi128_si256(low), high, 1));
+}
+
+// ifSet in the lanes where `lanes` has all bits set, otherwise elsewhere.
+inline __m256 select(__m256 lanes, __m256 ifSet, __m256 otherwise)
+{
+    return _mm256_or_ps(_mm256_and_ps(lanes, ifSet), _mm256_andnot_ps(lanes, otherwise));
 }
 
 inline __m128 loadMask4(const int32_t* mask)
@@ -93,16 +125,15 @@ void scaleBySignMaskRange(const float* src, const int32_t* mask, float* srcDst, 
 
 struct Divided8 {
     __m256 quotient;   // already ANDed with the complement of the mask
-    __m256 plusZero;   // sign bit set in the lanes whose divisor is +0.0
+    __m256 plusZero;   // all bits set in the lanes whose divisor is +0.0
 };
 
 inline Divided8 divide8(__m256 s, __m256 d, __m256 mask)
 {
     const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
-    const __m256 isZero = _mm256_cmp_ps(s, zero, _CMP_EQ_OQ);
-    // Sign bit set only where s equals zero and its own sign bit is clear: +0.0, not -0.0.
-    const __m256 plusZero = _mm256_andnot_ps(s, isZero);
-    const __m256 divisor = _mm256_blendv_ps(s, one, isZero);
+    const __m256 isZero = _mm256_cmp_ps(s, zero, _CMP_EQ_OQ);  // +0.0 and -0.0
+    const __m256 plusZero = plusZeroLanes(s);
+    const __m256 divisor = select(isZero, one, s);
     const __m256 r = _mm256_rcp_ps(divisor);
     const __m256 e = _mm256_sub_ps(one, _mm256_mul_ps(divisor, r));
     const __m256 t = _mm256_mul_ps(d, r);
@@ -111,8 +142,8 @@ inline Divided8 divide8(__m256 s, __m256 d, __m256 mask)
     const __m256 signOfD = _mm256_and_ps(d, _mm256_set1_ps(-0.0f));
     const __m256 infinity = _mm256_or_ps(signOfD, _mm256_set1_ps(std::numeric_limits<float>::infinity()));
     const __m256 nan = _mm256_castsi256_ps(_mm256_set1_epi32(int32_t(kZeroDivisorNaNBits)));
-    const __m256 special = _mm256_blendv_ps(infinity, nan, _mm256_cmp_ps(d, zero, _CMP_EQ_UQ));
-    return {_mm256_andnot_ps(mask, _mm256_blendv_ps(q, special, plusZero)), plusZero};
+    const __m256 special = select(_mm256_cmp_ps(d, zero, _CMP_EQ_UQ), nan, infinity);
+    return {_mm256_andnot_ps(mask, select(plusZero, special, q)), plusZero};
 }
 
 // --- Accumulate colour ------------------------------------------------------------------
@@ -132,11 +163,11 @@ inline void accumulateColour8(const __m256 colour[3], const float* factor,
                               float* const srcDst[3], Index i)
 {
     const __m256 f = _mm256_loadu_ps(factor + i);
-    const __m256 m = loadMask8(mask + i);
+    const __m256 disabled = negativeLanes(loadMask8(mask + i));
     for (int k = 0; k < 3; ++k) {
         const __m256 old = _mm256_loadu_ps(srcDst[k] + i);
         const __m256 scaled = _mm256_mul_ps(_mm256_mul_ps(colour[k], _mm256_loadu_ps(src[k] + i)), f);
-        _mm256_storeu_ps(srcDst[k] + i, _mm256_blendv_ps(_mm256_add_ps(scaled, old), old, m));
+        _mm256_storeu_ps(srcDst[k] + i, select(disabled, old, _mm256_add_ps(scaled, old)));
     }
 }
 
@@ -163,7 +194,7 @@ void faceNormalsRange(const float* const direction[3], const int32_t* mask,
 inline void faceNormals8(const float* const direction[3], const int32_t* mask,
                          float* const normal[3], float* dot, Index i)
 {
-    const __m256 m = loadMask8(mask + i);
+    const __m256 disabled = negativeLanes(loadMask8(mask + i));
     __m256 n[3];
     for (int k = 0; k < 3; ++k)
         n[k] = _mm256_loadu_ps(normal[k] + i);
@@ -171,11 +202,12 @@ inline void faceNormals8(const float* const direction[3], const int32_t* mask,
         _mm256_add_ps(_mm256_mul_ps(n[0], _mm256_loadu_ps(direction[0] + i)),
                       _mm256_mul_ps(n[1], _mm256_loadu_ps(direction[1] + i))),
         _mm256_mul_ps(n[2], _mm256_loadu_ps(direction[2] + i)));
+    // s = -1.0 where d > 0 (ordered: not for NaN), +1.0 elsewhere: the sign bit of -0.0 on 1.0.
     const __m256 facing = _mm256_cmp_ps(d, _mm256_setzero_ps(), _CMP_GT_OQ);
-    const __m256 s = _mm256_blendv_ps(_mm256_set1_ps(1.0f), _mm256_set1_ps(-1.0f), facing);
+    const __m256 s = _mm256_or_ps(_mm256_set1_ps(1.0f), _mm256_and_ps(facing, _mm256_set1_ps(-0.0f)));
     for (int k = 0; k < 3; ++k)
-        _mm256_storeu_ps(normal[k] + i, _mm256_blendv_ps(_mm256_mul_ps(s, n[k]), n[k], m));
-    _mm256_storeu_ps(dot + i, _mm256_blendv_ps(_mm256_mul_ps(s, d), _mm256_setzero_ps(), m));
+        _mm256_storeu_ps(normal[k] + i, select(disabled, n[k], _mm256_mul_ps(s, n[k])));
+    _mm256_storeu_ps(dot + i, _mm256_andnot_ps(disabled, _mm256_mul_ps(s, d)));
 }
 
 // --- Attenuation distance ---------------------------------------------------------------
@@ -206,9 +238,9 @@ inline void attenuationDistance8(const __m256 point[3], const float* const hitPo
     const __m256 dz = _mm256_sub_ps(_mm256_loadu_ps(hitPoint[2] + i), point[2]);
     const __m256 q = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
                                    _mm256_mul_ps(dz, dz));
-    const __m256 near = _mm256_cmp_ps(q, one, _CMP_LT_OQ);
-    const __m256 clamped = _mm256_blendv_ps(_mm256_sqrt_ps(q), one, near);
-    _mm256_storeu_ps(distance + i, _mm256_blendv_ps(clamped, one, loadMask8(mask + i)));
+    const __m256 near = _mm256_or_ps(_mm256_cmp_ps(q, one, _CMP_LT_OQ),
+                                     negativeLanes(loadMask8(mask + i)));
+    _mm256_storeu_ps(distance + i, select(near, one, _mm256_sqrt_ps(q)));
 }
 
 }  // namespace
@@ -222,13 +254,13 @@ void scaleBySignMaskScalar(const float* src, const int32_t* mask, float* srcDst,
 
 void scaleBySignMaskAvx(const float* src, const int32_t* mask, float* srcDst, int length)
 {
-    const __m256 one = _mm256_set1_ps(1.0f), zero = _mm256_setzero_ps();
+    const __m256 one = _mm256_set1_ps(1.0f);
     runGeneralPath(
         srcDst, length,
         [=](Index begin, Index end) { scaleBySignMaskRange(src, mask, srcDst, begin, end); },
         [=](Index i) {
             for (Index j = i; j < i + 16; j += kLanes) {
-                const __m256 f = _mm256_blendv_ps(one, zero, loadMask8(mask + j));
+                const __m256 f = _mm256_andnot_ps(negativeLanes(loadMask8(mask + j)), one);
                 const __m256 product =
                     _mm256_mul_ps(_mm256_loadu_ps(srcDst + j), _mm256_loadu_ps(src + j));
                 _mm256_store_ps(srcDst + j, _mm256_mul_ps(product, f));
@@ -254,19 +286,20 @@ void scalePlanesMaskedScalar(const float* src, const int32_t* mask, float* const
 void scalePlanesMaskedAvx(const float* src, const int32_t* mask, float* const srcDst[3],
                           int length)
 {
+    float* const dst[3] = {srcDst[0], srcDst[1], srcDst[2]};
     const Index fullCount = length & ~(kLanes - 1);
     Index i = 0;
     for (; i < fullCount; i += kLanes) {
         const __m256 m = loadMask8(mask + i);
         if (_mm256_movemask_ps(m) == 0xFF) {
             for (int k = 0; k < 3; ++k)
-                _mm256_storeu_ps(srcDst[k] + i, _mm256_setzero_ps());
+                _mm256_storeu_ps(dst[k] + i, _mm256_setzero_ps());
             continue;
         }
         const __m256 s = _mm256_loadu_ps(src + i);
         for (int k = 0; k < 3; ++k) {
-            const __m256 product = _mm256_mul_ps(_mm256_loadu_ps(srcDst[k] + i), s);
-            _mm256_storeu_ps(srcDst[k] + i, _mm256_andnot_ps(m, product));
+            const __m256 product = _mm256_mul_ps(_mm256_loadu_ps(dst[k] + i), s);
+            _mm256_storeu_ps(dst[k] + i, _mm256_andnot_ps(m, product));
         }
     }
     if (i >= length) return;
@@ -275,8 +308,8 @@ void scalePlanesMaskedAvx(const float* src, const int32_t* mask, float* const sr
     const __m256 m = _mm256_maskload_ps(reinterpret_cast<const float*>(mask + i), lanes);
     const __m256 s = _mm256_maskload_ps(src + i, lanes);
     for (int k = 0; k < 3; ++k) {
-        const __m256 product = _mm256_mul_ps(_mm256_maskload_ps(srcDst[k] + i, lanes), s);
-        _mm256_maskstore_ps(srcDst[k] + i, lanes, _mm256_andnot_ps(m, product));
+        const __m256 product = _mm256_mul_ps(_mm256_maskload_ps(dst[k] + i, lanes), s);
+        _mm256_maskstore_ps(dst[k] + i, lanes, _mm256_andnot_ps(m, product));
     }
 }
 
@@ -335,7 +368,8 @@ Status divideMaskedAvx(const float* src, const int32_t* mask, float* srcDst, int
                     _mm256_maskload_ps(reinterpret_cast<const float*>(mask + i), lanes));
         _mm256_maskstore_ps(srcDst + i, lanes, r.quotient);
         // The unloaded lanes hold a divisor of +0.0 that is not the caller's: drop them.
-        plusZeroSeen = _mm256_or_ps(plusZeroSeen, _mm256_and_ps(r.plusZero, _mm256_castsi256_ps(lanes)));
+        plusZeroSeen =
+            _mm256_or_ps(plusZeroSeen, _mm256_and_ps(r.plusZero, _mm256_castsi256_ps(lanes)));
     }
     return _mm256_movemask_ps(plusZeroSeen) != 0 ? StatusWarnNoOperation : StatusOk;
 }
@@ -351,14 +385,16 @@ void accumulateColourScalar(const float* colour, const float* factor, const floa
 void accumulateColourAligned4(const float* colour, const float* factor, const float* const src[3],
                               const int32_t* mask, float* const srcDst[3], int length)
 {
+    const float* const s[3] = {src[0], src[1], src[2]};
+    float* const dst[3] = {srcDst[0], srcDst[1], srcDst[2]};
     const __m128 c[3] = {_mm_set1_ps(colour[0]), _mm_set1_ps(colour[1]), _mm_set1_ps(colour[2])};
     for (Index i = 0; i < length; i += 4) {
         const __m128 f = _mm_load_ps(factor + i);
         const __m128 m = loadMask4(mask + i);
         for (int k = 0; k < 3; ++k) {
-            const __m128 old = _mm_load_ps(srcDst[k] + i);
-            const __m128 scaled = _mm_mul_ps(_mm_mul_ps(c[k], _mm_loadu_ps(src[k] + i)), f);
-            _mm_store_ps(srcDst[k] + i, _mm_blendv_ps(_mm_add_ps(scaled, old), old, m));
+            const __m128 old = _mm_load_ps(dst[k] + i);
+            const __m128 scaled = _mm_mul_ps(_mm_mul_ps(c[k], _mm_loadu_ps(s[k] + i)), f);
+            _mm_store_ps(dst[k] + i, _mm_blendv_ps(_mm_add_ps(scaled, old), old, m));
         }
     }
 }
@@ -366,16 +402,18 @@ void accumulateColourAligned4(const float* colour, const float* factor, const fl
 void accumulateColourAvx(const float* colour, const float* factor, const float* const src[3],
                          const int32_t* mask, float* const srcDst[3], int length)
 {
+    const float* const s[3] = {src[0], src[1], src[2]};
+    float* const dst[3] = {srcDst[0], srcDst[1], srcDst[2]};
     const __m256 c[3] = {_mm256_set1_ps(colour[0]), _mm256_set1_ps(colour[1]),
                          _mm256_set1_ps(colour[2])};
     runGeneralPath(
         factor, length,
         [=](Index begin, Index end) {
-            accumulateColourRange(colour, factor, src, mask, srcDst, begin, end);
+            accumulateColourRange(colour, factor, s, mask, dst, begin, end);
         },
         [&](Index i) {
-            accumulateColour8(c, factor, src, mask, srcDst, i);
-            accumulateColour8(c, factor, src, mask, srcDst, i + kLanes);
+            accumulateColour8(c, factor, s, mask, dst, i);
+            accumulateColour8(c, factor, s, mask, dst, i + kLanes);
         });
 }
 
@@ -410,6 +448,8 @@ void dotPlanesMaskedScalar(const float* const src0[3], const float* const src1[3
 void dotPlanesMaskedAvx(const float* const src0[3], const float* const src1[3],
                         const int32_t* mask, float* dst, int length)
 {
+    const float* const a[3] = {src0[0], src0[1], src0[2]};
+    const float* const b[3] = {src1[0], src1[1], src1[2]};
     const Index fullCount = length & ~(kLanes - 1);
     Index i = 0;
     for (; i < fullCount; i += kLanes) {
@@ -419,17 +459,17 @@ void dotPlanesMaskedAvx(const float* const src0[3], const float* const src1[3],
             continue;
         }
         const __m256 d = _mm256_add_ps(
-            _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(src0[0] + i), _mm256_loadu_ps(src1[0] + i)),
-                          _mm256_mul_ps(_mm256_loadu_ps(src0[1] + i), _mm256_loadu_ps(src1[1] + i))),
-            _mm256_mul_ps(_mm256_loadu_ps(src0[2] + i), _mm256_loadu_ps(src1[2] + i)));
+            _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(a[0] + i), _mm256_loadu_ps(b[0] + i)),
+                          _mm256_mul_ps(_mm256_loadu_ps(a[1] + i), _mm256_loadu_ps(b[1] + i))),
+            _mm256_mul_ps(_mm256_loadu_ps(a[2] + i), _mm256_loadu_ps(b[2] + i)));
         _mm256_storeu_ps(dst + i, _mm256_andnot_ps(m, d));
     }
     if (i >= length) return;
     const __m256i lanes = leadingLanes(length - i);
     __m256 p[3];
     for (int k = 0; k < 3; ++k)
-        p[k] = _mm256_mul_ps(_mm256_maskload_ps(src0[k] + i, lanes),
-                             _mm256_maskload_ps(src1[k] + i, lanes));
+        p[k] = _mm256_mul_ps(_mm256_maskload_ps(a[k] + i, lanes),
+                             _mm256_maskload_ps(b[k] + i, lanes));
     const __m256 d = _mm256_add_ps(_mm256_add_ps(p[0], p[1]), p[2]);
     const __m256 m = _mm256_maskload_ps(reinterpret_cast<const float*>(mask + i), lanes);
     _mm256_maskstore_ps(dst + i, lanes, _mm256_andnot_ps(m, d));
@@ -446,19 +486,21 @@ void faceNormalsScalar(const float* const direction[3], const int32_t* mask,
 void faceNormalsAligned4(const float* const direction[3], const int32_t* mask,
                          float* const normal[3], float* dot, int length)
 {
+    const float* const dir[3] = {direction[0], direction[1], direction[2]};
+    float* const planes[3] = {normal[0], normal[1], normal[2]};
     const __m128 one = _mm_set1_ps(1.0f), minusOne = _mm_set1_ps(-1.0f), zero = _mm_setzero_ps();
     for (Index i = 0; i < length; i += 4) {
         const __m128 m = loadMask4(mask + i);
         __m128 n[3];
         for (int k = 0; k < 3; ++k)
-            n[k] = _mm_load_ps(normal[k] + i);
+            n[k] = _mm_load_ps(planes[k] + i);
         const __m128 d =
-            _mm_add_ps(_mm_add_ps(_mm_mul_ps(n[0], _mm_load_ps(direction[0] + i)),
-                                  _mm_mul_ps(n[1], _mm_load_ps(direction[1] + i))),
-                       _mm_mul_ps(n[2], _mm_load_ps(direction[2] + i)));
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(n[0], _mm_load_ps(dir[0] + i)),
+                                  _mm_mul_ps(n[1], _mm_load_ps(dir[1] + i))),
+                       _mm_mul_ps(n[2], _mm_load_ps(dir[2] + i)));
         const __m128 s = _mm_blendv_ps(one, minusOne, _mm_cmp_ps(d, zero, _CMP_GT_OQ));
         for (int k = 0; k < 3; ++k)
-            _mm_store_ps(normal[k] + i, _mm_blendv_ps(_mm_mul_ps(s, n[k]), n[k], m));
+            _mm_store_ps(planes[k] + i, _mm_blendv_ps(_mm_mul_ps(s, n[k]), n[k], m));
         _mm_store_ps(dot + i, _mm_blendv_ps(_mm_mul_ps(s, d), zero, m));
     }
 }
@@ -466,12 +508,14 @@ void faceNormalsAligned4(const float* const direction[3], const int32_t* mask,
 void faceNormalsAvx(const float* const direction[3], const int32_t* mask,
                     float* const normal[3], float* dot, int length)
 {
+    const float* const dir[3] = {direction[0], direction[1], direction[2]};
+    float* const planes[3] = {normal[0], normal[1], normal[2]};
     runGeneralPath(
-        normal[2], length,
-        [=](Index begin, Index end) { faceNormalsRange(direction, mask, normal, dot, begin, end); },
+        planes[2], length,
+        [=](Index begin, Index end) { faceNormalsRange(dir, mask, planes, dot, begin, end); },
         [=](Index i) {
-            faceNormals8(direction, mask, normal, dot, i);
-            faceNormals8(direction, mask, normal, dot, i + kLanes);
+            faceNormals8(dir, mask, planes, dot, i);
+            faceNormals8(dir, mask, planes, dot, i + kLanes);
         });
 }
 
@@ -498,12 +542,13 @@ void attenuationDistanceScalar(const float* point, const float* const hitPoint[3
 void attenuationDistanceAligned4(const float* point, const float* const hitPoint[3],
                                  const int32_t* mask, float* distance, int length)
 {
+    const float* const h[3] = {hitPoint[0], hitPoint[1], hitPoint[2]};
     const __m128 one = _mm_set1_ps(1.0f);
     const __m128 p[3] = {_mm_set1_ps(point[0]), _mm_set1_ps(point[1]), _mm_set1_ps(point[2])};
     for (Index i = 0; i < length; i += 4) {
-        const __m128 dx = _mm_sub_ps(_mm_load_ps(hitPoint[0] + i), p[0]);
-        const __m128 dy = _mm_sub_ps(_mm_load_ps(hitPoint[1] + i), p[1]);
-        const __m128 dz = _mm_sub_ps(_mm_load_ps(hitPoint[2] + i), p[2]);
+        const __m128 dx = _mm_sub_ps(_mm_load_ps(h[0] + i), p[0]);
+        const __m128 dy = _mm_sub_ps(_mm_load_ps(h[1] + i), p[1]);
+        const __m128 dz = _mm_sub_ps(_mm_load_ps(h[2] + i), p[2]);
         const __m128 q =
             _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
         const __m128 clamped = _mm_blendv_ps(_mm_sqrt_ps(q), one, _mm_cmp_ps(q, one, _CMP_LT_OQ));
@@ -514,16 +559,17 @@ void attenuationDistanceAligned4(const float* point, const float* const hitPoint
 void attenuationDistanceAvx(const float* point, const float* const hitPoint[3],
                             const int32_t* mask, float* distance, int length)
 {
+    const float* const h[3] = {hitPoint[0], hitPoint[1], hitPoint[2]};
     const __m256 p[3] = {_mm256_set1_ps(point[0]), _mm256_set1_ps(point[1]),
                          _mm256_set1_ps(point[2])};
     runGeneralPath(
         distance, length,
         [=](Index begin, Index end) {
-            attenuationDistanceRange(point, hitPoint, mask, distance, begin, end);
+            attenuationDistanceRange(point, h, mask, distance, begin, end);
         },
         [&](Index i) {
-            attenuationDistance8(p, hitPoint, mask, distance, i);
-            attenuationDistance8(p, hitPoint, mask, distance, i + kLanes);
+            attenuationDistance8(p, h, mask, distance, i);
+            attenuationDistance8(p, h, mask, distance, i + kLanes);
         });
 }
 
