@@ -6,10 +6,11 @@
 //  - bitwise: the result is ANDed with the complement of the mask word, so 0 keeps it, -1 gives
 //    +0.0, and other words clear bits of the result.
 //
-// Every Avx kernel agrees with its Scalar twin bit for bit. The Avx kernels of the
-// scale/divide/dot members run 8 lanes with masked loads and stores on the tail; the others run
-// the general path: a scalar prologue that brings one chosen plane to a 32-byte boundary,
-// 16 rays per step, a scalar epilogue. The Aligned4 kernels need every plane they list
+// Every Avx kernel agrees with its Scalar twin bit for bit. scalePlanesMasked, divideMasked and
+// dotPlanesMasked run 8 lanes with masked loads and stores on the tail; scaleBySignMask,
+// accumulateColour, faceNormals and attenuationDistance run the general path: a scalar
+// prologue that brings one chosen plane to a 32-byte boundary, 16 rays per step, a scalar
+// epilogue. The Aligned4 kernels need every plane they list
 // 16-byte aligned and length a multiple of 4. None allocates or touches anything past
 // element length - 1; a length of 0 or below touches nothing.
 #pragma once

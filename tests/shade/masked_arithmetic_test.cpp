@@ -311,6 +311,7 @@ struct SweepBuffers {
     }
     void load(const Case& c)
     {
+        if (length == 0) return;  // memcpy from an empty vector's null data() is undefined
         for (int j = 0; j < f.planeCount(); ++j)
             std::memcpy(plane[size_t(j)]->data(), c.plane[j].data(), size_t(length) * 4);
         std::memcpy(mask.data(), c.mask.data(), size_t(length) * 4);
