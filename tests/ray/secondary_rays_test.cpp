@@ -35,12 +35,15 @@ struct Guarded {
     T* data() { return array.data() + lead; }
 };
 
+// Three planes; bit k of leadBits gives plane k a lead of 1.
 template <class T>
 struct Guarded3 {
     Guarded<T> p[3];
     T* ptr[3];
-    Guarded3(const std::vector<T> (&data)[3], FlushEnd end, int lead = 0)
-        : p{{data[0], end, lead}, {data[1], end, lead}, {data[2], end, lead}},
+    Guarded3(const std::vector<T> (&data)[3], FlushEnd end, unsigned leadBits = 0)
+        : p{{data[0], end, int(leadBits & 1)},
+            {data[1], end, int(leadBits >> 1 & 1)},
+            {data[2], end, int(leadBits >> 2 & 1)}},
           ptr{p[0].data(), p[1].data(), p[2].data()}
     {
     }
@@ -208,15 +211,20 @@ TEST_P(ReflectionRays, MatchTheirDotOrderWithoutTouchingPastCount)
 {
     const ReflectPath& path = GetParam();
     int ordersDiffer = 0;
+    // odd: which of the ten pointers (incident, normal, reflected planes, mask) is off
+    // 16-byte alignment; -1 for none.
     for (int count : kCounts)
-        for (int lead : {0, 1})
+        for (int odd = -1; odd < 10; ++odd)
             for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
                 const bool byFours = path.fn ? path.byFours : count % 4 == 0;
-                if ((path.byFours && count % 4 != 0) || (path.alignedOnly && lead != 0)) continue;
+                if ((path.byFours && count % 4 != 0) || (path.alignedOnly && odd != -1)) continue;
+                const auto leadBits = [odd](int first) {
+                    return odd >= first && odd < first + 3 ? 1u << (odd - first) : 0u;
+                };
                 const RayInputs in(count, uint32_t(count) + 100);
-                Guarded3<float> incident(in.a, end, lead), normal(in.b, end, lead),
-                    out(in.a, end, lead);
-                Guarded<int32_t> mask(in.mask, end, lead);
+                Guarded3<float> incident(in.a, end, leadBits(0)), normal(in.b, end, leadBits(3)),
+                    out(in.a, end, leadBits(6));
+                Guarded<int32_t> mask(in.mask, end, odd == 9);
                 const ray::ReflectionRayRun run{incident.ptr, mask.data(), normal.ptr, out.ptr,
                                                 count};
                 if (path.fn)
@@ -230,7 +238,7 @@ TEST_P(ReflectionRays, MatchTheirDotOrderWithoutTouchingPastCount)
                         const float e = expectedReflection(in, i, k, byFours);
                         ordersDiffer += e != expectedReflection(in, i, k, !byFours);
                         ASSERT_EQ(floatBits(out.ptr[k][i]), floatBits(e))
-                            << "count " << count << " lead " << lead << " ray " << i;
+                            << "count " << count << " odd pointer " << odd << " ray " << i;
                     }
             }
     EXPECT_GT(ordersDiffer, 0) << "the inputs do not tell the two dot orders apart";
