@@ -70,42 +70,53 @@ void castShadowRaysScalar(const ShadowRayRun& rays)
 void castShadowRaysAvx(const ShadowRayRun& rays)
 {
     if (rays.count < 1) return;
+    // Plane pointers in locals: the vector stores may alias anything, the run record included.
+    const float* const hit[3] = {rays.hitPoint[0], rays.hitPoint[1], rays.hitPoint[2]};
+    const float* const normal[3] = {rays.normal[0], rays.normal[1], rays.normal[2]};
+    float* const dir[3] = {rays.shadowDir[0], rays.shadowDir[1], rays.shadowDir[2]};
+    const float* const eyeDot = rays.eyeDot;
+    float* const shadowDot = rays.shadowDot;
+    int32_t* const mask = rays.mask;
     const __m256 light[3] = {_mm256_set1_ps(rays.lightPos[0]), _mm256_set1_ps(rays.lightPos[1]),
                              _mm256_set1_ps(rays.lightPos[2])};
     const __m256 zero = _mm256_setzero_ps();
-    const __m256 minusOne = _mm256_set1_ps(-1.0f);
+    const __m256 allOnes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     const __m256 signBit = _mm256_set1_ps(-0.0f);
     const __m256 grazing = _mm256_set1_ps(kGrazingDot);
     const int fullCount = rays.count & ~(kShadowGroup - 1);
     for (int i = 0; i < fullCount; i += kShadowGroup) {
-        __m256i* const maskOut = reinterpret_cast<__m256i*>(rays.mask + i);
+        __m256i* const maskOut = reinterpret_cast<__m256i*>(mask + i);
         const __m256 words = _mm256_cvtepi32_ps(_mm256_loadu_si256(maskOut));
         if (_mm256_movemask_ps(words) == 0xFF) {
             // Eight inactive rays: the result is known without reading their points.
-            _mm256_storeu_si256(maskOut, _mm256_set1_epi32(-1));
-            _mm256_storeu_ps(rays.shadowDot + i, zero);
+            _mm256_storeu_ps(reinterpret_cast<float*>(maskOut), allOnes);
+            _mm256_storeu_ps(shadowDot + i, zero);
             for (int k = 0; k < 3; ++k)
-                _mm256_storeu_ps(rays.shadowDir[k] + i, zero);
+                _mm256_storeu_ps(dir[k] + i, zero);
             continue;
         }
         __m256 v[3];
         for (int k = 0; k < 3; ++k)
-            v[k] = _mm256_sub_ps(_mm256_loadu_ps(rays.hitPoint[k] + i), light[k]);
+            v[k] = _mm256_sub_ps(_mm256_loadu_ps(hit[k] + i), light[k]);
         const __m256 dot = _mm256_add_ps(
-            _mm256_add_ps(_mm256_mul_ps(v[0], _mm256_loadu_ps(rays.normal[0] + i)),
-                          _mm256_mul_ps(v[1], _mm256_loadu_ps(rays.normal[1] + i))),
-            _mm256_mul_ps(v[2], _mm256_loadu_ps(rays.normal[2] + i)));
+            _mm256_add_ps(_mm256_mul_ps(v[0], _mm256_loadu_ps(normal[0] + i)),
+                          _mm256_mul_ps(v[1], _mm256_loadu_ps(normal[1] + i))),
+            _mm256_mul_ps(v[2], _mm256_loadu_ps(normal[2] + i)));
         const __m256 absDot = _mm256_andnot_ps(signBit, dot);
         // Ordered compares: NaN anywhere leaves the lane invalid, as in the scalar twin.
         const __m256 lit =
-            _mm256_cmp_ps(_mm256_mul_ps(_mm256_loadu_ps(rays.eyeDot + i), dot), zero, _CMP_GT_OQ);
+            _mm256_cmp_ps(_mm256_mul_ps(_mm256_loadu_ps(eyeDot + i), dot), zero, _CMP_GT_OQ);
         const __m256 valid = _mm256_and_ps(
             _mm256_and_ps(_mm256_cmp_ps(words, zero, _CMP_GE_OQ), lit),
             _mm256_cmp_ps(absDot, grazing, _CMP_GE_OQ));
-        _mm256_storeu_si256(maskOut, _mm256_cvtps_epi32(_mm256_blendv_ps(minusOne, words, valid)));
-        _mm256_storeu_ps(rays.shadowDot + i, _mm256_and_ps(valid, absDot));
+        // -1 is all ones, so OR-ing the complement of valid makes every invalid word -1. (A
+        // blend here compiles to a branch per lane with GCC 12.)
+        const __m256 roundTrip = _mm256_castsi256_ps(_mm256_cvtps_epi32(words));
+        _mm256_storeu_ps(reinterpret_cast<float*>(maskOut),
+                         _mm256_or_ps(roundTrip, _mm256_andnot_ps(valid, allOnes)));
+        _mm256_storeu_ps(shadowDot + i, _mm256_and_ps(valid, absDot));
         for (int k = 0; k < 3; ++k)
-            _mm256_storeu_ps(rays.shadowDir[k] + i, _mm256_and_ps(valid, v[k]));
+            _mm256_storeu_ps(dir[k] + i, _mm256_and_ps(valid, v[k]));
     }
     castShadowTail(rays, fullCount);
 }
@@ -145,18 +156,23 @@ void store4(float* p, __m128 value)
 template <bool kAligned>
 void reflectQuads(const ReflectionRayRun& rays)
 {
+    // Plane pointers in locals: the vector stores may alias anything, the run record included.
+    const float* const incident[3] = {rays.incident[0], rays.incident[1], rays.incident[2]};
+    const float* const normal[3] = {rays.normal[0], rays.normal[1], rays.normal[2]};
+    float* const reflected[3] = {rays.reflected[0], rays.reflected[1], rays.reflected[2]};
+    const float* const mask = reinterpret_cast<const float*>(rays.mask);
     const __m128 zero = _mm_setzero_ps();
     for (int i = 0; i < rays.count; i += kReflectGroup) {
-        const __m128 words = load4<kAligned>(reinterpret_cast<const float*>(rays.mask + i));
+        const __m128 words = load4<kAligned>(mask + i);
         if (_mm_movemask_ps(words) == 0xF) {
             for (int k = 0; k < 3; ++k)
-                store4<kAligned>(rays.reflected[k] + i, zero);
+                store4<kAligned>(reflected[k] + i, zero);
             continue;
         }
         __m128 d[3], n[3];
         for (int k = 0; k < 3; ++k) {
-            d[k] = load4<kAligned>(rays.incident[k] + i);
-            n[k] = load4<kAligned>(rays.normal[k] + i);
+            d[k] = load4<kAligned>(incident[k] + i);
+            n[k] = load4<kAligned>(normal[k] + i);
         }
         const __m128 dot = _mm_add_ps(_mm_add_ps(_mm_mul_ps(d[0], n[0]), _mm_mul_ps(d[1], n[1])),
                                       _mm_mul_ps(d[2], n[2]));
@@ -164,7 +180,7 @@ void reflectQuads(const ReflectionRayRun& rays)
         // All ones in the lanes whose mask word is negative.
         const __m128 inactive = _mm_castsi128_ps(_mm_srai_epi32(_mm_castps_si128(words), 31));
         for (int k = 0; k < 3; ++k)
-            store4<kAligned>(rays.reflected[k] + i,
+            store4<kAligned>(reflected[k] + i,
                              _mm_andnot_ps(inactive, _mm_sub_ps(d[k], _mm_mul_ps(twice, n[k]))));
     }
 }
