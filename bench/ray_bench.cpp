@@ -142,7 +142,7 @@ template <void (*Cast)(const vekr::ray::ShadowRayRun&)>
 void BM_CastShadow(benchmark::State& state)
 {
     const int n = int(state.range(0));
-    const BenchPlanes p(9, size_t(n), 0, 5);  // eyeDot, normal, point, mask
+    const BenchPlanes p(8, size_t(n), 0, 5);    // eyeDot, normal, point, mask
     const BenchPlanes out(4, size_t(n), 0, 6);  // shadowDot, direction
     const float* normal[3] = {p[1], p[2], p[3]};
     const float* hit[3] = {p[4], p[5], p[6]};

@@ -28,8 +28,8 @@ void castShadowTail(const ShadowRayRun& rays, int first)
         float v[3];
         for (int k = 0; k < 3; ++k)
             v[k] = rays.hitPoint[k][i] - rays.lightPos[k];
-        float dot = ((v[0] * rays.normal[0][i]) + (v[1] * rays.normal[1][i])) +
-                    (v[2] * rays.normal[2][i]);
+        float dot =
+            ((v[0] * rays.normal[0][i]) + (v[1] * rays.normal[1][i])) + (v[2] * rays.normal[2][i]);
         if (std::fabs(dot) < kGrazingDot) dot = 0.0f;
         // Not "<= 0": a NaN product must also make the ray invalid.
         const bool lit = rays.eyeDot[i] * dot > 0.0f;
@@ -50,15 +50,16 @@ void castShadowTail(const ShadowRayRun& rays, int first)
 
 void castShadowRaysScalar(const ShadowRayRun& rays)
 {
+    if (rays.count < 1) return;
     const int fullCount = rays.count & ~(kShadowGroup - 1);
     for (int i = 0; i < fullCount; ++i) {
         float v[3];
         for (int k = 0; k < 3; ++k)
             v[k] = rays.hitPoint[k][i] - rays.lightPos[k];
-        const float dot = ((v[0] * rays.normal[0][i]) + (v[1] * rays.normal[1][i])) +
-                          (v[2] * rays.normal[2][i]);
-        const bool valid = rays.mask[i] >= 0 && rays.eyeDot[i] * dot > 0.0f &&
-                           std::fabs(dot) >= kGrazingDot;
+        const float dot =
+            ((v[0] * rays.normal[0][i]) + (v[1] * rays.normal[1][i])) + (v[2] * rays.normal[2][i]);
+        const bool valid =
+            rays.mask[i] >= 0 && rays.eyeDot[i] * dot > 0.0f && std::fabs(dot) >= kGrazingDot;
         rays.mask[i] = valid ? roundTripThroughFloat(rays.mask[i]) : -1;
         rays.shadowDot[i] = valid ? std::fabs(dot) : 0.0f;
         for (int k = 0; k < 3; ++k)
@@ -98,17 +99,17 @@ void castShadowRaysAvx(const ShadowRayRun& rays)
         __m256 v[3];
         for (int k = 0; k < 3; ++k)
             v[k] = _mm256_sub_ps(_mm256_loadu_ps(hit[k] + i), light[k]);
-        const __m256 dot = _mm256_add_ps(
-            _mm256_add_ps(_mm256_mul_ps(v[0], _mm256_loadu_ps(normal[0] + i)),
-                          _mm256_mul_ps(v[1], _mm256_loadu_ps(normal[1] + i))),
-            _mm256_mul_ps(v[2], _mm256_loadu_ps(normal[2] + i)));
+        const __m256 dot =
+            _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(v[0], _mm256_loadu_ps(normal[0] + i)),
+                                        _mm256_mul_ps(v[1], _mm256_loadu_ps(normal[1] + i))),
+                          _mm256_mul_ps(v[2], _mm256_loadu_ps(normal[2] + i)));
         const __m256 absDot = _mm256_andnot_ps(signBit, dot);
         // Ordered compares: NaN anywhere leaves the lane invalid, as in the scalar twin.
         const __m256 lit =
             _mm256_cmp_ps(_mm256_mul_ps(_mm256_loadu_ps(eyeDot + i), dot), zero, _CMP_GT_OQ);
-        const __m256 valid = _mm256_and_ps(
-            _mm256_and_ps(_mm256_cmp_ps(words, zero, _CMP_GE_OQ), lit),
-            _mm256_cmp_ps(absDot, grazing, _CMP_GE_OQ));
+        const __m256 valid =
+            _mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(words, zero, _CMP_GE_OQ), lit),
+                          _mm256_cmp_ps(absDot, grazing, _CMP_GE_OQ));
         // -1 is all ones, so OR-ing the complement of valid makes every invalid word -1. (A
         // blend here compiles to a branch per lane with GCC 12.)
         const __m256 roundTrip = _mm256_castsi256_ps(_mm256_cvtps_epi32(words));

@@ -93,8 +93,8 @@ ShadowResult expectedShadow(const RayInputs& in, int i, bool inGroupOfEight)
 using ShadowFn = void (*)(const ray::ShadowRayRun&);
 void castShadowExported(const ray::ShadowRayRun& r)
 {
-    ASSERT_EQ(vekrCastShadowSO_32f(r.lightPos, r.eyeDot, r.normal, r.hitPoint, r.mask,
-                                   r.shadowDot, r.shadowDir, r.count),
+    ASSERT_EQ(vekrCastShadowSO_32f(r.lightPos, r.eyeDot, r.normal, r.hitPoint, r.mask, r.shadowDot,
+                                   r.shadowDir, r.count),
               StatusOk);
 }
 
@@ -240,17 +240,15 @@ TEST(SecondaryRaysChecks, NullPointersInOrderWithNothingWritten)
     float* o[3] = {out.data(), out.data(), out.data()};
     for (int count : {4, 0})
         for (int at = 0; at < 6; ++at) {
-            EXPECT_EQ(vekrCastShadowSO_32f(kLight, at == 0 ? nullptr : in.data(),
-                                           at == 1 ? nullptr : p, at == 2 ? nullptr : p,
-                                           at == 3 ? nullptr : mask.data(),
-                                           at == 5 ? nullptr : out.data(), at == 4 ? nullptr : o,
-                                           count),
-                      StatusNullPointer)
+            EXPECT_EQ(
+                vekrCastShadowSO_32f(kLight, at == 0 ? nullptr : in.data(), at == 1 ? nullptr : p,
+                                     at == 2 ? nullptr : p, at == 3 ? nullptr : mask.data(),
+                                     at == 5 ? nullptr : out.data(), at == 4 ? nullptr : o, count),
+                StatusNullPointer)
                 << "shadow, check " << at;
-            EXPECT_EQ(vekrCastReflectionRay_32f(at == 0 ? nullptr : p,
-                                                at == 1 || at > 3 ? nullptr : mask.data(),
-                                                at == 2 ? nullptr : p, at == 3 ? nullptr : o,
-                                                count),
+            EXPECT_EQ(vekrCastReflectionRay_32f(
+                          at == 0 ? nullptr : p, at == 1 || at > 3 ? nullptr : mask.data(),
+                          at == 2 ? nullptr : p, at == 3 ? nullptr : o, count),
                       StatusNullPointer)
                 << "reflection, check " << at;
         }
