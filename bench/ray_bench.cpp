@@ -460,8 +460,8 @@ BENCHMARK(BM_HitPoints<false, vekr::ray::computeHitPointsAvx>)
 namespace {
 
 // The shadow segments a renderer casts: one light above and beside the scene, towards the
-// points where the default camera's eye rays hit (a hair in front of the surface). Rays that
-// missed are masked out.
+// points where the default camera's eye rays hit (a hair in front of the surface) and that
+// face the light on their seen side; the other rays are masked out.
 struct ShadowRays {
     int side;
     float light[3];
@@ -489,20 +489,25 @@ struct ShadowRays {
         vekrHitPoint3DEpsS0_32f_M(scene.eye, eyeDirs, eye.dist.data, hitMask.data(), points,
                                   int(n()), 0.9999f);
         const float* box = &scene.box.minX;
-        const float extent =
-            std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
+        const float extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
         const float offset[3] = {0.3f, 1.2f, 0.5f};
         for (int k = 0; k < 3; ++k)
             light[k] = 0.5f * (box[k] + box[k + 3]) + offset[k] * extent;
+        // Flat normals at the hits, their side towards the eye, then the library's shadow rays:
+        // points the light cannot reach on their seen side are masked out.
+        std::vector<float> triangleNormals(size_t(scene.mesh.triangleCount) * 3);
+        vekrTriangleNormal_32f(scene.mesh.vertices, scene.mesh.triangles,
+                               triangleNormals.data(), scene.mesh.triangleCount);
+        Plane nx(n()), ny(n()), nz(n()), eyeDot(n()), shadowDot(n());
+        float* normals[3] = {nx.data, ny.data, nz.data};
+        vekrSurfFlatNormal_32f(triangleNormals.data(), eyeTri, normals, int(n()));
+        vekrDot_32f_P3C1M(eyeDirs, normals, hitMask.data(), eyeDot.data, int(n()));
+        maskIn = hitMask;
         float* dirs[3] = {dx.data, dy.data, dz.data};
-        maskIn.assign(n(), -1);
-        for (size_t i = 0; i < n(); ++i) {
-            if (eyeTri[i] < 0) continue;
-            maskIn[i] = 0;
-            ++tested;
-            for (int k = 0; k < 3; ++k)
-                dirs[k][i] = points[k][i] - light[k];
-        }
+        vekrCastShadowSO_32f(light, eyeDot.data, normals, points, maskIn.data(), shadowDot.data,
+                             dirs, int(n()));
+        for (size_t i = 0; i < n(); ++i)
+            tested += maskIn[i] >= 0;
         resetMask();
     }
     size_t n() const { return size_t(side) * size_t(side); }
