@@ -4,6 +4,7 @@
 #include "eye_rays.h"
 #include "frame/entry_points.h"
 #include "hit_points.h"
+#include "kd_occlusion.h"
 #include "kd_traverse.h"
 
 using namespace vekr;
@@ -69,10 +70,16 @@ Status entry::vekrHitPoint3DEpsM0_32f_M(const float* const origin[3],
     return StatusOk;
 }
 
-Status entry::vekrIntersectAnySO_32f(const float*, const float* const[3], int32_t*, int32_t*, int,
-                                     int, const IntersectContext*)
+// Checks nothing by design, as the nearest-hit search; only the records and the tree are read.
+Status entry::vekrIntersectAnySO_32f(const float* origin, const float* const direction[3],
+                                     int32_t* triIndex, int32_t* mask, int width, int height,
+                                     const IntersectContext* context)
 {
-    return StatusOk;  // kernel to come
+    if (width < 1 || height < 1) return StatusOk;
+    const ray::SceneView scene{nullptr, context->triangleAccel,
+                               static_cast<const accel::KdNode*>(context->rootNode)};
+    ray::findOccluders(scene, {origin, direction, triIndex, mask, width, height});
+    return StatusOk;
 }
 
 Status entry::vekrCastShadowSO_32f(const float*, const float*, const float* const[3],

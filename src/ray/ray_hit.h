@@ -85,31 +85,43 @@ inline RecordAxes recordAxes(uint32_t axes)
     return {int(axes >> 4 & 3), int(axes >> 2 & 3), int(axes & 3)};
 }
 
-// Division-free crossing test on the projected record, then the distance. den is the plane
-// normal (scaled so n[k] = 1) dotted with the direction; beta' and gamma' are den times the
-// weights of the first two vertices, alpha' the rest; the ray crosses when all three agree in
-// sign, edges and vertices included, for either sign of den. The hit is kept only when
-// 0 < t < dist: an equally near later triangle does not replace an earlier one.
+// Division-free crossing test on the projected record. den is the plane normal (scaled so
+// n[k] = 1) dotted with the direction; beta' and gamma' are den times the weights of the first
+// two vertices, alpha' the rest; the ray crosses when all three agree in sign, edges and
+// vertices included, for either sign of den. The distance is num / den. Degenerate records
+// (axes 0) are the caller's to skip.
+struct Crossing {
+    float num, den, beta, gamma;
+};
+inline bool crossTriangle(const TriangleAccel& rec, const float origin[3], const float dir[3],
+                          Crossing& c)
+{
+    const RecordAxes a = recordAxes(rec.axes);
+    c.den = rec.nu * dir[a.u] + rec.nv * dir[a.v] + dir[a.k];
+    const float eu = rec.pu - origin[a.u];
+    const float ev = rec.pv - origin[a.v];
+    c.num = (rec.pk + rec.nu * eu) + rec.nv * ev - origin[a.k];
+    const float qu = c.num * dir[a.u] - c.den * eu;
+    const float qv = c.num * dir[a.v] - c.den * ev;
+    c.beta = qu * rec.e2v - qv * rec.e2u;
+    c.gamma = qv * rec.e1u - qu * rec.e1v;
+    const float alpha = c.den - c.beta - c.gamma;
+    return alpha * c.beta >= 0.0f && c.beta * c.gamma >= 0.0f && alpha * c.gamma >= 0.0f;
+}
+
+// The nearest-hit test: the hit is kept only when 0 < t < dist, so an equally near later
+// triangle does not replace an earlier one.
 inline void testTriangle(const TriangleAccel& rec, int32_t index, const float origin[3],
                          const float dir[3], RayHit& hit)
 {
     if (rec.axes == 0) return;  // degenerate triangle
-    const RecordAxes a = recordAxes(rec.axes);
-    const float den = rec.nu * dir[a.u] + rec.nv * dir[a.v] + dir[a.k];
-    const float eu = rec.pu - origin[a.u];
-    const float ev = rec.pv - origin[a.v];
-    const float num = (rec.pk + rec.nu * eu) + rec.nv * ev - origin[a.k];
-    const float qu = num * dir[a.u] - den * eu;
-    const float qv = num * dir[a.v] - den * ev;
-    const float beta = qu * rec.e2v - qv * rec.e2u;
-    const float gamma = qv * rec.e1u - qu * rec.e1v;
-    const float alpha = den - beta - gamma;
-    if (!(alpha * beta >= 0.0f && beta * gamma >= 0.0f && alpha * gamma >= 0.0f)) return;
-    const float t = num / den;
+    Crossing c;
+    if (!crossTriangle(rec, origin, dir, c)) return;
+    const float t = c.num / c.den;
     if (!(hit.dist > t && t > 0.0f)) return;
     hit.dist = t;
-    hit.u = beta / den;
-    hit.v = gamma / den;
+    hit.u = c.beta / c.den;
+    hit.v = c.gamma / c.den;
     hit.triangle = index;
 }
 
