@@ -28,8 +28,14 @@ static void printUsage(FILE* out, const char* program)
             "      --block N        side of the square pixel blocks traced at once (default 16;\n"
             "                       multiples of 4 take the packet path)\n"
             "      --threads N      threads tracing blocks (default: the vekr thread count)\n"
+            "      --light X,Y,Z[,INTENSITY]  a white point light, up to %d (repeat the option);\n"
+            "                       its light falls off with the squared distance; INTENSITY\n"
+            "                       is its brightness at distance 1 (default: the squared\n"
+            "                       distance to the middle of the scene, so the middle is lit\n"
+            "                       fully); with no --light, one light above the front left\n"
+            "      --no-shadows     light every point that faces a light, without shadow rays\n"
             "      --help           show this text\n",
-            program);
+            program, (int)kMaxLights);
 }
 
 static int parseIntText(const char* text, int lowest, int highest, int* out)
@@ -51,6 +57,28 @@ static int parseVectorText(const char* text, float out[3])
         out[k] = (float)value;
         text = end + 1;
     }
+    return 0;
+}
+
+/* X,Y,Z or X,Y,Z,INTENSITY, each finite and at most 1e30, the intensity above 0; intensity 0
+ * when it is not given. */
+static int parseLightText(const char* text, PointLight* light)
+{
+    double value[4] = {0, 0, 0, 0};
+    int count = 0;
+    for (;;) {
+        char* end;
+        value[count] = strtod(text, &end);
+        if (end == text || !isfinite(value[count]) || fabs(value[count]) > 1e30) return -1;
+        ++count;
+        if (*end == '\0') break;
+        if (*end != ',' || count == 4) return -1;
+        text = end + 1;
+    }
+    if (count < 3 || (count == 4 && !(value[3] > 0))) return -1;
+    for (int k = 0; k < 3; ++k)
+        light->position[k] = (float)value[k];
+    light->intensity = (float)value[3];
     return 0;
 }
 
@@ -81,6 +109,7 @@ int parseOptions(int argc, char** argv, Options* o)
     o->blockSide = 16;
     o->tree = TreeSahFull;
     o->threadCount = vekGetNumThreads();
+    o->lighting.shadows = 1;
     for (int i = 1; i < argc; ++i) {
         const char* v = NULL;
         int got, bad = 0;
@@ -118,6 +147,22 @@ int parseOptions(int argc, char** argv, Options* o)
             bad = got < 0 || parseIntText(v, 1, kMaxBlockSide, &o->blockSide) != 0;
         } else if ((got = takeValue(argc, argv, &i, NULL, "--threads", &v)) != 0) {
             bad = got < 0 || parseIntText(v, 1, 1024, &o->threadCount) != 0;
+        } else if ((got = takeValue(argc, argv, &i, NULL, "--light", &v)) != 0) {
+            Lighting* lighting = &o->lighting;
+            if (got > 0 && lighting->lightCount == kMaxLights) {
+                fprintf(stderr, "%s: at most %d lights\n", argv[0], (int)kMaxLights);
+                return -1;
+            }
+            if (got < 0 || parseLightText(v, &lighting->lights[lighting->lightCount]) != 0) {
+                fprintf(stderr,
+                        "%s: bad or missing value for '--light': want X,Y,Z or X,Y,Z,INTENSITY "
+                        "with an intensity above 0 (see --help)\n",
+                        argv[0]);
+                return -1;
+            }
+            ++lighting->lightCount;
+        } else if (strcmp(argv[i], "--no-shadows") == 0) {
+            o->lighting.shadows = 0;
         } else {
             fprintf(stderr, "%s: unknown option '%s'\n", argv[0], argv[i]);
             printUsage(stderr, argv[0]);

@@ -2,6 +2,7 @@
 #ifndef VEKR_RENDER_OPTIONS_H
 #define VEKR_RENDER_OPTIONS_H
 
+#include "lights.h"
 #include "prepared_scene.h"
 
 typedef struct Options {
@@ -16,6 +17,7 @@ typedef struct Options {
     TreeChoice tree;
     int blockSide;
     int threadCount;
+    Lighting lighting; /* the --light options in order (intensity 0 when not given), shadows */
 } Options;
 
 /* Fills *o from the command line, defaults first. Returns 0 to render, 1 after --help, -1

@@ -1,15 +1,17 @@
 /* Renders a triangle mesh through the public vekr interface and writes a PNG.
  *
  * Once per scene: triangle records, the scene box, a KD-tree and shading normals per triangle
- * corner (prepared_scene.c). Per block of pixels: eye-ray directions, nearest hits, normals
- * interpolated at the hits and the shading (block_pipeline.c); blocks run in parallel
- * (trace_image.c). The command line is parsed in options.c, the camera set up in camera.c and
- * the image written in png_output.c. */
+ * corner (prepared_scene.c). Per block of pixels: eye-ray directions, nearest hits, hit points
+ * and normals, then an ambient term and per point light shadow rays and Lambert shading
+ * (block_pipeline.c); blocks run in parallel (trace_image.c). The command line is parsed in
+ * options.c, the lights completed in lights.c, the camera set up in camera.c and the image
+ * written in png_output.c. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "camera.h"
+#include "lights.h"
 #include "options.h"
 #include "png_output.h"
 #include "prepared_scene.h"
@@ -32,7 +34,7 @@ int main(int argc, char** argv)
     memset(&scene, 0, sizeof scene);
     unsigned char* image = NULL;
     double seconds = 0;
-    long long hitCount = 0;
+    long long hitCount = 0, shadowRayCount = 0;
     int status = 1;
     if (o.meshPath != NULL ? sceneLoadFile(o.meshPath, &scene.mesh) != 0
                            : sceneMakeDefault(&scene.mesh) != 0) {
@@ -54,15 +56,25 @@ int main(int argc, char** argv)
         goto done;
     }
     if (prepareScene(&scene, o.tree) != 0 ||
-        makeCamera(eye, target, up, fovY, o.width, o.height, &camera) != 0 ||
-        traceImage(&scene, &camera, &o, image, &seconds, &hitCount) != 0)
+        makeCamera(eye, target, up, fovY, o.width, o.height, &camera) != 0)
+        goto done;
+    completeLights(&o.lighting, &scene.box);
+    for (int l = 0; l < o.lighting.lightCount; ++l) {
+        const PointLight* light = &o.lighting.lights[l];
+        printf("light %d: at %g,%g,%g, intensity %g%s\n", l + 1, light->position[0],
+               light->position[1], light->position[2], light->intensity,
+               o.lighting.shadows ? "" : ", no shadows");
+    }
+    if (traceImage(&scene, &camera, &o, image, &seconds, &hitCount, &shadowRayCount) != 0)
         goto done;
     status = writePng(output, o.output, o.width, o.height, image) != 0;
     output = NULL; /* closed by writePng */
     if (status == 0) {
         const double rays = (double)o.width * o.height;
-        printf("traced %dx%d pixels in %dx%d blocks on %d threads: %.3f s, %.2f Mrays/s\n", o.width,
-               o.height, o.blockSide, o.blockSide, o.threadCount, seconds, rays / seconds * 1e-6);
+        printf("traced and shaded %dx%d pixels in %dx%d blocks on %d threads: %.3f s\n", o.width,
+               o.height, o.blockSide, o.blockSide, o.threadCount, seconds);
+        printf("rays: %.0f eye and %lld shadow, %.2f Mrays/s\n", rays, shadowRayCount,
+               (rays + (double)shadowRayCount) / seconds * 1e-6);
         printf("hit %lld of %.0f rays\n", hitCount, rays);
         printf("wrote %s\n", o.output);
     }

@@ -30,13 +30,14 @@ static void showProgress(int done, int total, int* drawn)
 }
 
 int traceImage(const PreparedScene* scene, const Camera* camera, const Options* o,
-               unsigned char* image, double* seconds, long long* hitCount)
+               unsigned char* image, double* seconds, long long* hitCount,
+               long long* shadowRayCount)
 {
     const int blocksX = (o->width + o->blockSide - 1) / o->blockSide;
     const int blocksY = (o->height + o->blockSide - 1) / o->blockSide;
     const int blockCount = blocksX * blocksY;
     int done = 0, drawn = -1, failed = 0;
-    long long hits = 0;
+    long long hits = 0, shadowRays = 0;
     const int showBar = isatty(STDERR_FILENO); /* no bar in logs */
     const double start = omp_get_wtime();
 #pragma omp parallel num_threads(o->threadCount)
@@ -54,15 +55,17 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
 #pragma omp atomic read
             stop = failed;
             if (stop) continue;
-            const int blockHits = traceBlock(scene, camera, &planes, o->blockSide, b % blocksX,
-                                             b / blocksX, o->width, o->height, image);
-            if (blockHits < 0) {
+            BlockCounts counts;
+            if (traceBlock(scene, camera, &o->lighting, &planes, o->blockSide, b % blocksX,
+                           b / blocksX, o->width, o->height, image, &counts) != 0) {
 #pragma omp atomic write
                 failed = 1;
                 continue;
             }
 #pragma omp atomic
-            hits += blockHits;
+            hits += counts.hits;
+#pragma omp atomic
+            shadowRays += counts.shadowRays;
             int finished;
 #pragma omp atomic capture
             finished = ++done;
@@ -72,6 +75,7 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
     }
     *seconds = omp_get_wtime() - start;
     *hitCount = hits;
+    *shadowRayCount = shadowRays;
     if (failed) fprintf(stderr, "\ntracing stopped\n");
     return failed ? -1 : 0;
 }
