@@ -106,7 +106,8 @@ static int gatherSurfaces(const PreparedScene* scene, BlockPlanes* p, int rayCou
     int hitCount = 0;
     for (int i = 0; i < rayCount; ++i) {
         const int32_t triangle = p->triIndex[i];
-        const float* albedo = kMaterialColour[0];
+        static const float kNoSurface[3] = {0, 0, 0};
+        const float* albedo = kNoSurface;
         if (triangle >= 0) {
             const int material = scene->mesh.triangles[(size_t)triangle * 4 + 3];
             albedo = kMaterialColour[(unsigned)material % SceneMaterialCount];
@@ -130,19 +131,18 @@ static int shadeAmbient(BlockPlanes* p, int rayCount)
     for (int k = 0; k < 3; ++k)
         memcpy(p->colour[k], p->albedo[k], bytes);
     memcpy(p->fill, p->eyeDot, bytes);
-    /* The normals have unit length, so cos^2 = eyeDot^2 / |direction|^2. The directions are at
-     * least 1 long (the image plane lies at distance 1 from the eye) and a miss gets the length
-     * 1.0, so the divisions never meet a zero. */
+    /* The normals have unit length, so cos^2 = eyeDot^2 / |direction|^2, with |direction| the
+     * distance of the point `direction` from the origin. Directions are at least 1 long (the
+     * image plane lies at distance 1 from the eye, so the clamp at 1 changes nothing) and a miss
+     * gets 1.0: the divisions never meet a zero. */
     if (checkStatus(vekrMul_32f_C1P3IM(p->ambientLevel, p->mask, p->colour, rayCount),
-                    "vekrMul_32f_C1P3IM") != 0 ||
+                    "vekrMul_32f_C1P3IM") ||
         checkStatus(vekrDistAttenuationSO_32f_M(zero, direction, p->mask, p->eyeLength, rayCount),
-                    "vekrDistAttenuationSO_32f_M") != 0 ||
-        checkStatus(vekrMul_32f_C1IM(p->eyeDot, p->mask, p->fill, rayCount), "vekrMul_32f_C1IM") !=
-            0 ||
+                    "vekrDistAttenuationSO_32f_M") ||
+        checkStatus(vekrMul_32f_C1IM(p->eyeDot, p->mask, p->fill, rayCount), "vekrMul_32f_C1IM") ||
         checkStatus(vekrDiv_32f_C1IM(p->eyeLength, p->mask, p->fill, rayCount),
-                    "vekrDiv_32f_C1IM") != 0 ||
-        checkStatus(vekrDiv_32f_C1IM(p->eyeLength, p->mask, p->fill, rayCount),
-                    "vekrDiv_32f_C1IM") != 0)
+                    "vekrDiv_32f_C1IM") ||
+        checkStatus(vekrDiv_32f_C1IM(p->eyeLength, p->mask, p->fill, rayCount), "vekrDiv_32f_C1IM"))
         return -1;
     return checkStatus(
         vekrAddMulMul_32f_AC1P3IM(kFillColour, p->fill, albedo, p->mask, p->colour, rayCount),
@@ -175,8 +175,9 @@ static int shadeLight(const PreparedScene* scene, const PointLight* light, int s
                         "vekrIntersectAnySO_32f") != 0)
             return -1;
     }
-    /* shadowDot = d * cos with unit normals, d at least 1: divided by d three times it is
-     * cos / d^2, the inverse-square falloff of a point light. */
+    /* shadowDot = d cos for unit normals; divided by d three times it is cos / d^2, the
+     * inverse-square falloff of a point light. The library clamps d below at 1, so a point
+     * nearer to the light than 1 gets at most the light's intensity. */
     if (checkStatus(vekrDistAttenuationSO_32f_M(light->position, hitPoint, p->shadowMask,
                                                 p->lightDistance, rayCount),
                     "vekrDistAttenuationSO_32f_M") != 0)
