@@ -1,9 +1,11 @@
 // Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes),
 // nearest hits per ray and per 4x4 tile on the example renderer's scenes through each kind
-// of KD-tree, and hit points.
+// of KD-tree, hit points, and the occlusion of a renderer's shadow rays per ray and per tile
+// beside the nearest hit of the same segments.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -14,6 +16,7 @@
 
 #include "ray/eye_rays.h"
 #include "ray/hit_points.h"
+#include "ray/kd_occlusion.h"
 #include "ray/kd_traverse.h"
 #include "scene.h"
 #include "store_bandwidth.h"
@@ -307,5 +310,129 @@ BENCHMARK(BM_HitPoints<false, vekr::ray::computeHitPointsAvx>)
     ->Arg(1000)
     ->Arg(100000)
     ->Arg(1000000);
+
+}  // namespace
+
+// --- Shadow rays: occlusion ----------------------------------------------------------------
+
+namespace {
+
+// The shadow segments a renderer casts: one light above and beside the scene, towards the
+// points where the default camera's eye rays hit (a hair in front of the surface). Rays that
+// missed are masked out.
+struct ShadowRays {
+    int side;
+    float light[3];
+    Plane dx, dy, dz, dist, u, v, maskPlane, triPlane;
+    std::vector<int32_t> maskIn;  // the mask every call starts from
+    int64_t tested = 0;
+
+    ShadowRays(BenchScene& scene, int side_)
+        : side(side_), dx(n()), dy(n()), dz(n()), dist(n()), u(n()), v(n()), maskPlane(n()),
+          triPlane(n())
+    {
+        ImageRays eye(scene, side);
+        eye.resetDistances();
+        const IntersectContext context{&scene.box.minX, scene.records.data(), scene.tree};
+        float* uv[2] = {eye.u.data, eye.v.data};
+        const float* eyeDirs[3] = {eye.dx.data, eye.dy.data, eye.dz.data};
+        auto* eyeTri = reinterpret_cast<int32_t*>(eye.tri.data);
+        vekrIntersectEyeSO_32f(scene.eye, eyeDirs, eye.dist.data, uv, eyeTri, &context, side, side);
+        // The hit points clear bits by the mask word: it must be 0 or -1, not a triangle.
+        std::vector<int32_t> hitMask(n());
+        for (size_t i = 0; i < n(); ++i)
+            hitMask[i] = eyeTri[i] < 0 ? -1 : 0;
+        Plane px(n()), py(n()), pz(n());
+        float* points[3] = {px.data, py.data, pz.data};
+        vekrHitPoint3DEpsS0_32f_M(scene.eye, eyeDirs, eye.dist.data, hitMask.data(), points,
+                                  int(n()), 0.9999f);
+        const float* box = &scene.box.minX;
+        const float extent =
+            std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
+        const float offset[3] = {0.3f, 1.2f, 0.5f};
+        for (int k = 0; k < 3; ++k)
+            light[k] = 0.5f * (box[k] + box[k + 3]) + offset[k] * extent;
+        float* dirs[3] = {dx.data, dy.data, dz.data};
+        maskIn.assign(n(), -1);
+        for (size_t i = 0; i < n(); ++i) {
+            if (eyeTri[i] < 0) continue;
+            maskIn[i] = 0;
+            ++tested;
+            for (int k = 0; k < 3; ++k)
+                dirs[k][i] = points[k][i] - light[k];
+        }
+        resetMask();
+    }
+    size_t n() const { return size_t(side) * size_t(side); }
+    int32_t* mask() const { return reinterpret_cast<int32_t*>(maskPlane.data); }
+    int32_t* tri() const { return reinterpret_cast<int32_t*>(triPlane.data); }
+    void resetMask() { std::memcpy(mask(), maskIn.data(), n() * sizeof(int32_t)); }
+    vekr::ray::OcclusionBlock block()
+    {
+        dirs[0] = dx.data;
+        dirs[1] = dy.data;
+        dirs[2] = dz.data;
+        return {light, dirs, tri(), mask(), side, side};
+    }
+    // The same segments as nearest-hit rays: maximum distance 1, and 0 for the masked ones.
+    vekr::ray::EyeRayBlock nearestBlock()
+    {
+        for (size_t i = 0; i < n(); ++i)
+            dist.data[i] = maskIn[i] < 0 ? 0.0f : 1.0f;
+        dirs[0] = dx.data;
+        dirs[1] = dy.data;
+        dirs[2] = dz.data;
+        return {light, dirs, dist.data, u.data, v.data, tri(), side, side};
+    }
+    const float* dirs[3] = {};
+};
+
+enum class ShadowPath { AnySingle, AnyPacket, NearestSingle };
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side. Rays/s counts the
+// tested segments (the hits of the eye rays).
+template <ShadowPath kPath>
+void BM_ShadowRays(benchmark::State& state)
+{
+    static std::unique_ptr<BenchScene> scene;
+    static int64_t sceneKey = -1;
+    if (sceneKey != state.range(0)) {
+        scene.reset();
+        scene = std::make_unique<BenchScene>(int(state.range(0)), KDTreeBuildSahFullDepth);
+        sceneKey = state.range(0);
+    }
+    ShadowRays rays(*scene, int(state.range(1)));
+    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
+                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
+    for (auto _ : state) {
+        if (kPath == ShadowPath::NearestSingle) {
+            vekr::ray::intersectEyeRaysSingle(view, rays.nearestBlock());
+        } else {
+            rays.resetMask();  // a memcpy of one int per ray: well under 1% of the time
+            if (kPath == ShadowPath::AnySingle)
+                vekr::ray::findOccludersSingle(view, rays.block());
+            else
+                vekr::ray::findOccludersPacket4x4(view, rays.block());
+        }
+        benchmark::ClobberMemory();
+    }
+    int64_t occluded = 0;
+    for (size_t i = 0; i < rays.n(); ++i)
+        occluded += rays.maskIn[i] >= 0 && rays.tri()[i] >= 0;
+    state.counters["occluded%"] = 100.0 * double(occluded) / double(rays.tested);
+    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    setRayThroughput(state, rays.tested);
+}
+
+void shadowArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side"})->Args({0, 512})->Args({100000, 512});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_ShadowRays<ShadowPath::AnySingle>)->Name("BM_OcclusionPerRay")->Apply(shadowArgs);
+BENCHMARK(BM_ShadowRays<ShadowPath::AnyPacket>)->Name("BM_OcclusionPacket4x4")->Apply(shadowArgs);
+BENCHMARK(BM_ShadowRays<ShadowPath::NearestSingle>)
+    ->Name("BM_NearestHitOnShadowSegmentsPerRay")
+    ->Apply(shadowArgs);
 
 }  // namespace

@@ -1,13 +1,19 @@
 // Shading helpers: triangle normals (triangles per second, one thread and two, and each twin on
-// its own) and per-ray flat and smooth normals (rays per second, on the aligned four-ray path
-// and, with planes shifted one float off alignment, on the scalar path).
+// its own), per-ray flat and smooth normals (rays per second, on the aligned four-ray path
+// and, with planes shifted one float off alignment, on the scalar path), and the masked
+// arithmetic (rays per second and GB/s beside a plain stream over the same planes).
 #include <benchmark/benchmark.h>
 
+#include <immintrin.h>
+
 #include <chrono>
+#include <cstdint>
+#include <string>
 #include <memory>
 #include <random>
 #include <vector>
 
+#include "shade/masked_arithmetic.h"
 #include "shade/normals.h"
 #include "vekcore.h"
 #include "vekr.h"
@@ -173,6 +179,199 @@ void BM_SurfSmoothNormal(benchmark::State& state)
     }
     setRayRate(state, block.rayCount);
 }
+
+// --- Masked arithmetic -----------------------------------------------------------------
+
+// Planes of one masked call, each in its own aligned block; `shift` moves every view one float
+// off alignment, which sends the colour, normal and distance members down their general path.
+// Plane 0 holds ones where a member scales or divides srcDst in place, so repeated calls never
+// drift into infinities or denormals; the other planes hold values in [0.5, 2] (normals and
+// directions in [-1, 1]). One ray in ten is disabled, in runs of 64 as a ray block gives them.
+struct MaskedRays {
+    int rayCount, shift;
+    std::vector<AlignedBlock<float>> planeBlocks;
+    AlignedBlock<int32_t> maskBlock;
+
+    MaskedRays(int rays, int planeCount, bool unitFirstPlane, bool signedValues, bool aligned)
+        : rayCount(rays), shift(aligned ? 0 : 1), maskBlock(size_t(rays))
+    {
+        uint32_t state = 1;
+        auto next = [&] { return (state = state * 1664525u + 1013904223u) >> 8; };
+        for (int j = 0; j < planeCount; ++j) {
+            planeBlocks.emplace_back(size_t(rays));
+            for (int i = 0; i < rays; ++i) {
+                const float unit = float(next()) * (1.0f / 16777216.0f);
+                planes(j)[i] = j == 0 && unitFirstPlane ? 1.0f
+                               : signedValues          ? 2.0f * unit - 1.0f
+                                                       : 0.5f + 1.5f * unit;
+            }
+        }
+        for (int i = 0; i < rays; ++i)
+            mask()[i] = (i / 64) % 10 == 9 ? -1 : 0;
+    }
+    float* planes(int j) const { return planeBlocks[size_t(j)].data() + shift; }
+    int32_t* mask() const { return maskBlock.data() + shift; }
+};
+
+enum class MaskedPath { Exported, Scalar };
+
+// Per member: how many planes it reads (the mask included), updates in place and writes, and
+// how it is called on those planes in that order.
+struct MaskedMember {
+    const char* name;
+    int read, inPlace, written;
+    bool unitFirstPlane, signedValues;
+    void (*run)(const MaskedRays&, int, MaskedPath);
+};
+
+const MaskedMember kMaskedMembers[] = {
+    {"Mul_C1IM", 2, 1, 0, true, false,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         if (path == MaskedPath::Exported)
+             vekrMul_32f_C1IM(r.planes(0), r.mask(), r.planes(1), n);
+         else
+             vekr::shade::scaleBySignMaskScalar(r.planes(0), r.mask(), r.planes(1), n);
+     }},
+    {"Mul_C1P3IM", 2, 3, 0, true, false,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         float* const dst[3] = {r.planes(1), r.planes(2), r.planes(3)};
+         if (path == MaskedPath::Exported)
+             vekrMul_32f_C1P3IM(r.planes(0), r.mask(), dst, n);
+         else
+             vekr::shade::scalePlanesMaskedScalar(r.planes(0), r.mask(), dst, n);
+     }},
+    {"Div_C1IM", 2, 1, 0, true, false,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         if (path == MaskedPath::Exported)
+             vekrDiv_32f_C1IM(r.planes(0), r.mask(), r.planes(1), n);
+         else
+             vekr::shade::divideMaskedScalar(r.planes(0), r.mask(), r.planes(1), n);
+     }},
+    {"AddMulMul_AC1P3IM", 5, 3, 0, false, false,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         static const float colour[3] = {0.25f, 0.5f, 0.75f};
+         const float* const src[3] = {r.planes(1), r.planes(2), r.planes(3)};
+         float* const dst[3] = {r.planes(4), r.planes(5), r.planes(6)};
+         if (path == MaskedPath::Exported)
+             vekrAddMulMul_32f_AC1P3IM(colour, r.planes(0), src, r.mask(), dst, n);
+         else
+             vekr::shade::accumulateColourScalar(colour, r.planes(0), src, r.mask(), dst, n);
+     }},
+    {"Dot_P3C1M", 7, 0, 1, false, true,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         const float* const a[3] = {r.planes(0), r.planes(1), r.planes(2)};
+         const float* const b[3] = {r.planes(3), r.planes(4), r.planes(5)};
+         if (path == MaskedPath::Exported)
+             vekrDot_32f_P3C1M(a, b, r.mask(), r.planes(6), n);
+         else
+             vekr::shade::dotPlanesMaskedScalar(a, b, r.mask(), r.planes(6), n);
+     }},
+    {"DotChangeNorm_IM", 4, 3, 1, false, true,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         const float* const dir[3] = {r.planes(0), r.planes(1), r.planes(2)};
+         float* const normal[3] = {r.planes(3), r.planes(4), r.planes(5)};
+         if (path == MaskedPath::Exported)
+             vekrDotChangeNorm_32f_IM(dir, r.mask(), normal, r.planes(6), n);
+         else
+             vekr::shade::faceNormalsScalar(dir, r.mask(), normal, r.planes(6), n);
+     }},
+    {"DistAttenuationSO_M", 4, 0, 1, false, true,
+     [](const MaskedRays& r, int n, MaskedPath path) {
+         static const float point[3] = {0.1f, 0.2f, 0.3f};
+         const float* const hit[3] = {r.planes(0), r.planes(1), r.planes(2)};
+         if (path == MaskedPath::Exported)
+             vekrDistAttenuationSO_32f_M(point, hit, r.mask(), r.planes(3), n);
+         else
+             vekr::shade::attenuationDistanceScalar(point, hit, r.mask(), r.planes(3), n);
+     }},
+};
+
+// Bytes moved per ray: every read plane once, every in-place plane read and written, every
+// written plane once (the write-allocate read it causes is not counted).
+int bytesPerRay(int read, int inPlace, int written)
+{
+    return 4 * (read + 2 * inPlace + written);
+}
+
+void setMaskedRates(benchmark::State& state, int rays, int bytesPerRay)
+{
+    const double calls = double(state.iterations());
+    state.counters["rays/s"] = benchmark::Counter(calls * rays, benchmark::Counter::kIsRate);
+    state.counters["GB/s"] = benchmark::Counter(calls * rays * bytesPerRay * 1e-9,
+                                                benchmark::Counter::kIsRate);
+}
+
+void BM_Masked(benchmark::State& state, const MaskedMember& member, MaskedPath path, bool aligned)
+{
+    const int n = int(state.range(0));
+    const MaskedRays rays(n, member.read - 1 + member.inPlace + member.written,
+                          member.unitFirstPlane, member.signedValues, aligned);
+    for (auto _ : state) {
+        member.run(rays, n, path);
+        benchmark::ClobberMemory();
+    }
+    setMaskedRates(state, n, bytesPerRay(member.read, member.inPlace, member.written));
+}
+
+// The memory-bandwidth reference for a member: the same planes and bytes with no arithmetic
+// beyond a sum, 8 floats per step with plain loads and stores. Read planes are summed, in-place
+// planes get the sum added, written planes get the sum.
+template <int Read, int InPlace, int Written>
+void streamPlanes(const MaskedRays& r, int n)
+{
+    for (int i = 0; i + 8 <= n; i += 8) {
+        __m256 sum = _mm256_load_ps(r.planes(0) + i);
+        for (int j = 1; j < Read; ++j)
+            sum = _mm256_add_ps(sum, _mm256_load_ps(r.planes(j) + i));
+        for (int j = Read; j < Read + InPlace; ++j)
+            _mm256_store_ps(r.planes(j) + i, _mm256_add_ps(_mm256_load_ps(r.planes(j) + i), sum));
+        for (int j = Read + InPlace; j < Read + InPlace + Written; ++j)
+            _mm256_store_ps(r.planes(j) + i, sum);
+    }
+}
+
+template <int Read, int InPlace, int Written>
+void BM_Stream(benchmark::State& state)
+{
+    const int n = int(state.range(0));
+    const MaskedRays rays(n, Read + InPlace + Written, false, false, true);
+    for (auto _ : state) {
+        streamPlanes<Read, InPlace, Written>(rays, n);
+        benchmark::ClobberMemory();
+    }
+    setMaskedRates(state, n, bytesPerRay(Read, InPlace, Written));
+}
+
+const bool kMaskedRegistered = [] {
+    for (const MaskedMember& member : kMaskedMembers) {
+        const std::string base = std::string("Masked/") + member.name;
+        const struct {
+            const char* suffix;
+            MaskedPath path;
+            bool aligned;
+        } variants[] = {{"/Exported", MaskedPath::Exported, true},
+                        {"/ExportedShifted", MaskedPath::Exported, false},
+                        {"/Scalar", MaskedPath::Scalar, true}};
+        for (const auto& v : variants)
+            benchmark::RegisterBenchmark((base + v.suffix).c_str(), BM_Masked, member, v.path,
+                                         v.aligned)
+                ->Arg(1'000)
+                ->Arg(10'000'000);
+    }
+    // Planes read (the mask included), updated in place and written, as the members above.
+    const struct {
+        const char* name;
+        void (*fn)(benchmark::State&);
+    } streams[] = {{"Stream/2r1u/Mul_C1IM,Div_C1IM", BM_Stream<2, 1, 0>},
+                   {"Stream/2r3u/Mul_C1P3IM", BM_Stream<2, 3, 0>},
+                   {"Stream/5r3u/AddMulMul_AC1P3IM", BM_Stream<5, 3, 0>},
+                   {"Stream/7r1w/Dot_P3C1M", BM_Stream<7, 0, 1>},
+                   {"Stream/4r3u1w/DotChangeNorm_IM", BM_Stream<4, 3, 1>},
+                   {"Stream/4r1w/DistAttenuationSO_M", BM_Stream<4, 0, 1>}};
+    for (const auto& stream : streams)
+        benchmark::RegisterBenchmark(stream.name, stream.fn)->Arg(1'000)->Arg(10'000'000);
+    return true;
+}();
 
 }  // namespace
 

@@ -19,15 +19,15 @@ using namespace vekr::test;
 namespace {
 
 // A hand-made tree block: nodes first, then list words.
-struct HandTree {
+struct ListLeafTree {
     std::vector<uint32_t> words;
     const void* root() const { return words.data(); }
 };
 
 // One leaf listing the given triangles, in that order.
-HandTree listLeafTree(const std::vector<int32_t>& order)
+ListLeafTree listLeafTree(const std::vector<int32_t>& order)
 {
-    HandTree tree;
+    ListLeafTree tree;
     tree.words = {0, 0, 0, 0};
     const accel::KdNode leaf = accel::encodeListLeaf(16, int32_t(order.size()));
     tree.words[0] = uint32_t(leaf.word0);
@@ -118,7 +118,7 @@ TEST(IntersectEye, PacketPathNeedsSidesOfFourAndAlignedPlanes)
 TEST(IntersectEye, MissesKeepDistanceAndWeights)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const HandTree tree = listLeafTree({0, 1});
+    const ListLeafTree tree = listLeafTree({0, 1});
     for (int height : {4, 5}) {                                 // both paths
         EyeRays rays = raysDown(8, height, 3.0f, 0.25f, 0.0f);  // all beside the quad
         for (int i = 0; i < rays.count(); ++i)
@@ -137,7 +137,7 @@ TEST(IntersectEye, MissesKeepDistanceAndWeights)
 TEST(IntersectEye, NonPositiveMaximumDistanceNeverHits)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const HandTree tree = listLeafTree({0, 1, 2, 3});
+    const ListLeafTree tree = listLeafTree({0, 1, 2, 3});
     for (int height : {4, 3}) {
         EyeRays rays = raysDown(4, height, -0.5f, 0.07f, 0.1f);
         for (int i = 0; i < rays.count(); ++i)
@@ -158,7 +158,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
     // The same quad twice: the copy listed first wins, whichever its number.
     for (const auto& [order, expectedQuad] :
          std::vector<std::pair<std::vector<int32_t>, int>>{{{0, 1, 2, 3}, 0}, {{2, 3, 0, 1}, 1}}) {
-        const HandTree tree = listLeafTree(order);
+        const ListLeafTree tree = listLeafTree(order);
         for (int height : {4, 3}) {
             EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
             intersect(scene, tree.root(), rays);
@@ -174,7 +174,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
 TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const HandTree tree = listLeafTree({1, 0});
+    const ListLeafTree tree = listLeafTree({1, 0});
     // The diagonal x = y is shared by triangles 0 and 1; 1 is listed first.
     EyeRays rays(4, 4);
     rays.origin[2] = 1.0f;
@@ -195,7 +195,7 @@ TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
     const PreparedScene scene(twoCoincidentQuads());
     // Triangles 0 and 2 are the same triangle. Index 0 qualifies for the count field, so 2
     // lands in word 0 and is tested first.
-    HandTree tree;
+    ListLeafTree tree;
     const int32_t pair[2] = {0, 2};
     accel::KdNode leaf{};
     ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
@@ -213,7 +213,7 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
     const PreparedScene scene(mesh);
     ASSERT_EQ(scene.records[4].axes, 0u);
     // Root splits x at 0: the lower child is an empty leaf, the upper one lists 4, 0, 1.
-    HandTree tree;
+    ListLeafTree tree;
     const accel::KdNode root = accel::encodeInner(8, 0, 0.0f);
     const accel::KdNode upper = accel::encodeListLeaf(24 - 16, 3);
     tree.words = {uint32_t(root.word0),
@@ -250,7 +250,7 @@ TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
     mesh.addTriangle(a, b, c);
     mesh.addTriangle(a, c, d);
     const PreparedScene scene(mesh);
-    const HandTree tree = listLeafTree({0, 1});
+    const ListLeafTree tree = listLeafTree({0, 1});
     EyeRays rays(4, 4);
     rays.origin[0] = -3.0f;
     rays.origin[1] = 5.0f;  // outside the box on y
@@ -277,7 +277,7 @@ TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
 TEST(IntersectEye, EmptyBlocksWriteNothing)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const HandTree tree = listLeafTree({0});
+    const ListLeafTree tree = listLeafTree({0});
     EyeRays rays = raysDown(4, 4, 0.0f, 0.0f, 0.0f);
     const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
     float* uv[2] = {rays.u.data(), rays.v.data()};

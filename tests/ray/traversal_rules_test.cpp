@@ -18,36 +18,6 @@ using namespace vekr::test;
 
 namespace {
 
-using accel::KdNode;
-
-// Tree blocks slot by slot (8 bytes each); slot 1 stays zero after the root.
-struct HandTree {
-    std::vector<KdNode> nodes;
-    explicit HandTree(int slots) : nodes(size_t(slots), KdNode{0, 0}) {}
-    void inner(int slot, int axis, float split, int pairSlot)
-    {
-        nodes[size_t(slot)] = accel::encodeInner((pairSlot - slot) * 8, axis, split);
-    }
-    void leaf(int slot, int triangle)  // -1: an empty leaf
-    {
-        KdNode node{INT32_MIN, 0};
-        if (triangle >= 0) accel::encodeCompactLeaf(&triangle, 1, node);
-        nodes[size_t(slot)] = node;
-    }
-};
-
-// Triangles in planes x = c, each covering y, z in [-1, 1] and more, one per entry of xs.
-Mesh wallsAt(const std::vector<float>& xs)
-{
-    Mesh mesh;
-    for (float c : xs) {
-        const int a = mesh.addVertex(c, -1, -1), b = mesh.addVertex(c, 3, -1);
-        const int d = mesh.addVertex(c, -1, 3);
-        mesh.addTriangle(a, b, d);
-    }
-    return mesh;
-}
-
 struct Shot {
     int triangle;
     float dist;
@@ -81,16 +51,6 @@ std::vector<Shot> shoot(const Mesh& mesh, const HandTree& tree, const float box[
         shots.push_back(shot);
     }
     return shots;
-}
-
-// Root splitting `axis` at `split`, lower leaf listing `lower`, upper leaf listing `upper`.
-HandTree splitTree(int axis, float split, int lower, int upper)
-{
-    HandTree tree(4);
-    tree.inner(0, axis, split, 2);
-    tree.leaf(2, lower);
-    tree.leaf(3, upper);
-    return tree;
 }
 
 TEST(TraversalRules, ChildWithinTheDescentToleranceIsStillVisited)

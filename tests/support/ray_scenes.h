@@ -211,22 +211,12 @@ struct PreparedScene {
     }
 };
 
-// The nearest hit of one ray by a loop over all triangles in double precision (Moeller and
-// Trumbore 1997), with what makes the answer ambiguous in single precision.
-struct ReferenceHit {
-    int triangle = -1;
-    double dist = 0.0, u = 0.0, v = 0.0;  // u, v: weights of the first and second vertex
-    bool ambiguous = false;  // a second hit, an edge, or the distance limit is too close
-};
-
-inline ReferenceHit referenceNearestHit(const Mesh& mesh, const float origin[3], const float dir[3],
-                                        float maxDist)
+// The crossings of one ray with every triangle by Moeller and Trumbore (1997) in double
+// precision: fn(triangle, dist, b0, b1) with the weights b0, b1, b2 of the three vertices
+// (b2 = 1 - b0 - b1), for every triangle whose plane the ray is not edge-on to.
+template <class Fn>
+void forEachReferenceCrossing(const Mesh& mesh, const float origin[3], const float dir[3], Fn fn)
 {
-    constexpr double kEdgeMargin = 1e-4;
-    constexpr double kDistMargin = 1e-4;
-    ReferenceHit best;
-    double secondDist = INFINITY;
-    double closestDoubtful = INFINITY;  // nearest hit that single precision may take or drop
     const double o[3] = {origin[0], origin[1], origin[2]};
     const double d[3] = {dir[0], dir[1], dir[2]};
     for (int t = 0; t < mesh.triangleCount(); ++t) {
@@ -247,18 +237,41 @@ inline ReferenceHit referenceNearestHit(const Mesh& mesh, const float origin[3],
                              s[0] * e1[1] - s[1] * e1[0]};
         const double b2 = (d[0] * q[0] + d[1] * q[1] + d[2] * q[2]) / det;
         const double dist = (e2[0] * q[0] + e2[1] * q[1] + e2[2] * q[2]) / det;
-        const double b0 = 1.0 - b1 - b2;
-        const double smallest = std::min({b0, b1, b2});
-        if (smallest < -kEdgeMargin) continue;
-        const double margin = kDistMargin * std::max(1.0, std::fabs(dist));
-        const bool doubtful = smallest < kEdgeMargin || std::fabs(dist) < margin ||
+        fn(t, dist, 1.0 - b1 - b2, b1);
+    }
+}
+
+// Margins within which single precision may decide either way: near an edge (in weights) and
+// near a distance limit (relative).
+constexpr double kReferenceEdgeMargin = 1e-4;
+constexpr double kReferenceDistMargin = 1e-4;
+
+// The nearest hit of one ray by a loop over all triangles, with what makes the answer
+// ambiguous in single precision.
+struct ReferenceHit {
+    int triangle = -1;
+    double dist = 0.0, u = 0.0, v = 0.0;  // u, v: weights of the first and second vertex
+    bool ambiguous = false;  // a second hit, an edge, or the distance limit is too close
+};
+
+inline ReferenceHit referenceNearestHit(const Mesh& mesh, const float origin[3], const float dir[3],
+                                        float maxDist)
+{
+    ReferenceHit best;
+    double secondDist = INFINITY;
+    double closestDoubtful = INFINITY;  // nearest hit that single precision may take or drop
+    forEachReferenceCrossing(mesh, origin, dir, [&](int t, double dist, double b0, double b1) {
+        const double smallest = std::min({b0, b1, 1.0 - b0 - b1});
+        if (smallest < -kReferenceEdgeMargin) return;
+        const double margin = kReferenceDistMargin * std::max(1.0, std::fabs(dist));
+        const bool doubtful = smallest < kReferenceEdgeMargin || std::fabs(dist) < margin ||
                               std::fabs(dist - double(maxDist)) < margin;
         if (doubtful) {
             if (dist > -margin && dist < double(maxDist) + margin)
                 closestDoubtful = std::min(closestDoubtful, dist);
-            continue;
+            return;
         }
-        if (!(dist > 0.0 && dist < double(maxDist))) continue;
+        if (!(dist > 0.0 && dist < double(maxDist))) return;
         if (best.triangle < 0 || dist < best.dist) {
             secondDist = std::min(secondDist, best.triangle < 0 ? INFINITY : best.dist);
             best.triangle = t;
@@ -268,14 +281,46 @@ inline ReferenceHit referenceNearestHit(const Mesh& mesh, const float origin[3],
         } else {
             secondDist = std::min(secondDist, dist);
         }
-    }
+    });
     if (best.triangle < 0) {
         best.ambiguous = closestDoubtful < INFINITY;
     } else {
-        const double margin = kDistMargin * std::max(1.0, best.dist);
+        const double margin = kReferenceDistMargin * std::max(1.0, best.dist);
         best.ambiguous = secondDist - best.dist <= margin || closestDoubtful <= best.dist + margin;
     }
     return best;
+}
+
+// Whether the open segment origin + t * dir, 0 < t < 1, crosses a triangle; ambiguous when
+// no crossing is clear and one lies too near an edge or an end of the segment.
+struct ReferenceOcclusion {
+    bool occluded = false;
+    bool ambiguous = false;
+    std::vector<int> occluders;  // clearly on the segment
+    std::vector<int> doubtful;   // on it or not, as single precision decides
+};
+
+inline ReferenceOcclusion referenceOcclusion(const Mesh& mesh, const float origin[3],
+                                             const float dir[3])
+{
+    ReferenceOcclusion ref;
+    forEachReferenceCrossing(mesh, origin, dir, [&](int t, double dist, double b0, double b1) {
+        const double smallest = std::min({b0, b1, 1.0 - b0 - b1});
+        if (smallest < -kReferenceEdgeMargin) return;
+        const bool inSegment = dist > kReferenceDistMargin && dist < 1.0 - kReferenceDistMargin;
+        const bool nearEnd = std::fabs(dist) <= kReferenceDistMargin ||
+                             std::fabs(dist - 1.0) <= kReferenceDistMargin;
+        if (inSegment && smallest >= kReferenceEdgeMargin) {
+            ref.occluded = true;
+            ref.occluders.push_back(t);
+        } else if (nearEnd || (inSegment && smallest < kReferenceEdgeMargin)) {
+            ref.ambiguous = true;
+            ref.doubtful.push_back(t);
+        }
+    });
+    // A clear occluder decides the segment whatever else lies near its ends.
+    if (ref.occluded) ref.ambiguous = false;
+    return ref;
 }
 
 }  // namespace vekr::test
@@ -378,6 +423,45 @@ inline EyeRays makeMixedRays(const Mesh& mesh, const float origin[3], int width,
     }
     rays.reset();
     return rays;
+}
+
+// Tree blocks slot by slot (8 bytes each), for trees made by hand; slot 1 stays zero after
+// the root.
+struct HandTree {
+    std::vector<accel::KdNode> nodes;
+    explicit HandTree(int slots) : nodes(size_t(slots), accel::KdNode{0, 0}) {}
+    void inner(int slot, int axis, float split, int pairSlot)
+    {
+        nodes[size_t(slot)] = accel::encodeInner((pairSlot - slot) * 8, axis, split);
+    }
+    void leaf(int slot, int triangle)  // -1: an empty leaf
+    {
+        accel::KdNode node{INT32_MIN, 0};
+        if (triangle >= 0) accel::encodeCompactLeaf(&triangle, 1, node);
+        nodes[size_t(slot)] = node;
+    }
+};
+
+// Triangles in planes x = c, each covering y, z in [-1, 1] and more, one per entry of xs.
+inline Mesh wallsAt(const std::vector<float>& xs)
+{
+    Mesh mesh;
+    for (float c : xs) {
+        const int a = mesh.addVertex(c, -1, -1), b = mesh.addVertex(c, 3, -1);
+        const int d = mesh.addVertex(c, -1, 3);
+        mesh.addTriangle(a, b, d);
+    }
+    return mesh;
+}
+
+// Root splitting `axis` at `split`, lower leaf listing `lower`, upper leaf listing `upper`.
+inline HandTree splitTree(int axis, float split, int lower, int upper)
+{
+    HandTree tree(4);
+    tree.inner(0, axis, split, 2);
+    tree.leaf(2, lower);
+    tree.leaf(3, upper);
+    return tree;
 }
 
 }  // namespace vekr::test
