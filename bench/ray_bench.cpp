@@ -1,7 +1,8 @@
-// Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes),
-// nearest hits per ray and per 4x4 tile on the example renderer's scenes through each kind
-// of KD-tree, hit points, and the occlusion of a renderer's shadow rays per ray and per tile
-// beside the nearest hit of the same segments.
+// Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes), shadow
+// and reflection rays (beside a stream of the same bytes), nearest hits per ray and per 4x4
+// tile on the example renderer's scenes through each kind of KD-tree, hit points, and the
+// occlusion of a renderer's shadow rays per ray and per tile beside the nearest hit of the
+// same segments.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -18,6 +19,7 @@
 #include "ray/hit_points.h"
 #include "ray/kd_occlusion.h"
 #include "ray/kd_traverse.h"
+#include "ray/secondary_rays.h"
 #include "scene.h"
 #include "store_bandwidth.h"
 #include "vekcore.h"
@@ -93,6 +95,146 @@ BENCHMARK(BM_CastEye<false, vekr::ray::castEyeRaysScalar>)
     ->Arg(512)
     ->Arg(4096);
 BENCHMARK(BM_StreamingWrite)->Arg(64)->Arg(512)->Arg(2048)->Arg(4096);
+
+// --- Shadow and reflection rays ------------------------------------------------------------
+
+// planeCount planes of n floats from the core allocator, filled with values in [-1, 1]; each
+// starts `lead` floats into its block, so a lead of 1 leaves 16-byte alignment.
+class BenchPlanes {
+public:
+    BenchPlanes(int planeCount, size_t n, size_t lead, uint32_t seed) : lead_(lead)
+    {
+        std::mt19937 rng(seed);
+        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+        for (int k = 0; k < planeCount; ++k) {
+            raw_.push_back(static_cast<float*>(vekMalloc((n + lead) * sizeof(float))));
+            for (size_t i = 0; i < n + lead; ++i)
+                raw_.back()[i] = value(rng);
+        }
+    }
+    ~BenchPlanes()
+    {
+        for (float* p : raw_)
+            vekFree(p);
+    }
+    BenchPlanes(const BenchPlanes&) = delete;
+    BenchPlanes& operator=(const BenchPlanes&) = delete;
+    float* operator[](int k) const { return raw_[size_t(k)] + lead_; }
+    // Plane k as mask words: one in five -1, the others 0.
+    int32_t* maskWords(int k, size_t n) const
+    {
+        int32_t* words = reinterpret_cast<int32_t*>((*this)[k]);
+        for (size_t i = 0; i < n; ++i)
+            words[i] = i % 5 == 3 ? -1 : 0;
+        return words;
+    }
+
+private:
+    std::vector<float*> raw_;
+    size_t lead_;
+};
+
+// Per ray, shadow rays read eyeDot, normal, point and mask (32 bytes) and write mask, shadowDot
+// and direction (20 bytes); reflections read direction, mask and normal (28 bytes) and write
+// the reflected direction (12 bytes).
+constexpr int64_t kShadowBytesPerRay = 52;
+constexpr int64_t kReflectionBytesPerRay = 40;
+const float kLight[3] = {0.5f, 3.0f, -0.25f};
+
+// Cast: a twin, or null for the exported function.
+template <void (*Cast)(const vekr::ray::ShadowRayRun&)>
+void BM_CastShadow(benchmark::State& state)
+{
+    const int n = int(state.range(0));
+    const BenchPlanes p(8, size_t(n), 0, 5);    // eyeDot, normal, point, mask
+    const BenchPlanes out(4, size_t(n), 0, 6);  // shadowDot, direction
+    const float* normal[3] = {p[1], p[2], p[3]};
+    const float* hit[3] = {p[4], p[5], p[6]};
+    float* dir[3] = {out[1], out[2], out[3]};
+    int32_t* mask = p.maskWords(7, size_t(n));
+    for (auto _ : state) {
+        if constexpr (Cast != nullptr)
+            Cast({kLight, p[0], normal, hit, mask, out[0], dir, n});
+        else
+            vekrCastShadowSO_32f(kLight, p[0], normal, hit, mask, out[0], dir, n);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * n * kShadowBytesPerRay);
+    setRayThroughput(state, n);
+}
+
+// Reflect: a path, or null for the exported function; kLead 1 takes the planes off 16-byte
+// alignment.
+template <void (*Reflect)(const vekr::ray::ReflectionRayRun&), size_t kLead>
+void BM_CastReflection(benchmark::State& state)
+{
+    const int n = int(state.range(0));
+    const BenchPlanes p(10, size_t(n), kLead, 7);
+    const float* incident[3] = {p[0], p[1], p[2]};
+    const float* normal[3] = {p[3], p[4], p[5]};
+    float* reflected[3] = {p[6], p[7], p[8]};
+    const int32_t* mask = p.maskWords(9, size_t(n));
+    for (auto _ : state) {
+        if constexpr (Reflect != nullptr)
+            Reflect({incident, mask, normal, reflected, n});
+        else
+            vekrCastReflectionRay_32f(incident, mask, normal, reflected, n);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * n * kReflectionBytesPerRay);
+    setRayThroughput(state, n);
+}
+
+// The bandwidth reference of a generator: 8-float loads of kRead planes, their sum stored to
+// kWriteNew other planes and over the last kWriteInPlace of the read ones, the same streams
+// and bytes per element as the generator.
+template <int kRead, int kWriteNew, int kWriteInPlace>
+void BM_StreamPlanes(benchmark::State& state)
+{
+    const size_t n = size_t(state.range(0));
+    const BenchPlanes p(kRead + kWriteNew, n, 0, 9);
+    float* in[kRead];
+    float* out[kWriteNew + kWriteInPlace];
+    for (int k = 0; k < kRead; ++k)
+        in[k] = p[k];
+    for (int k = 0; k < kWriteNew + kWriteInPlace; ++k)
+        out[k] = p[k < kWriteNew ? kRead + k : kRead - kWriteInPlace + (k - kWriteNew)];
+    for (auto _ : state) {
+        for (size_t i = 0; i + 8 <= n; i += 8) {
+            __m256 sum = _mm256_loadu_ps(in[0] + i);
+            for (int k = 1; k < kRead; ++k)
+                sum = _mm256_add_ps(sum, _mm256_loadu_ps(in[k] + i));
+            for (float* o : out)
+                _mm256_storeu_ps(o + i, sum);
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n) *
+                            (kRead + kWriteNew + kWriteInPlace) * 4);
+    setRayThroughput(state, int64_t(n));
+}
+
+// 1e3 rays stay in the first-level caches; 1e7 (400 to 520 MB) go through memory.
+void secondaryRayArgs(benchmark::internal::Benchmark* b)
+{
+    b->Arg(1000)->Arg(10'000'000);
+}
+BENCHMARK(BM_CastShadow<nullptr>)->Name("BM_CastShadow")->Apply(secondaryRayArgs);
+BENCHMARK(BM_CastShadow<vekr::ray::castShadowRaysScalar>)
+    ->Name("BM_CastShadowScalar")
+    ->Apply(secondaryRayArgs);
+BENCHMARK(BM_StreamPlanes<8, 4, 1>)->Name("BM_StreamShadowBytes")->Apply(secondaryRayArgs);
+BENCHMARK(BM_CastReflection<nullptr, 0>)->Name("BM_CastReflection")->Apply(secondaryRayArgs);
+BENCHMARK(BM_CastReflection<nullptr, 1>)
+    ->Name("BM_CastReflectionUnaligned")
+    ->Apply(secondaryRayArgs);
+BENCHMARK(BM_CastReflection<vekr::ray::reflectOneByOne, 0>)
+    ->Name("BM_CastReflectionOneByOne")
+    ->Apply(secondaryRayArgs);
+BENCHMARK(BM_CastReflection<vekr::ray::reflectQuadsScalar, 0>)
+    ->Name("BM_CastReflectionQuadsScalar")
+    ->Apply(secondaryRayArgs);
+BENCHMARK(BM_StreamPlanes<7, 3, 0>)->Name("BM_StreamReflectionBytes")->Apply(secondaryRayArgs);
 
 // --- Nearest hits --------------------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 #include "hit_points.h"
 #include "kd_occlusion.h"
 #include "kd_traverse.h"
+#include "secondary_rays.h"
 
 using namespace vekr;
 
@@ -82,14 +83,28 @@ Status entry::vekrIntersectAnySO_32f(const float* origin, const float* const dir
     return StatusOk;
 }
 
-Status entry::vekrCastShadowSO_32f(const float*, const float*, const float* const[3],
-                                   const float* const[3], int32_t*, float*, float* const[3], int)
+// The light position, the plane pointers and count are used as given; shadowDir is checked
+// before shadowDot.
+Status entry::vekrCastShadowSO_32f(const float* lightPos, const float* eyeDot,
+                                   const float* const normal[3], const float* const hitPoint[3],
+                                   int32_t* mask, float* shadowDot, float* const shadowDir[3],
+                                   int count)
 {
-    return StatusOk;  // kernel to come
+    if (eyeDot == nullptr || normal == nullptr || hitPoint == nullptr || mask == nullptr ||
+        shadowDir == nullptr || shadowDot == nullptr)
+        return StatusNullPointer;
+    if (count < 1) return StatusOk;
+    ray::castShadowRaysAvx({lightPos, eyeDot, normal, hitPoint, mask, shadowDot, shadowDir, count});
+    return StatusOk;
 }
 
-Status entry::vekrCastReflectionRay_32f(const float* const[3], const int32_t*,
-                                        const float* const[3], float* const[3], int)
+Status entry::vekrCastReflectionRay_32f(const float* const incident[3], const int32_t* mask,
+                                        const float* const normal[3], float* const reflected[3],
+                                        int count)
 {
-    return StatusOk;  // kernel to come
+    if (incident == nullptr || mask == nullptr || normal == nullptr || reflected == nullptr)
+        return StatusNullPointer;
+    if (count < 1) return StatusOk;
+    ray::castReflectionRays({incident, mask, normal, reflected, count});
+    return StatusOk;
 }
