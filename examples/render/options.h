@@ -1,0 +1,27 @@
+/* The renderer's command line: what it asks for, and the parsing that fills it in. */
+#ifndef VEKR_RENDER_OPTIONS_H
+#define VEKR_RENDER_OPTIONS_H
+
+#include "lights.h"
+#include "prepared_scene.h"
+
+typedef struct Options {
+    int width;
+    int height;
+    const char* output;
+    const char* meshPath; /* null: the default scene */
+    float eye[3];
+    float target[3];
+    float fovYDegrees;
+    int hasEye, hasTarget, hasFov;
+    TreeChoice tree;
+    int blockSide;
+    int threadCount;
+    Lighting lighting; /* the --light options in order (intensity 0 when not given), shadows */
+} Options;
+
+/* Fills *o from the command line, defaults first. Returns 0 to render, 1 after --help, -1
+ * after reporting a bad command line on stderr. */
+int parseOptions(int argc, char** argv, Options* o);
+
+#endif /* VEKR_RENDER_OPTIONS_H */
