@@ -83,6 +83,11 @@ struct OcclusionCase {
     TreeKind tree;
 };
 
+void PrintTo(const OcclusionCase& c, std::ostream* os)
+{
+    *os << (c.heightField ? "height field" : "soup") << "/" << int(c.tree);
+}
+
 class OcclusionTest : public testing::TestWithParam<OcclusionCase> {
 protected:
     void SetUp() override

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "ray/secondary_rays.h"
@@ -168,7 +169,12 @@ TEST_P(ShadowRays, HandWorkedCasesInGroupAndTail)
 
 INSTANTIATE_TEST_SUITE_P(Paths, ShadowRays,
                          testing::Values(ray::castShadowRaysScalar, ray::castShadowRaysAvx,
-                                         castShadowExported));
+                                         castShadowExported),
+                         [](const testing::TestParamInfo<ShadowFn>& info) {
+                             return std::string(info.index == 0   ? "Scalar"
+                                                : info.index == 1 ? "Avx"
+                                                                  : "Exported");
+                         });
 
 // R = D - (dot + dot) * N with the dot order of either path; zeros under a negative word.
 float expectedReflection(const RayInputs& in, int i, int k, bool byFours)
@@ -184,6 +190,13 @@ struct ReflectPath {
     void (*fn)(const ray::ReflectionRayRun&);  // null: the exported function
     bool byFours, alignedOnly;
 };
+
+std::string reflectPathName(const testing::TestParamInfo<ReflectPath>& info)
+{
+    static const char* kNames[] = {"QuadsScalar", "QuadsAvx", "QuadsAlignedAvx", "OneByOne",
+                                   "Exported"};
+    return kNames[info.index];
+}
 
 class ReflectionRays : public testing::TestWithParam<ReflectPath> {};
 
@@ -227,7 +240,8 @@ INSTANTIATE_TEST_SUITE_P(Paths, ReflectionRays,
                                          ReflectPath{ray::reflectQuadsAvx, true, false},
                                          ReflectPath{ray::reflectQuadsAlignedAvx, true, true},
                                          ReflectPath{ray::reflectOneByOne, false, false},
-                                         ReflectPath{nullptr, false, false}));
+                                         ReflectPath{nullptr, false, false}),
+                         reflectPathName);
 
 // Each pointer null in turn, in check order, with 4 rays and with none (pointers come first):
 // StatusNullPointer, outputs as they were. Counts below 1 over empty guarded planes and a null
