@@ -19,22 +19,6 @@ using namespace vekr::test;
 
 namespace {
 
-// The library's own one-leaf tree over a mesh, freed with the object.
-struct SimpleTree {
-    void* block = nullptr;
-    explicit SimpleTree(const Mesh& mesh)
-    {
-        int size = 0;
-        const KDTreeBuildParams params{KDTreeBuildSimple, 0, 0.0f, 0, nullptr};
-        EXPECT_EQ(vekrKDTreeBuildAlloc(&block, mesh.vertices.data(), mesh.triangles.data(),
-                                       mesh.vertexCount(), mesh.triangleCount(), &size, &params),
-                  StatusOk);
-    }
-    ~SimpleTree() { vekrKDTreeFree(block); }
-};
-
-enum class SceneKind { Soup, HeightFieldInBox };
-enum class TreeKind { Simple, MedianCompact, MedianLists, MedianDeep };
 enum class Eye { Outside, Inside };
 
 struct TraverseCase {
@@ -50,46 +34,21 @@ void PrintTo(const TraverseCase& c, std::ostream* os)
 
 std::string caseName(const testing::TestParamInfo<TraverseCase>& info)
 {
-    static const char* kScenes[] = {"Soup", "HeightFieldInBox"};
-    static const char* kTrees[] = {"Simple", "MedianCompact", "MedianLists", "MedianDeep"};
-    static const char* kEyes[] = {"Outside", "Inside"};
-    return std::string(kScenes[int(info.param.scene)]) + kTrees[int(info.param.tree)] +
-           kEyes[int(info.param.eye)];
-}
-
-Mesh makeScene(SceneKind kind)
-{
-    if (kind == SceneKind::Soup) return makeTriangleSoup(400, 7);
-    return concatenate(makeHeightField(14, 3), makeBoxMesh(-1.5f, 1.5f));
+    return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree) +
+           (info.param.eye == Eye::Outside ? "Outside" : "Inside");
 }
 
 class TraverseTest : public testing::TestWithParam<TraverseCase> {
 protected:
     void SetUp() override
     {
-        scene_ = std::make_unique<PreparedScene>(makeScene(GetParam().scene));
-        switch (GetParam().tree) {
-            case TreeKind::Simple:
-                simple_ = std::make_unique<SimpleTree>(scene_->mesh);
-                root_ = simple_->block;
-                break;
-            case TreeKind::MedianCompact:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 14, 3);
-                break;
-            case TreeKind::MedianLists:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 10, 6, true);
-                break;
-            case TreeKind::MedianDeep:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 48, 1);
-                break;
-        }
-        if (median_) root_ = median_->root();
+        scene_ = std::make_unique<PreparedScene>(makeTestScene(GetParam().scene));
+        tree_ = std::make_unique<TestTree>(scene_->mesh, GetParam().tree);
     }
 
     ray::SceneView view() const
     {
-        return {&scene_->box.minX, scene_->records.data(),
-                static_cast<const accel::KdNode*>(root_)};
+        return {&scene_->box.minX, scene_->records.data(), tree_->rootNode()};
     }
     static ray::EyeRayBlock blockOf(EyeRays& rays)
     {
@@ -108,9 +67,7 @@ protected:
     }
 
     std::unique_ptr<PreparedScene> scene_;
-    std::unique_ptr<SimpleTree> simple_;
-    std::unique_ptr<MedianKdTree> median_;
-    const void* root_ = nullptr;
+    std::unique_ptr<TestTree> tree_;
 };
 
 TEST_P(TraverseTest, PerRayPathMatchesBruteForceReference)

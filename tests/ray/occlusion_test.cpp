@@ -76,54 +76,26 @@ Segments shadowSegments(const Mesh& mesh, const float light[3], int width, int h
     return s;
 }
 
-enum class TreeKind { MedianCompact, MedianLists, MedianDeep, LibraryFullDepth };
-
 struct OcclusionCase {
-    bool heightField;  // a bumpy height field in a closed box, else a triangle soup
+    SceneKind scene;
     TreeKind tree;
 };
 
 void PrintTo(const OcclusionCase& c, std::ostream* os)
 {
-    *os << (c.heightField ? "height field" : "soup") << "/" << int(c.tree);
+    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
 }
 
 class OcclusionTest : public testing::TestWithParam<OcclusionCase> {
 protected:
     void SetUp() override
     {
-        const Mesh mesh = GetParam().heightField
-                              ? concatenate(makeHeightField(14, 3), makeBoxMesh(-1.5f, 1.5f))
-                              : makeTriangleSoup(400, 7);
-        scene_ = std::make_unique<PreparedScene>(mesh);
-        switch (GetParam().tree) {
-            case TreeKind::MedianCompact:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 14, 3);
-                break;
-            case TreeKind::MedianLists:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 10, 6, true);
-                break;
-            case TreeKind::MedianDeep:
-                median_ = std::make_unique<MedianKdTree>(scene_->mesh, 48, 1);
-                break;
-            case TreeKind::LibraryFullDepth: {
-                const KDTreeBuildParams params{KDTreeBuildSahFullDepth, 50, 1.0f, 256, nullptr};
-                int size = 0;
-                ASSERT_EQ(vekrKDTreeBuildAlloc(&built_, mesh.vertices.data(), mesh.triangles.data(),
-                                               mesh.vertexCount(), mesh.triangleCount(), &size,
-                                               &params),
-                          StatusOk);
-                break;
-            }
-        }
-        root_ = median_ ? median_->root() : built_;
+        scene_ = std::make_unique<PreparedScene>(makeTestScene(GetParam().scene));
+        tree_ = std::make_unique<TestTree>(scene_->mesh, GetParam().tree);
+        ASSERT_NE(tree_->root(), nullptr);
     }
-    void TearDown() override { vekrKDTreeFree(built_); }
 
-    ray::SceneView view() const
-    {
-        return {nullptr, scene_->records.data(), static_cast<const accel::KdNode*>(root_)};
-    }
+    ray::SceneView view() const { return {nullptr, scene_->records.data(), tree_->rootNode()}; }
 
     // The verdict of every unambiguous segment against the reference; the reported occluder
     // must be one the reference finds clearly on the segment.
@@ -159,16 +131,12 @@ protected:
     }
 
     std::unique_ptr<PreparedScene> scene_;
-    std::unique_ptr<MedianKdTree> median_;
-    void* built_ = nullptr;
-    const void* root_ = nullptr;
+    std::unique_ptr<TestTree> tree_;
 };
 
 std::string caseName(const testing::TestParamInfo<OcclusionCase>& info)
 {
-    static const char* kTrees[] = {"MedianCompact", "MedianLists", "MedianDeep", "FullDepth"};
-    return std::string(info.param.heightField ? "HeightField" : "Soup") +
-           kTrees[int(info.param.tree)];
+    return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree);
 }
 
 TEST_P(OcclusionTest, BothPathsMatchBruteForceReference)
@@ -187,10 +155,10 @@ TEST_P(OcclusionTest, BothPathsMatchBruteForceReference)
 
 INSTANTIATE_TEST_SUITE_P(
     Scenes, OcclusionTest,
-    testing::Values(OcclusionCase{false, TreeKind::MedianCompact},
-                    OcclusionCase{false, TreeKind::MedianDeep},
-                    OcclusionCase{true, TreeKind::MedianLists},
-                    OcclusionCase{true, TreeKind::LibraryFullDepth}),
+    testing::Values(OcclusionCase{SceneKind::Soup, TreeKind::MedianCompact},
+                    OcclusionCase{SceneKind::Soup, TreeKind::MedianDeep},
+                    OcclusionCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
+                    OcclusionCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
     caseName);
 
 // --- Rules on hand-made trees: every case through a 4 x 4 block (tiles) and a 4 x 3 block

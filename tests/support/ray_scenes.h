@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <random>
 #include <vector>
@@ -463,5 +464,61 @@ inline HandTree splitTree(int axis, float split, int lower, int upper)
     tree.leaf(3, upper);
     return tree;
 }
+
+// The scenes and trees the traversal tests sweep: a triangle soup, or a bumpy height field in
+// a closed box (every edge shared); the library's one-leaf and full-depth trees, and median
+// trees with compact leaves, with list leaves only, and 48 levels deep.
+enum class SceneKind { Soup, HeightFieldInBox };
+enum class TreeKind { Simple, FullDepth, MedianCompact, MedianLists, MedianDeep };
+inline const char* sceneKindName(SceneKind kind)
+{
+    return kind == SceneKind::Soup ? "Soup" : "HeightFieldInBox";
+}
+inline const char* treeKindName(TreeKind kind)
+{
+    static const char* kNames[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
+                                   "MedianDeep"};
+    return kNames[int(kind)];
+}
+
+inline Mesh makeTestScene(SceneKind kind)
+{
+    if (kind == SceneKind::Soup) return makeTriangleSoup(400, 7);
+    return concatenate(makeHeightField(14, 3), makeBoxMesh(-1.5f, 1.5f));
+}
+
+// A tree of the given kind over a mesh, freed with the object; a failed build leaves a null
+// root.
+class TestTree {
+public:
+    TestTree(const Mesh& mesh, TreeKind kind)
+    {
+        if (kind == TreeKind::Simple || kind == TreeKind::FullDepth) {
+            const KDTreeBuildParams params =
+                kind == TreeKind::Simple
+                    ? KDTreeBuildParams{KDTreeBuildSimple, 0, 0.0f, 0, nullptr}
+                    : KDTreeBuildParams{KDTreeBuildSahFullDepth, 50, 1.0f, 256, nullptr};
+            int size = 0;
+            if (vekrKDTreeBuildAlloc(&built_, mesh.vertices.data(), mesh.triangles.data(),
+                                     mesh.vertexCount(), mesh.triangleCount(), &size,
+                                     &params) != StatusOk)
+                built_ = nullptr;
+            return;
+        }
+        const bool lists = kind == TreeKind::MedianLists;
+        const int depth = kind == TreeKind::MedianDeep ? 48 : lists ? 10 : 14;
+        const int leafSize = kind == TreeKind::MedianDeep ? 1 : lists ? 6 : 3;
+        median_ = std::make_unique<MedianKdTree>(mesh, depth, leafSize, lists);
+    }
+    ~TestTree() { vekrKDTreeFree(built_); }
+    TestTree(const TestTree&) = delete;
+    TestTree& operator=(const TestTree&) = delete;
+    const void* root() const { return median_ ? median_->root() : built_; }
+    const accel::KdNode* rootNode() const { return static_cast<const accel::KdNode*>(root()); }
+
+private:
+    std::unique_ptr<MedianKdTree> median_;
+    void* built_ = nullptr;
+};
 
 }  // namespace vekr::test
