@@ -187,6 +187,23 @@ Status vekrHitPoint3DEpsM0_32f_M(const float* const origin[3], const float* cons
                                  const float* dist, const int32_t* mask,
                                  float* const hitPoint[3], int count, float eps);
 
+/* Nearest hit of every ray of a width x height block of rays with one origin each (three origin
+ * planes): writes dist, the weights and the triangle index (-1 for a miss) as
+ * vekrIntersectEyeSO_32f does, with a stricter box and triangle test; checks nothing. */
+Status vekrIntersectMO_32f(const float* const origin[3], const float* const direction[3],
+                           float* dist, float* const hitUV[2], int32_t* triIndex,
+                           const IntersectContext* context, int width, int height);
+
+/* Successive hits along every ray of a block sharing one origin, up to `layers` surfaces per
+ * ray: dist, hitUV and triIndex hold `layers` blocks of width x height elements one after
+ * another (layer 0 of dist: the maximum distance in). Layer k gets the distance from the origin
+ * to the ray's k-th hit, its weights and triangle; layers past a ray's last hit get -1 in
+ * triIndex. Note the context comes last. Checks nothing. */
+Status vekrIntersectMultipleSO_32f(const float origin[3], const float* const direction[3],
+                                   float* dist, float* const hitUV[2], int32_t* triIndex,
+                                   int width, int height, int layers,
+                                   const IntersectContext* context);
+
 /* Occlusion of the segments origin + t * direction, 0 < t < 1, of a width x height block of
  * rays sharing one origin (typically a light). Rays whose mask word is negative are not tested.
  * Writes the first occluding triangle found (or -1) to triIndex and -1 to the mask word of

@@ -108,3 +108,16 @@ Status entry::vekrCastReflectionRay_32f(const float* const incident[3], const in
     ray::castReflectionRays({incident, mask, normal, reflected, count});
     return StatusOk;
 }
+
+Status entry::vekrIntersectMO_32f(const float* const[3], const float* const[3], float*,
+                                  float* const[2], int32_t*, const IntersectContext*, int, int)
+{
+    return StatusOk;  // kernel to come
+}
+
+Status entry::vekrIntersectMultipleSO_32f(const float*, const float* const[3], float*,
+                                          float* const[2], int32_t*, int, int, int,
+                                          const IntersectContext*)
+{
+    return StatusOk;  // kernel to come
+}
