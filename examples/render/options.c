@@ -8,7 +8,7 @@
 
 #include "vekcore.h"
 
-enum { kMaxImageSide = 16384, kMaxBlockSide = 256 };
+enum { kMaxImageSide = 16384, kMaxBlockSide = 256, kMaxBounces = 16, kMaxLayers = 32 };
 
 static void printUsage(FILE* out, const char* program)
 {
@@ -34,8 +34,16 @@ static void printUsage(FILE* out, const char* program)
             "                       distance to the middle of the scene, so the middle is lit\n"
             "                       fully); with no --light, one light above the front left\n"
             "      --no-shadows     light every point that faces a light, without shadow rays\n"
+            "      --mirror LIST    materials that reflect, comma-separated: ground, sphere,\n"
+            "                       torus, box, cylinder, cone, bumpy, mesh (a loaded file),\n"
+            "                       all, or none (default sphere); a mirror's colour is %g of\n"
+            "                       its reflection and %g of its own lit colour\n"
+            "      --bounces N      reflections along one eye ray, 0 to %d (default 2; 0: none)\n"
+            "      --layers N       x-ray view instead: up to N surfaces along each eye ray,\n"
+            "                       1 to %d, composited as tinted glass (default: off)\n"
             "      --help           show this text\n",
-            program, (int)kMaxLights);
+            program, (int)kMaxLights, kMirrorReflectivity, 1.0f - kMirrorReflectivity,
+            (int)kMaxBounces, (int)kMaxLayers);
 }
 
 static int parseIntText(const char* text, int lowest, int highest, int* out)
@@ -110,6 +118,8 @@ int parseOptions(int argc, char** argv, Options* o)
     o->tree = TreeSahFull;
     o->threadCount = vekGetNumThreads();
     o->lighting.shadows = 1;
+    o->mirrors.materials = 1u << SceneMaterialSphere;
+    o->mirrors.bounces = 2;
     for (int i = 1; i < argc; ++i) {
         const char* v = NULL;
         int got, bad = 0;
@@ -161,6 +171,29 @@ int parseOptions(int argc, char** argv, Options* o)
                 return -1;
             }
             ++lighting->lightCount;
+        } else if ((got = takeValue(argc, argv, &i, NULL, "--mirror", &v)) != 0) {
+            const char* unknown = NULL;
+            bad = got < 0;
+            if (!bad && parseMaterialList(v, &o->mirrors.materials, &unknown) != 0) {
+                fprintf(stderr,
+                        "%s: bad value for '--mirror': no material '%.*s'; want none, all or "
+                        "names from ground, sphere, torus, box, cylinder, cone, bumpy, mesh, "
+                        "separated by commas\n",
+                        argv[0], (int)strcspn(unknown, ","), unknown);
+                return -1;
+            }
+        } else if ((got = takeValue(argc, argv, &i, NULL, "--bounces", &v)) != 0) {
+            if (got < 0 || parseIntText(v, 0, kMaxBounces, &o->mirrors.bounces) != 0) {
+                fprintf(stderr, "%s: bad or missing value for '--bounces': want 0 to %d\n",
+                        argv[0], (int)kMaxBounces);
+                return -1;
+            }
+        } else if ((got = takeValue(argc, argv, &i, NULL, "--layers", &v)) != 0) {
+            if (got < 0 || parseIntText(v, 1, kMaxLayers, &o->layers) != 0) {
+                fprintf(stderr, "%s: bad or missing value for '--layers': want 1 to %d\n",
+                        argv[0], (int)kMaxLayers);
+                return -1;
+            }
         } else if (strcmp(argv[i], "--no-shadows") == 0) {
             o->lighting.shadows = 0;
         } else {

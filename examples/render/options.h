@@ -3,6 +3,7 @@
 #define VEKR_RENDER_OPTIONS_H
 
 #include "lights.h"
+#include "materials.h"
 #include "prepared_scene.h"
 
 typedef struct Options {
@@ -18,6 +19,8 @@ typedef struct Options {
     int blockSide;
     int threadCount;
     Lighting lighting; /* the --light options in order (intensity 0 when not given), shadows */
+    Mirrors mirrors;   /* the mirror materials and the bounces of reflection rays */
+    int layers;        /* x-ray view: surfaces per eye ray, at most; 0: the lit view */
 } Options;
 
 /* Fills *o from the command line, defaults first. Returns 0 to render, 1 after --help, -1

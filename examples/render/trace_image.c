@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "block_pipeline.h"
+#include "xray_view.h"
 
 /* Redraws the bar on stderr when it has grown; called by any thread as blocks finish. */
 static void showProgress(int done, int total, int* drawn)
@@ -30,20 +31,20 @@ static void showProgress(int done, int total, int* drawn)
 }
 
 int traceImage(const PreparedScene* scene, const Camera* camera, const Options* o,
-               unsigned char* image, double* seconds, long long* hitCount,
-               long long* shadowRayCount)
+               unsigned char* image, double* seconds, ImageCounts* total)
 {
     const int blocksX = (o->width + o->blockSide - 1) / o->blockSide;
     const int blocksY = (o->height + o->blockSide - 1) / o->blockSide;
     const int blockCount = blocksX * blocksY;
     int done = 0, drawn = -1, failed = 0;
-    long long hits = 0, shadowRays = 0;
+    long long hits = 0, shadowRays = 0, reflectionRays = 0, reflectionHits = 0, crossings = 0;
+    int mostCrossings = 0;
     const int showBar = isatty(STDERR_FILENO); /* no bar in logs */
     const double start = omp_get_wtime();
 #pragma omp parallel num_threads(o->threadCount)
     {
         BlockPlanes planes;
-        if (allocatePlanes(&planes, o->blockSide) != 0) {
+        if (allocatePlanes(&planes, o->blockSide, o->layers) != 0) {
             fprintf(stderr, "out of memory for the block planes\n");
 #pragma omp atomic write
             failed = 1;
@@ -56,8 +57,14 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
             stop = failed;
             if (stop) continue;
             BlockCounts counts;
-            if (traceBlock(scene, camera, &o->lighting, &planes, o->blockSide, b % blocksX,
-                           b / blocksX, o->width, o->height, image, &counts) != 0) {
+            const int traced =
+                o->layers > 0
+                    ? traceXrayBlock(scene, camera, &planes, o->blockSide, b % blocksX,
+                                     b / blocksX, o->width, o->height, image, &counts)
+                    : traceBlock(scene, camera, &o->lighting, &o->mirrors, &planes,
+                                 o->blockSide, b % blocksX, b / blocksX, o->width, o->height,
+                                 image, &counts);
+            if (traced != 0) {
 #pragma omp atomic write
                 failed = 1;
                 continue;
@@ -66,6 +73,14 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
             hits += counts.hits;
 #pragma omp atomic
             shadowRays += counts.shadowRays;
+#pragma omp atomic
+            reflectionRays += counts.reflectionRays;
+#pragma omp atomic
+            reflectionHits += counts.reflectionHits;
+#pragma omp atomic
+            crossings += counts.crossings;
+#pragma omp critical(mostCrossings)
+            if (counts.mostCrossings > mostCrossings) mostCrossings = counts.mostCrossings;
             int finished;
 #pragma omp atomic capture
             finished = ++done;
@@ -74,8 +89,12 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
         freePlanes(&planes);
     }
     *seconds = omp_get_wtime() - start;
-    *hitCount = hits;
-    *shadowRayCount = shadowRays;
+    total->hits = hits;
+    total->shadowRays = shadowRays;
+    total->reflectionRays = reflectionRays;
+    total->reflectionHits = reflectionHits;
+    total->crossings = crossings;
+    total->mostCrossings = mostCrossings;
     if (failed) fprintf(stderr, "\ntracing stopped\n");
     return failed ? -1 : 0;
 }
