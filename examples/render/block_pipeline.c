@@ -284,9 +284,9 @@ static int shadeGeneration(const PreparedScene* scene, const Camera* camera,
     memcpy(p->blend, p->weight, (size_t)rayCount * sizeof(float));
     if (checkStatus(vekrMul_32f_C1IM(p->ownShare, p->active, p->blend, rayCount),
                     "vekrMul_32f_C1IM") != 0 ||
-        checkStatus(vekrAddMulMul_32f_AC1P3IM(kWhite, p->blend, colour, p->active, p->pixel,
-                                              rayCount),
-                    "vekrAddMulMul_32f_AC1P3IM") != 0)
+        checkStatus(
+            vekrAddMulMul_32f_AC1P3IM(kWhite, p->blend, colour, p->active, p->pixel, rayCount),
+            "vekrAddMulMul_32f_AC1P3IM") != 0)
         return -1;
     return mirrorHits;
 }
@@ -322,8 +322,7 @@ static int castReflections(const PreparedScene* scene, BlockPlanes* p, const Blo
                        "vekrIntersectMO_32f");
 }
 
-void writePixels(const BlockPlanes* p, const BlockRect* rect, int imageWidth,
-                 unsigned char* image)
+void writePixels(const BlockPlanes* p, const BlockRect* rect, int imageWidth, unsigned char* image)
 {
     for (int row = 0; row < rect->height; ++row) {
         unsigned char* out = image + ((size_t)(rect->top + row) * imageWidth + rect->left) * 3;

@@ -24,19 +24,19 @@ typedef struct BlockPlanes {
     float* hitUV[2];
     int32_t* triIndex; /* triangle hit, -1 for a miss */
     /* The surfaces seen by one generation. */
-    int32_t* active; /* 0 for the rays of this generation, -1 for the others */
-    int32_t* mask;   /* 0 for an active ray that hit, -1 elsewhere */
+    int32_t* active;     /* 0 for the rays of this generation, -1 for the others */
+    int32_t* mask;       /* 0 for an active ray that hit, -1 elsewhere */
     int32_t* mirrorMask; /* 0 for a hit on a mirror that reflects a further ray, -1 elsewhere */
     float* normal[3];    /* smooth normals, turned towards the ray */
     float* eyeDot;       /* normal . ray direction: negative, or 0 for a miss */
     float* albedo[3];    /* surface colour, linear RGB */
     float* colour[3];    /* light leaving the surface along the ray, or the sky; linear RGB */
     /* Blending the generations into the pixel. */
-    float* pixel[3];       /* the block's pixels so far, linear RGB */
-    float* weight;         /* share of the pixel that the ray's colour makes up */
-    float* blend;          /* weight times ownShare: what this generation adds */
-    float* ownShare;       /* 1 - reflectivity for a mirror that reflects on, else 1 */
-    float* reflectivity;   /* kMirrorReflectivity in every element, written once */
+    float* pixel[3];     /* the block's pixels so far, linear RGB */
+    float* weight;       /* share of the pixel that the ray's colour makes up */
+    float* blend;        /* weight times ownShare: what this generation adds */
+    float* ownShare;     /* 1 - reflectivity for a mirror that reflects on, else 1 */
+    float* reflectivity; /* kMirrorReflectivity in every element, written once */
     /* The ambient term. */
     float* ambientLevel; /* the constant ambient level in every element, written once */
     float* rayLength;    /* length of each ray direction */
@@ -93,7 +93,6 @@ int castEyeRays(const Camera* camera, BlockPlanes* p, int blockSide, int blockX,
 void skyColour(const Camera* camera, float dx, float dy, float dz, float rgb[3]);
 
 /* Writes p->pixel of the block into image, gamma-encoded. */
-void writePixels(const BlockPlanes* p, const BlockRect* rect, int imageWidth,
-                 unsigned char* image);
+void writePixels(const BlockPlanes* p, const BlockRect* rect, int imageWidth, unsigned char* image);
 
 #endif /* VEKR_RENDER_BLOCK_PIPELINE_H */

@@ -175,23 +175,25 @@ int parseOptions(int argc, char** argv, Options* o)
             const char* unknown = NULL;
             bad = got < 0;
             if (!bad && parseMaterialList(v, &o->mirrors.materials, &unknown) != 0) {
+                const int length = (int)strcspn(unknown, ",");
                 fprintf(stderr,
-                        "%s: bad value for '--mirror': no material '%.*s'; want none, all or "
-                        "names from ground, sphere, torus, box, cylinder, cone, bumpy, mesh, "
-                        "separated by commas\n",
-                        argv[0], (int)strcspn(unknown, ","), unknown);
+                        "%s: bad value for '--mirror': %s%.*s%s; want none, all or names from "
+                        "ground, sphere, torus, box, cylinder, cone, bumpy, mesh, separated by "
+                        "commas\n",
+                        argv[0], length > 0 ? "no material '" : "an empty name", length, unknown,
+                        length > 0 ? "'" : "");
                 return -1;
             }
         } else if ((got = takeValue(argc, argv, &i, NULL, "--bounces", &v)) != 0) {
             if (got < 0 || parseIntText(v, 0, kMaxBounces, &o->mirrors.bounces) != 0) {
-                fprintf(stderr, "%s: bad or missing value for '--bounces': want 0 to %d\n",
-                        argv[0], (int)kMaxBounces);
+                fprintf(stderr, "%s: bad or missing value for '--bounces': want 0 to %d\n", argv[0],
+                        (int)kMaxBounces);
                 return -1;
             }
         } else if ((got = takeValue(argc, argv, &i, NULL, "--layers", &v)) != 0) {
             if (got < 0 || parseIntText(v, 1, kMaxLayers, &o->layers) != 0) {
-                fprintf(stderr, "%s: bad or missing value for '--layers': want 1 to %d\n",
-                        argv[0], (int)kMaxLayers);
+                fprintf(stderr, "%s: bad or missing value for '--layers': want 1 to %d\n", argv[0],
+                        (int)kMaxLayers);
                 return -1;
             }
         } else if (strcmp(argv[i], "--no-shadows") == 0) {

@@ -73,8 +73,8 @@ int main(int argc, char** argv)
         }
         char mirrorNames[80];
         formatMaterialList(o.mirrors.materials, mirrorNames, (int)sizeof mirrorNames);
-        printf("mirrors: %s, reflectivity %g, up to %d bounces\n", mirrorNames,
-               kMirrorReflectivity, o.mirrors.bounces);
+        printf("mirrors: %s, reflectivity %g, up to %d bounces\n", mirrorNames, kMirrorReflectivity,
+               o.mirrors.bounces);
     }
     if (traceImage(&scene, &camera, &o, image, &seconds, &counts) != 0) goto done;
     status = writePng(output, o.output, o.width, o.height, image) != 0;

@@ -59,11 +59,10 @@ int traceImage(const PreparedScene* scene, const Camera* camera, const Options* 
             BlockCounts counts;
             const int traced =
                 o->layers > 0
-                    ? traceXrayBlock(scene, camera, &planes, o->blockSide, b % blocksX,
-                                     b / blocksX, o->width, o->height, image, &counts)
-                    : traceBlock(scene, camera, &o->lighting, &o->mirrors, &planes,
-                                 o->blockSide, b % blocksX, b / blocksX, o->width, o->height,
-                                 image, &counts);
+                    ? traceXrayBlock(scene, camera, &planes, o->blockSide, b % blocksX, b / blocksX,
+                                     o->width, o->height, image, &counts)
+                    : traceBlock(scene, camera, &o->lighting, &o->mirrors, &planes, o->blockSide,
+                                 b % blocksX, b / blocksX, o->width, o->height, image, &counts);
             if (traced != 0) {
 #pragma omp atomic write
                 failed = 1;

@@ -45,9 +45,9 @@ static int gatherLayer(const PreparedScene* scene, const int32_t* triIndex, Bloc
     return hitCount;
 }
 
-int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes* p,
-                   int blockSide, int blockX, int blockY, int imageWidth, int imageHeight,
-                   unsigned char* image, BlockCounts* counts)
+int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes* p, int blockSide,
+                   int blockX, int blockY, int imageWidth, int imageHeight, unsigned char* image,
+                   BlockCounts* counts)
 {
     BlockRect rect;
     memset(counts, 0, sizeof *counts);
@@ -64,10 +64,10 @@ int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes
         for (int k = 0; k < 3; ++k)
             p->pixel[k][i] = 0.0f;
     }
-    if (checkStatus(vekrIntersectMultipleSO_32f(camera->eye, direction, p->layerDist, hitUV,
-                                                p->layerTri, rect.width, rect.height,
-                                                p->layerCount, &scene->context),
-                    "vekrIntersectMultipleSO_32f") != 0)
+    if (checkStatus(
+            vekrIntersectMultipleSO_32f(camera->eye, direction, p->layerDist, hitUV, p->layerTri,
+                                        rect.width, rect.height, p->layerCount, &scene->context),
+            "vekrIntersectMultipleSO_32f") != 0)
         return -1;
     const float zero[3] = {0, 0, 0};
     const float* const albedo[3] = {p->albedo[0], p->albedo[1], p->albedo[2]};
@@ -84,12 +84,12 @@ int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes
         if (checkStatus(vekrSurfSmoothNormal_32f(scene->cornerNormals, scene->normalIndices,
                                                  triIndex, layerUV, p->normal, rayCount, 4),
                         "vekrSurfSmoothNormal_32f") != 0 ||
-            checkStatus(vekrDotChangeNorm_32f_IM(direction, p->mask, p->normal, p->eyeDot,
-                                                 rayCount),
-                        "vekrDotChangeNorm_32f_IM") != 0 ||
-            checkStatus(vekrDistAttenuationSO_32f_M(zero, direction, p->mask, p->rayLength,
-                                                    rayCount),
-                        "vekrDistAttenuationSO_32f_M") != 0)
+            checkStatus(
+                vekrDotChangeNorm_32f_IM(direction, p->mask, p->normal, p->eyeDot, rayCount),
+                "vekrDotChangeNorm_32f_IM") != 0 ||
+            checkStatus(
+                vekrDistAttenuationSO_32f_M(zero, direction, p->mask, p->rayLength, rayCount),
+                "vekrDistAttenuationSO_32f_M") != 0)
             return -1;
         memcpy(p->fill, p->eyeDot, (size_t)rayCount * sizeof(float));
         if (checkStatus(vekrDiv_32f_C1IM(p->rayLength, p->mask, p->fill, rayCount),
@@ -105,9 +105,9 @@ int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes
             p->blend[i] = p->weight[i] * opacity * (kGlowBase + kGlowEdgeOn * edgeOn);
             p->weight[i] *= 1.0f - opacity;
         }
-        if (checkStatus(vekrAddMulMul_32f_AC1P3IM(kWhite, p->blend, albedo, p->mask, p->pixel,
-                                                  rayCount),
-                        "vekrAddMulMul_32f_AC1P3IM") != 0)
+        if (checkStatus(
+                vekrAddMulMul_32f_AC1P3IM(kWhite, p->blend, albedo, p->mask, p->pixel, rayCount),
+                "vekrAddMulMul_32f_AC1P3IM") != 0)
             return -1;
     }
     /* What comes through every surface is the background. */

@@ -10,8 +10,8 @@
 /* Traces block (blockX, blockY) through up to p->layerCount surfaces per eye ray and writes
  * its pixels to image (8-bit RGB, imageWidth x imageHeight). Returns 0 with *counts set (hits,
  * crossings, mostCrossings), or -1 after reporting a failed call. */
-int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes* p,
-                   int blockSide, int blockX, int blockY, int imageWidth, int imageHeight,
-                   unsigned char* image, BlockCounts* counts);
+int traceXrayBlock(const PreparedScene* scene, const Camera* camera, BlockPlanes* p, int blockSide,
+                   int blockX, int blockY, int imageWidth, int imageHeight, unsigned char* image,
+                   BlockCounts* counts);
 
 #endif /* VEKR_RENDER_XRAY_VIEW_H */
