@@ -279,30 +279,7 @@ TEST(LayersRules, RingOfEightEarlierHitsWrapsInLayerNine)
     EXPECT_GT(wraps, 0) << "no ray came back to copy 0 in layer 9";
 }
 
-// --- Path choice and bounds ----------------------------------------------------------------
-
-TEST(IntersectMultiple, PacketPathNeedsSidesOfFourAndSevenAlignedPlanes)
-{
-    LayeredRays rays(EyeRays(8, 8), 2);
-    for (const auto& [w, h, packet] : std::vector<std::tuple<int, int, bool>>{
-             {8, 4, true}, {4, 8, true}, {8, 5, false}, {6, 4, false}}) {
-        ray::LayeredRayBlock block = rays.block();
-        block.width = w;
-        block.height = h;
-        EXPECT_EQ(ray::takesLayersPacketPath(block), packet) << w << " x " << h;
-    }
-    for (int plane = 0; plane < 7; ++plane) {
-        ray::LayeredRayBlock block = rays.block();
-        const float* dir[3] = {block.dir[0], block.dir[1], block.dir[2]};
-        block.dir = dir;
-        if (plane < 3) dir[plane] += 1;
-        else if (plane == 3) block.dist += 1;
-        else if (plane == 4) block.hitU += 1;
-        else if (plane == 5) block.hitV += 1;
-        else block.triIndex += 1;
-        EXPECT_FALSE(ray::takesLayersPacketPath(block)) << "plane " << plane;
-    }
-}
+// --- Bounds ------------------------------------------------------------------------------
 
 // Every plane against a guard page at either end, on both paths, with rays that reach the
 // last layer; empty blocks and no layers touch nothing.
