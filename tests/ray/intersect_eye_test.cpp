@@ -18,24 +18,6 @@ using namespace vekr::test;
 
 namespace {
 
-// A hand-made tree block: nodes first, then list words.
-struct ListLeafTree {
-    std::vector<uint32_t> words;
-    const void* root() const { return words.data(); }
-};
-
-// One leaf listing the given triangles, in that order.
-ListLeafTree listLeafTree(const std::vector<int32_t>& order)
-{
-    ListLeafTree tree;
-    tree.words = {0, 0, 0, 0};
-    const accel::KdNode leaf = accel::encodeListLeaf(16, int32_t(order.size()));
-    tree.words[0] = uint32_t(leaf.word0);
-    tree.words[1] = leaf.word1;
-    tree.words.insert(tree.words.end(), order.begin(), order.end());
-    return tree;
-}
-
 Status intersect(const PreparedScene& scene, const void* root, EyeRays& rays)
 {
     const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};

@@ -324,6 +324,88 @@ inline ReferenceOcclusion referenceOcclusion(const Mesh& mesh, const float origi
     return ref;
 }
 
+// The record crossing test in its documented single-precision order; edges count as inside.
+// Gives t = num / den and the weights of the first two vertices.
+inline bool crossRecordInOrder(const TriangleAccel& r, const float o[3], const float d[3],
+                               float& t, float& u, float& v)
+{
+    const int k = int(r.axes >> 4 & 3), a = int(r.axes >> 2 & 3), b = int(r.axes & 3);
+    const float den = (r.nu * d[a] + r.nv * d[b]) + d[k];
+    const float eu = r.pu - o[a];
+    const float ev = r.pv - o[b];
+    const float num = ((r.pk + r.nu * eu) + r.nv * ev) - o[k];
+    const float qu = num * d[a] - den * eu;
+    const float qv = num * d[b] - den * ev;
+    const float beta = qu * r.e2v - qv * r.e2u;
+    const float gamma = qv * r.e1u - qu * r.e1v;
+    const float alpha = (den - beta) - gamma;
+    t = num / den;
+    u = beta / den;
+    v = gamma / den;
+    return alpha * beta >= 0.0f && beta * gamma >= 0.0f && alpha * gamma >= 0.0f;
+}
+
+// One layer of a ray's successive hits as the outputs must show it.
+struct ReferenceLayer {
+    int triangle = -1;
+    bool distWritten = false;  // a hit, or FLT_MAX for the first layer a continued ray misses
+    float dist = 0.0f, u = 0.0f, v = 0.0f;
+    bool ambiguous = false;  // this layer or an earlier one could go either way in a tree
+};
+
+// Successive hits along one ray by a loop over all records per layer: in layer c (from 1) a
+// record counts when it crosses with 0 < t < the layer's limit (the caller's maximum distance,
+// then FLT_MAX), is not the previous layer's triangle and not among the first (c - 1) mod 8
+// entries of the ring of earlier hits; the nearest counts, the lowest index on ties. The ray
+// then goes on from origin + t * dir with the distances summed. A layer is ambiguous when a
+// second crossing lies within 1e-4 (relative) of the nearest or the nearest is within 1e-4 of
+// an edge: a tree's order or its cells may then decide otherwise; later layers follow it.
+inline std::vector<ReferenceLayer> referenceLayers(const std::vector<TriangleAccel>& records,
+                                                   const float origin[3], const float dir[3],
+                                                   float maxDist, int layers)
+{
+    std::vector<ReferenceLayer> out(size_t(std::max(layers, 0)));
+    float o[3] = {origin[0], origin[1], origin[2]};
+    int ring[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    int previous = -1;
+    bool ambiguous = false;
+    for (int c = 1; c <= layers; ++c) {
+        ReferenceLayer& layer = out[size_t(c - 1)];
+        const float limit = c == 1 ? maxDist : FLT_MAX;
+        float best = limit, second = INFINITY;
+        for (int j = 0; j < int(records.size()); ++j) {
+            float t, u, v;
+            if (records[size_t(j)].axes == 0 || j == previous ||
+                !crossRecordInOrder(records[size_t(j)], o, dir, t, u, v) || !(t > 0.0f && t < limit))
+                continue;
+            if (std::find(ring, ring + (c - 1) % 8, j) != ring + (c - 1) % 8) continue;
+            if (layer.triangle < 0 || t < best) {
+                second = std::min(second, layer.triangle < 0 ? INFINITY : best);
+                best = t;
+                layer.triangle = j;
+                layer.u = u;
+                layer.v = v;
+            } else {
+                second = std::min(second, t);
+            }
+        }
+        layer.ambiguous = ambiguous;
+        if (c > 1) layer.distWritten = true, layer.dist = FLT_MAX;
+        if (layer.triangle < 0) break;
+        const double margin = 1e-4 * std::max(1.0, double(best));
+        ambiguous = ambiguous || double(second) - double(best) <= margin ||
+                    std::min({layer.u, layer.v, 1.0f - layer.u - layer.v}) < 1e-4f;
+        layer.ambiguous = ambiguous;
+        layer.distWritten = true;
+        layer.dist = c == 1 ? best : best + out[size_t(c - 2)].dist;
+        for (int k = 0; k < 3; ++k)
+            o[k] = o[k] + best * dir[k];
+        ring[(c - 1) % 8] = layer.triangle;
+        previous = layer.triangle;
+    }
+    return out;
+}
+
 }  // namespace vekr::test
 
 namespace vekr::test {
@@ -375,52 +457,117 @@ struct EyeRays {
     std::array<float, 3> direction(int i) const { return {dir[0][i], dir[1][i], dir[2][i]}; }
 };
 
-// Rays of every kind the traversal must get right, cycling by ray number: towards points
-// inside triangles, shared vertices and edge midpoints; random directions; directions with
-// components of 0 or 1e-8 (parallel to box faces); and some finite maximum distances.
+// A direction of every kind the traversal must get right, chosen by ray number i: towards a
+// point inside a triangle, a shared vertex or an edge midpoint; a random direction; with
+// components of 0 or 1e-8 (parallel to box faces). Some rays get a finite maximum distance.
+inline void mixedDirection(const Mesh& mesh, const float origin[3], int i, std::mt19937& rng,
+                           float dir[3], float& maxDist)
+{
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    std::uniform_real_distribution<float> weight(0.0f, 1.0f);
+    std::uniform_int_distribution<int> pickTriangle(0, mesh.triangleCount() - 1);
+    const int t = pickTriangle(rng);
+    const auto p0 = mesh.vertex(mesh.triangles[4 * t]);
+    const auto p1 = mesh.vertex(mesh.triangles[4 * t + 1]);
+    const auto p2 = mesh.vertex(mesh.triangles[4 * t + 2]);
+    double target[3];
+    switch (i % 6) {
+        case 0: {  // a point inside the triangle
+            double a = weight(rng), b = weight(rng);
+            if (a + b > 1.0) a = 1.0 - a, b = 1.0 - b;
+            for (int k = 0; k < 3; ++k)
+                target[k] = p0[k] + a * (p1[k] - p0[k]) + b * (p2[k] - p0[k]);
+            break;
+        }
+        case 1:  // a vertex, shared in closed meshes and height fields
+            for (int k = 0; k < 3; ++k)
+                target[k] = p1[k];
+            break;
+        case 2:  // an edge midpoint
+            for (int k = 0; k < 3; ++k)
+                target[k] = 0.5 * (p0[k] + p2[k]);
+            break;
+        default:  // a random direction
+            for (int k = 0; k < 3; ++k)
+                target[k] = origin[k] + unit(rng);
+            break;
+    }
+    for (int k = 0; k < 3; ++k)
+        dir[k] = float(target[k] - origin[k]);
+    if (i % 5 == 4) {  // parallel to one or two box faces
+        dir[i % 3] = (i & 8) ? 1e-8f : 0.0f;
+        if (i % 10 == 9) dir[(i + 1) % 3] = -0.0f;
+    }
+    if (i % 7 == 3) maxDist = 0.2f + 2.0f * weight(rng);
+}
+
+// Rays of every kind from one origin (mixedDirection), cycling by ray number.
 inline EyeRays makeMixedRays(const Mesh& mesh, const float origin[3], int width, int height,
                              uint32_t seed)
 {
     EyeRays rays(width, height);
     std::copy(origin, origin + 3, rays.origin);
     std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    for (int i = 0; i < rays.count(); ++i) {
+        float dir[3];
+        mixedDirection(mesh, origin, i, rng, dir, rays.maxDist[size_t(i)]);
+        for (int k = 0; k < 3; ++k)
+            rays.dir[k][size_t(i)] = dir[k];
+    }
+    rays.reset();
+    return rays;
+}
+
+// A block of rays with one origin each: three origin planes besides the EyeRays planes (whose
+// shared origin is not used).
+struct OwnOriginRays : EyeRays {
+    AlignedVector<float> org[3];
+    OwnOriginRays(int w, int h) : EyeRays(w, h)
+    {
+        for (auto& plane : org)
+            plane.assign(size_t(w * h), 0.0f);
+    }
+    std::array<float, 3> originOf(int i) const { return {org[0][i], org[1][i], org[2][i]}; }
+};
+
+// Rays of every kind (mixedDirection) from origins cycling by ray number through: outside the
+// box, anywhere inside it, and within 0.01 of a triangle (where offset reflection rays start).
+inline OwnOriginRays makeOwnOriginRays(const Mesh& mesh, int width, int height, uint32_t seed)
+{
+    OwnOriginRays rays(width, height);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> inside(-1.2f, 1.2f), outside(2.0f, 4.0f);
     std::uniform_real_distribution<float> weight(0.0f, 1.0f);
     std::uniform_int_distribution<int> pickTriangle(0, mesh.triangleCount() - 1);
     for (int i = 0; i < rays.count(); ++i) {
-        const int t = pickTriangle(rng);
-        const auto p0 = mesh.vertex(mesh.triangles[4 * t]);
-        const auto p1 = mesh.vertex(mesh.triangles[4 * t + 1]);
-        const auto p2 = mesh.vertex(mesh.triangles[4 * t + 2]);
-        double target[3];
-        switch (i % 6) {
-            case 0: {  // a point inside the triangle
+        float o[3];
+        switch (i % 3) {
+            case 0:  // outside, on a random side of each axis
+                for (float& c : o)
+                    c = outside(rng) * (weight(rng) < 0.5f ? -1.0f : 1.0f);
+                break;
+            case 1:
+                for (float& c : o)
+                    c = inside(rng);
+                break;
+            default: {  // on a triangle
+                const int t = pickTriangle(rng);
                 double a = weight(rng), b = weight(rng);
                 if (a + b > 1.0) a = 1.0 - a, b = 1.0 - b;
-                for (int k = 0; k < 3; ++k)
-                    target[k] = p0[k] + a * (p1[k] - p0[k]) + b * (p2[k] - p0[k]);
-                break;
+                for (int k = 0; k < 3; ++k) {
+                    const double p0 = mesh.vertex(mesh.triangles[4 * t])[k];
+                    o[k] = float(p0 + a * (mesh.vertex(mesh.triangles[4 * t + 1])[k] - p0) +
+                                 b * (mesh.vertex(mesh.triangles[4 * t + 2])[k] - p0) +
+                                 0.01 * (weight(rng) - 0.5));
+                }
             }
-            case 1:  // a vertex, shared in closed meshes and height fields
-                for (int k = 0; k < 3; ++k)
-                    target[k] = p1[k];
-                break;
-            case 2:  // an edge midpoint
-                for (int k = 0; k < 3; ++k)
-                    target[k] = 0.5 * (p0[k] + p2[k]);
-                break;
-            default:  // a random direction
-                for (int k = 0; k < 3; ++k)
-                    target[k] = origin[k] + unit(rng);
-                break;
         }
-        for (int k = 0; k < 3; ++k)
-            rays.dir[k][i] = float(target[k] - origin[k]);
-        if (i % 5 == 4) {  // parallel to one or two box faces
-            rays.dir[i % 3][i] = (i & 8) ? 1e-8f : 0.0f;
-            if (i % 10 == 9) rays.dir[(i + 1) % 3][i] = -0.0f;
+        float dir[3];
+        mixedDirection(mesh, o, i, rng, dir, rays.maxDist[size_t(i)]);
+        for (int k = 0; k < 3; ++k) {
+            rays.org[k][size_t(i)] = o[k];
+            rays.dir[k][size_t(i)] = dir[k];
         }
-        if (i % 7 == 3) rays.maxDist[i] = 0.2f + 2.0f * weight(rng);
     }
     rays.reset();
     return rays;
@@ -442,6 +589,22 @@ struct HandTree {
         nodes[size_t(slot)] = node;
     }
 };
+
+// A hand-made tree of one list leaf, which lists the given triangles in that order.
+struct ListLeafTree {
+    std::vector<uint32_t> words;
+    const void* root() const { return words.data(); }
+};
+inline ListLeafTree listLeafTree(const std::vector<int32_t>& order)
+{
+    ListLeafTree tree;
+    tree.words = {0, 0, 0, 0};
+    const accel::KdNode leaf = accel::encodeListLeaf(16, int32_t(order.size()));
+    tree.words[0] = uint32_t(leaf.word0);
+    tree.words[1] = leaf.word1;
+    tree.words.insert(tree.words.end(), order.begin(), order.end());
+    return tree;
+}
 
 // Triangles in planes x = c, each covering y, z in [-1, 1] and more, one per entry of xs.
 inline Mesh wallsAt(const std::vector<float>& xs)

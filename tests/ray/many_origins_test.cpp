@@ -1,0 +1,315 @@
+// Nearest hits of rays with one origin each: the per-ray path against a double-precision brute
+// force, tiles against single rays, the strict box and triangle rules on hand-made trees, path
+// choice and bounds.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ray/kd_many_origins.h"
+#include "support/float_bits.h"
+#include "support/guard_buffer.h"
+#include "support/ray_scenes.h"
+#include "vekr.h"
+
+using namespace vekr;
+using namespace vekr::test;
+
+namespace {
+
+// The internal view of a block; keeps the plane pointer arrays it points to.
+struct ViewOf {
+    const float* org[3];
+    const float* dir[3];
+    ray::ManyOriginRayBlock block;
+    explicit ViewOf(OwnOriginRays& r)
+        : org{r.org[0].data(), r.org[1].data(), r.org[2].data()},
+          dir{r.dir[0].data(), r.dir[1].data(), r.dir[2].data()},
+          block{org, dir, r.dist.data(), r.u.data(), r.v.data(), r.triIndex.data(), r.width,
+                r.height}
+    {
+    }
+};
+
+struct ManyOriginsCase {
+    SceneKind scene;
+    TreeKind tree;
+};
+
+void PrintTo(const ManyOriginsCase& c, std::ostream* os)
+{
+    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
+}
+
+class ManyOriginsTest : public testing::TestWithParam<ManyOriginsCase> {};
+
+TEST_P(ManyOriginsTest, PerRayPathMatchesBruteForceAndTilesMatchSingleRays)
+{
+    const PreparedScene scene(makeTestScene(GetParam().scene));
+    const TestTree tree(scene.mesh, GetParam().tree);
+    ASSERT_NE(tree.root(), nullptr);
+    const ray::SceneView view{&scene.box.minX, scene.records.data(), tree.rootNode()};
+    OwnOriginRays single = makeOwnOriginRays(scene.mesh, 32, 16, 11);
+    OwnOriginRays packet = single;
+    ray::intersectManyOriginsSingle(view, ViewOf(single).block);
+    ASSERT_TRUE(ray::takesManyOriginsPacketPath(ViewOf(packet).block));
+    ray::intersectManyOriginsPacket4x4(view, ViewOf(packet).block);
+    int compared = 0, hits = 0;
+    for (int i = 0; i < single.count(); ++i) {
+        const auto o = single.originOf(i), d = single.direction(i);
+        // A hit within 1e-5 of the limit or of a second hit is flagged here: the 1e-5 rule
+        // decides those by order.
+        const ReferenceHit ref = referenceNearestHit(scene.mesh, o.data(), d.data(),
+                                                     single.maxDist[i]);
+        if (!ref.ambiguous) {
+            ++compared;
+            hits += ref.triangle >= 0;
+            ASSERT_EQ(single.triIndex[i], ref.triangle) << "ray " << i;
+            ASSERT_EQ(packet.triIndex[i], ref.triangle) << "tile ray " << i;
+            if (ref.triangle >= 0) {
+                // Relative to the coordinates for short hits from origins near a surface.
+                EXPECT_NEAR(single.dist[i], ref.dist, 2e-5 * std::max(1.0, ref.dist))
+                    << "ray " << i;
+                EXPECT_NEAR(single.u[i], ref.u, 1e-4) << "ray " << i;
+                EXPECT_NEAR(single.v[i], ref.v, 1e-4) << "ray " << i;
+            }
+        }
+        if (packet.triIndex[i] != single.triIndex[i]) continue;
+        // The same triangle through the same lane arithmetic gives the same bits; a miss
+        // leaves the distance and the weights as they were.
+        EXPECT_EQ(floatBits(packet.dist[i]), floatBits(single.dist[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.u[i]), floatBits(single.u[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.v[i]), floatBits(single.v[i])) << "ray " << i;
+        if (single.triIndex[i] < 0) {
+            EXPECT_EQ(floatBits(single.dist[i]), floatBits(single.maxDist[i])) << "ray " << i;
+            EXPECT_EQ(single.u[i], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+    EXPECT_GT(compared, single.count() * 2 / 3);
+    EXPECT_GT(hits, compared / 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenes, ManyOriginsTest,
+    testing::Values(ManyOriginsCase{SceneKind::Soup, TreeKind::MedianCompact},
+                    ManyOriginsCase{SceneKind::Soup, TreeKind::MedianDeep},
+                    ManyOriginsCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
+                    ManyOriginsCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
+    [](const testing::TestParamInfo<ManyOriginsCase>& info) {
+        return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree);
+    });
+
+// --- Rules on hand-made trees: every case through a 4 x 4 block (tiles) and a 4 x 3 block
+// (one ray at a time), all rays from one origin along (dx, dy, spread * ray number). ---------
+
+struct Shot {
+    int triangle;  // hit by every ray of the block, -2 when they disagree
+    float dist;    // of the first ray
+};
+
+std::vector<Shot> shoot(const Mesh& mesh, const void* root, const float box[6],
+                        const float origin[3], float dx, float dy, float maxDist = FLT_MAX,
+                        float spread = 0.001f)
+{
+    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
+    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
+                          mesh.triangleCount());
+    const IntersectContext context{box, records.data(), root};
+    std::vector<Shot> shots;
+    for (int height : {4, 3}) {
+        OwnOriginRays rays(4, height);
+        for (int i = 0; i < rays.count(); ++i) {
+            for (int k = 0; k < 3; ++k)
+                rays.org[k][i] = origin[k];
+            rays.dir[0][i] = dx;
+            rays.dir[1][i] = dy;
+            rays.dir[2][i] = spread * float(i);
+            rays.maxDist[i] = maxDist;
+        }
+        rays.reset();
+        ViewOf view(rays);
+        EXPECT_EQ(ray::takesManyOriginsPacketPath(view.block), height == 4);
+        float* uv[2] = {rays.u.data(), rays.v.data()};
+        EXPECT_EQ(vekrIntersectMO_32f(view.org, view.dir, rays.dist.data(), uv,
+                                      rays.triIndex.data(), &context, 4, height),
+                  StatusOk);
+        Shot shot{rays.triIndex[0], rays.dist[0]};
+        for (int i = 0; i < rays.count(); ++i) {
+            if (rays.triIndex[i] != shot.triangle) shot.triangle = -2;
+            if (rays.triIndex[i] < 0) {
+                EXPECT_EQ(floatBits(rays.dist[i]), floatBits(maxDist)) << "ray " << i;
+                EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
+            }
+        }
+        shots.push_back(shot);
+    }
+    return shots;
+}
+
+const float kWideBox[6] = {-2, -2, -2, 2, 2, 2};
+
+TEST(ManyOriginsRules, TinyComponentMissesUnlessStrictlyInsideItsSlab)
+{
+    // The box ends at y = 0.5; the wall x = 0.5 reaches y = 3. A y component of magnitude up
+    // to the float epsilon hits the wall only from strictly inside the slab; on either face
+    // it misses. Just above the epsilon, the ray from the face enters the box.
+    const Mesh mesh = wallsAt({0.5f});
+    const ListLeafTree tree = listLeafTree({0});
+    const float box[6] = {-2, -2, -2, 2, 0.5f, 2};
+    const float tiny[] = {0.0f, -0.0f, 1e-8f, -1e-8f, 1.1920929e-7f, -1.1920929e-7f};
+    for (const auto& [y, inside] : std::vector<std::pair<float, bool>>{
+             {0.25f, true}, {0.75f, false}, {0.5f, false}, {-2.0f, false}}) {
+        const float origin[3] = {-1, y, 0};
+        for (float dy : tiny)
+            for (const Shot& shot : shoot(mesh, tree.root(), box, origin, 1.0f, dy))
+                EXPECT_EQ(shot.triangle, inside ? 0 : -1) << "y " << y << " dy " << dy;
+    }
+    const float onFace[3] = {-1, 0.5f, 0};
+    for (const Shot& shot : shoot(mesh, tree.root(), box, onFace, 1.0f, -1.5e-7f))
+        EXPECT_EQ(shot.triangle, 0);
+}
+
+TEST(ManyOriginsRules, SlabDistancesMultiplyByTheReciprocal)
+{
+    // The root splits x at the box's far face; only the upper leaf lists the wall. From
+    // x = -5000, t ~ 5000 (one ulp 4.9e-4, the 1e-4 widening rounds away): the far end
+    // (1 - O) * (1 / dx) equals the split distance and both children are visited, while
+    // (1 - O) / dx lies one ulp short and would leave the upper leaf out.
+    const float dx = 0x1.000b58p+0f;
+    const float across = 1.0f - -5000.0f;
+    ASSERT_GT(across * (1.0f / dx), across / dx);
+    const float origin[3] = {-5000, 0, 0};
+    const float box[6] = {-2, -2, -2, 1, 2, 2};
+    for (const Shot& shot :
+         shoot(wallsAt({0.5f}), splitTree(0, 1.0f, -1, 0).nodes.data(), box, origin, dx, 0.0f,
+               FLT_MAX, 1e-5f))
+        EXPECT_EQ(shot.triangle, 0);
+}
+
+TEST(ManyOriginsRules, EdgeOnTriangleIsNeverHit)
+{
+    // The wall x = 0.5 crossed at t ~ 1 with den = dx: below 1.1920929e-6 the wall is passed
+    // over, above it is hit, for either sign.
+    const Mesh mesh = wallsAt({0.5f});
+    const ListLeafTree tree = listLeafTree({0});
+    for (const auto& [dx, hit] : std::vector<std::pair<float, bool>>{
+             {1e-6f, false}, {-1e-6f, false}, {1.18e-6f, false}, {1.3e-6f, true}, {-1.3e-6f, true}}) {
+        const float origin[3] = {0.5f - dx, -0.5f, 0};
+        for (const Shot& shot : shoot(mesh, tree.root(), kWideBox, origin, dx, 1.0f))
+            EXPECT_EQ(shot.triangle, hit ? 0 : -1) << "dx " << dx;
+    }
+}
+
+TEST(ManyOriginsRules, NewHitMustBeNearerByMoreThanTheTolerance)
+{
+    const float origin[3] = {0, 0, 0};
+    // A first hit must lie more than 1e-5 before the caller's maximum distance of 1.
+    for (const auto& [x, hit] :
+         std::vector<std::pair<float, bool>>{{0.999995f, false}, {0.99998f, true}}) {
+        const ListLeafTree tree = listLeafTree({0});
+        for (const Shot& shot : shoot(wallsAt({x}), tree.root(), kWideBox, origin, 1, 0, 1.0f))
+            EXPECT_EQ(shot.triangle, hit ? 0 : -1) << "wall at " << x;
+    }
+    // Wall 0, found first in the lower leaf, keeps the hit against wall 1 of the upper leaf
+    // unless wall 1 lies more than 1e-5 nearer.
+    for (const auto& [x0, kept] : std::vector<std::pair<float, int>>{{0.500005f, 0}, {0.50002f, 1}}) {
+        for (const Shot& shot : shoot(wallsAt({x0, 0.5f}), splitTree(0, 0.25f, 0, 1).nodes.data(),
+                                      kWideBox, origin, 1, 0)) {
+            EXPECT_EQ(shot.triangle, kept) << "far wall at " << x0;
+            EXPECT_EQ(shot.dist, kept == 0 ? x0 : 0.5f) << "far wall at " << x0;
+        }
+    }
+}
+
+TEST(ManyOriginsRules, TinyComponentsTakeTheirOwnSubstituteInverse)
+{
+    // Walls 0 (x = 0.9, lower leaf) and 1 (x = 0.95, upper leaf) of a split y = 0, from
+    // delta below the split with a tiny y component: the split lies at t = delta * inverse,
+    // the box interval is [0.5, 2]. Below 0.5 only the upper leaf is visited (wall 1), above
+    // it the lower one first (wall 0). Single rays pin their inverse between 76923 and 90909
+    // (83886.078125), tiles theirs between 2.5e8 and 1e9 (838860800).
+    const Mesh mesh = wallsAt({0.9f, 0.95f});
+    const HandTree tree = splitTree(1, 0.0f, 0, 1);
+    const float box[6] = {-0.5f, -2, -2, 1, 2, 2};
+    struct Case {
+        float delta;
+        int tiles, single;
+    };
+    for (const Case& c : {Case{5e-10f, 1, 1}, Case{2e-9f, 0, 1}, Case{5.5e-6f, 0, 1},
+                          Case{6.5e-6f, 0, 0}}) {
+        const float origin[3] = {-1, -c.delta, 0};
+        for (float dy : {0.0f, 1e-8f, -1e-8f}) {
+            const std::vector<Shot> shots = shoot(mesh, tree.nodes.data(), box, origin, 1, dy);
+            EXPECT_EQ(shots[0].triangle, c.tiles) << "tiles, delta " << c.delta << " dy " << dy;
+            EXPECT_EQ(shots[1].triangle, c.single) << "single, delta " << c.delta << " dy " << dy;
+        }
+    }
+}
+
+// --- Path choice and bounds ----------------------------------------------------------------
+
+TEST(IntersectMO, PacketPathNeedsSidesOfFourAndTenAlignedPlanes)
+{
+    OwnOriginRays rays(8, 8);
+    for (const auto& [w, h, packet] : std::vector<std::tuple<int, int, bool>>{
+             {8, 4, true}, {4, 8, true}, {8, 5, false}, {6, 4, false}, {2, 8, false}}) {
+        ViewOf view(rays);
+        view.block.width = w;
+        view.block.height = h;
+        EXPECT_EQ(ray::takesManyOriginsPacketPath(view.block), packet) << w << " x " << h;
+    }
+    for (int plane = 0; plane < 10; ++plane) {
+        ViewOf view(rays);
+        view.block.width = 8;
+        view.block.height = 4;
+        if (plane < 3) view.org[plane] += 1;
+        else if (plane < 6) view.dir[plane - 3] += 1;
+        else if (plane == 6) view.block.dist += 1;
+        else if (plane == 7) view.block.hitU += 1;
+        else if (plane == 8) view.block.hitV += 1;
+        else view.block.triIndex += 1;
+        EXPECT_FALSE(ray::takesManyOriginsPacketPath(view.block)) << "plane " << plane;
+    }
+}
+
+// Every plane against a guard page at either end, on both paths; empty blocks touch nothing.
+TEST(IntersectMO, TouchesNothingPastTheBlock)
+{
+    const PreparedScene scene(makeTriangleSoup(60, 5));
+    const MedianKdTree tree(scene.mesh, 8, 3);
+    const IntersectContext context = scene.context(tree.root());
+    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
+        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+            OwnOriginRays rays = makeOwnOriginRays(scene.mesh, w, h, 3);
+            const size_t n = size_t(w * h);
+            std::vector<std::unique_ptr<GuardedArray<float>>> planes;
+            for (int p = 0; p < 9; ++p)
+                planes.push_back(std::make_unique<GuardedArray<float>>(n, end));
+            GuardedArray<int32_t> tri(n, end);
+            for (int k = 0; k < 3; ++k) {
+                planes[size_t(k)]->copyFrom(rays.org[k].data());
+                planes[size_t(k + 3)]->copyFrom(rays.dir[k].data());
+            }
+            planes[6]->copyFrom(rays.maxDist.data());
+            const float* org[3] = {planes[0]->data(), planes[1]->data(), planes[2]->data()};
+            const float* dir[3] = {planes[3]->data(), planes[4]->data(), planes[5]->data()};
+            float* uv[2] = {planes[7]->data(), planes[8]->data()};
+            EXPECT_EQ(vekrIntersectMO_32f(org, dir, planes[6]->data(), uv, tri.data(), &context,
+                                          w, h),
+                      StatusOk);
+        }
+    }
+    GuardedArray<float> none(0);
+    GuardedArray<int32_t> noIndex(0);
+    const float* planes[3] = {none.data(), none.data(), none.data()};
+    float* uv[2] = {none.data(), none.data()};
+    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{0, 4}, {4, 0}, {-4, -4}, {4, -1}})
+        EXPECT_EQ(vekrIntersectMO_32f(planes, planes, none.data(), uv, noIndex.data(), &context,
+                                      w, h),
+                  StatusOk);
+}
+
+}  // namespace
