@@ -1,6 +1,6 @@
 // Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes), shadow
 // and reflection rays (beside a stream of the same bytes), nearest hits per ray and per 4x4
-// tile on the example renderer's scenes through each kind of KD-tree, hit points, and the
+// tile on the example renderer's scenes through each kind of KD-tree, hit points, the
 // occlusion of a renderer's shadow rays per ray and per tile beside the nearest hit of the
 // same segments.
 #include <benchmark/benchmark.h>
@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <random>
 #include <vector>
@@ -271,6 +272,14 @@ struct BenchScene {
         vekrKDTreeFree(tree);
         sceneFree(&mesh);
     }
+    BenchScene(const BenchScene&) = delete;
+    BenchScene& operator=(const BenchScene&) = delete;
+
+    vekr::ray::SceneView view() const
+    {
+        return {&box.minX, records.data(), static_cast<const vekr::accel::KdNode*>(tree)};
+    }
+    IntersectContext context() const { return {&box.minX, records.data(), tree}; }
 
     // Directions for a 1 x 1 image plane at distance 1; the rays use pixel steps of it.
     void setCamera(const float target[3], const float up[3], float fovY)
@@ -303,6 +312,16 @@ struct BenchScene {
     }
 };
 
+// The scenes are built on first use and kept for the whole run (a few MB each), so each tree
+// is built once however the benchmarks using it are ordered.
+BenchScene& benchScene(int denseTriangles, uint32_t method)
+{
+    static std::map<std::pair<int, uint32_t>, std::unique_ptr<BenchScene>> scenes;
+    std::unique_ptr<BenchScene>& scene = scenes[{denseTriangles, method}];
+    if (!scene) scene = std::make_unique<BenchScene>(denseTriangles, method);
+    return *scene;
+}
+
 // The planes of one square image of side x side rays.
 struct ImageRays {
     int side;
@@ -318,15 +337,17 @@ struct ImageRays {
         float* const planes[3] = {dx.data, dy.data, dz.data};
         vekrCastEye_32f(scene.corner, step[0], step[1], 0, 0, Size2D{side, side}, planes,
                         Size2D{side, side});
-    }
-    size_t n() const { return size_t(side) * size_t(side); }
-    vekr::ray::EyeRayBlock block(const float* origin)
-    {
         dirs[0] = dx.data;
         dirs[1] = dy.data;
         dirs[2] = dz.data;
-        return {origin, dirs, dist.data, u.data, v.data, reinterpret_cast<int32_t*>(tri.data),
-                side,   side};
+    }
+    ImageRays(const ImageRays&) = delete;
+    ImageRays& operator=(const ImageRays&) = delete;
+    size_t n() const { return size_t(side) * size_t(side); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    vekr::ray::EyeRayBlock block(const float* origin)
+    {
+        return {origin, dirs, dist.data, u.data, v.data, triIndex(), side, side};
     }
     void resetDistances()
     {
@@ -338,6 +359,21 @@ struct ImageRays {
 
 enum class Path { Single, Packet, Exported };
 
+// One nearest-hit pass of eye rays through the given path.
+void intersectEyeBlock(Path path, const BenchScene& scene, const vekr::ray::EyeRayBlock& block)
+{
+    if (path == Path::Single) {
+        vekr::ray::intersectEyeRaysSingle(scene.view(), block);
+    } else if (path == Path::Packet) {
+        vekr::ray::intersectEyeRaysPacket4x4(scene.view(), block);
+    } else {
+        const IntersectContext context = scene.context();
+        float* uv[2] = {block.hitU, block.hitV};
+        vekrIntersectEyeSO_32f(block.origin, block.dir, block.dist, uv, block.triIndex, &context,
+                               block.width, block.height);
+    }
+}
+
 // The tree argument of the intersection benchmarks.
 enum TreeArg { kFullDepthTree = 0, kSahTree = 1, kSimpleTree = 2 };
 const uint32_t kTreeMethods[] = {KDTreeBuildSahFullDepth, KDTreeBuildSah, KDTreeBuildSimple};
@@ -346,37 +382,19 @@ const uint32_t kTreeMethods[] = {KDTreeBuildSahFullDepth, KDTreeBuildSah, KDTree
 template <Path kPath>
 void BM_IntersectEye(benchmark::State& state)
 {
-    static std::unique_ptr<BenchScene> scene;
-    static int64_t sceneKey = -1;
-    const int64_t key = state.range(0) * 4 + state.range(2);
-    if (sceneKey != key) {
-        scene.reset();
-        scene = std::make_unique<BenchScene>(int(state.range(0)), kTreeMethods[state.range(2)]);
-        sceneKey = key;
-    }
-    ImageRays rays(*scene, int(state.range(1)));
-    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
-                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
-    const IntersectContext context{&scene->box.minX, scene->records.data(), scene->tree};
-    vekr::ray::EyeRayBlock block = rays.block(scene->eye);
+    const BenchScene& scene = benchScene(int(state.range(0)), kTreeMethods[state.range(2)]);
+    ImageRays rays(scene, int(state.range(1)));
+    const vekr::ray::EyeRayBlock block = rays.block(scene.eye);
     int64_t hits = 0;
     for (auto _ : state) {
         rays.resetDistances();
-        if (kPath == Path::Single)
-            vekr::ray::intersectEyeRaysSingle(view, block);
-        else if (kPath == Path::Packet)
-            vekr::ray::intersectEyeRaysPacket4x4(view, block);
-        else {
-            float* uv[2] = {block.hitU, block.hitV};
-            vekrIntersectEyeSO_32f(scene->eye, block.dir, block.dist, uv, block.triIndex, &context,
-                                   block.width, block.height);
-        }
+        intersectEyeBlock(kPath, scene, block);
         benchmark::ClobberMemory();
     }
     for (size_t i = 0; i < rays.n(); ++i)
         hits += block.triIndex[i] >= 0;
     state.counters["hit%"] = 100.0 * double(hits) / double(rays.n());
-    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
     setRayThroughput(state, int64_t(rays.n()));
 }
 
@@ -459,6 +477,36 @@ BENCHMARK(BM_HitPoints<false, vekr::ray::computeHitPointsAvx>)
 
 namespace {
 
+// The surfaces the default camera's eye rays of a side x side image hit, as a renderer finds
+// them: the eye rays' nearest hits through the exported function, the points a hair in front
+// of the surface and the flat normals there.
+struct EyeHits {
+    ImageRays eye;
+    // 0 for a hit, -1 for a miss: the hit points clear bits by the mask word, so it must not be
+    // a triangle index.
+    std::vector<int32_t> hitMask;
+    Plane px, py, pz, nx, ny, nz;
+    float* points[3] = {px.data, py.data, pz.data};
+    float* normals[3] = {nx.data, ny.data, nz.data};
+
+    EyeHits(const BenchScene& scene, int side)
+        : eye(scene, side), hitMask(eye.n()), px(eye.n()), py(eye.n()), pz(eye.n()),
+          nx(eye.n()), ny(eye.n()), nz(eye.n())
+    {
+        eye.resetDistances();
+        intersectEyeBlock(Path::Exported, scene, eye.block(scene.eye));
+        for (size_t i = 0; i < eye.n(); ++i)
+            hitMask[i] = eye.triIndex()[i] < 0 ? -1 : 0;
+        vekrHitPoint3DEpsS0_32f_M(scene.eye, eye.dirs, eye.dist.data, hitMask.data(), points,
+                                  int(eye.n()), 0.9999f);
+        std::vector<float> triangleNormals(size_t(scene.mesh.triangleCount) * 3);
+        vekrTriangleNormal_32f(scene.mesh.vertices, scene.mesh.triangles, triangleNormals.data(),
+                               scene.mesh.triangleCount);
+        vekrSurfFlatNormal_32f(triangleNormals.data(), eye.triIndex(), normals, int(eye.n()));
+    }
+    bool hit(size_t i) const { return hitMask[i] == 0; }
+};
+
 // The shadow segments a renderer casts: one light above and beside the scene, towards the
 // points where the default camera's eye rays hit (a hair in front of the surface) and that
 // face the light on their seen side; the other rays are masked out.
@@ -469,43 +517,24 @@ struct ShadowRays {
     std::vector<int32_t> maskIn;  // the mask every call starts from
     int64_t tested = 0;
 
-    ShadowRays(BenchScene& scene, int side_)
+    ShadowRays(const BenchScene& scene, int side_)
         : side(side_), dx(n()), dy(n()), dz(n()), dist(n()), u(n()), v(n()), maskPlane(n()),
           triPlane(n())
     {
-        ImageRays eye(scene, side);
-        eye.resetDistances();
-        const IntersectContext context{&scene.box.minX, scene.records.data(), scene.tree};
-        float* uv[2] = {eye.u.data, eye.v.data};
-        const float* eyeDirs[3] = {eye.dx.data, eye.dy.data, eye.dz.data};
-        auto* eyeTri = reinterpret_cast<int32_t*>(eye.tri.data);
-        vekrIntersectEyeSO_32f(scene.eye, eyeDirs, eye.dist.data, uv, eyeTri, &context, side, side);
-        // The hit points clear bits by the mask word: it must be 0 or -1, not a triangle.
-        std::vector<int32_t> hitMask(n());
-        for (size_t i = 0; i < n(); ++i)
-            hitMask[i] = eyeTri[i] < 0 ? -1 : 0;
-        Plane px(n()), py(n()), pz(n());
-        float* points[3] = {px.data, py.data, pz.data};
-        vekrHitPoint3DEpsS0_32f_M(scene.eye, eyeDirs, eye.dist.data, hitMask.data(), points,
-                                  int(n()), 0.9999f);
+        EyeHits hits(scene, side);
         const float* box = &scene.box.minX;
         const float extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
         const float offset[3] = {0.3f, 1.2f, 0.5f};
         for (int k = 0; k < 3; ++k)
             light[k] = 0.5f * (box[k] + box[k + 3]) + offset[k] * extent;
-        // Flat normals at the hits, their side towards the eye, then the library's shadow rays:
-        // points the light cannot reach on their seen side are masked out.
-        std::vector<float> triangleNormals(size_t(scene.mesh.triangleCount) * 3);
-        vekrTriangleNormal_32f(scene.mesh.vertices, scene.mesh.triangles,
-                               triangleNormals.data(), scene.mesh.triangleCount);
-        Plane nx(n()), ny(n()), nz(n()), eyeDot(n()), shadowDot(n());
-        float* normals[3] = {nx.data, ny.data, nz.data};
-        vekrSurfFlatNormal_32f(triangleNormals.data(), eyeTri, normals, int(n()));
-        vekrDot_32f_P3C1M(eyeDirs, normals, hitMask.data(), eyeDot.data, int(n()));
-        maskIn = hitMask;
+        // The normals' side towards the eye, then the library's shadow rays: points the light
+        // cannot reach on their seen side are masked out.
+        Plane eyeDot(n()), shadowDot(n());
+        vekrDot_32f_P3C1M(hits.eye.dirs, hits.normals, hits.hitMask.data(), eyeDot.data, int(n()));
+        maskIn = hits.hitMask;
         float* dirs[3] = {dx.data, dy.data, dz.data};
-        vekrCastShadowSO_32f(light, eyeDot.data, normals, points, maskIn.data(), shadowDot.data,
-                             dirs, int(n()));
+        vekrCastShadowSO_32f(light, eyeDot.data, hits.normals, hits.points, maskIn.data(),
+                             shadowDot.data, dirs, int(n()));
         for (size_t i = 0; i < n(); ++i)
             tested += maskIn[i] >= 0;
         resetMask();
@@ -541,16 +570,9 @@ enum class ShadowPath { AnySingle, AnyPacket, NearestSingle };
 template <ShadowPath kPath>
 void BM_ShadowRays(benchmark::State& state)
 {
-    static std::unique_ptr<BenchScene> scene;
-    static int64_t sceneKey = -1;
-    if (sceneKey != state.range(0)) {
-        scene.reset();
-        scene = std::make_unique<BenchScene>(int(state.range(0)), KDTreeBuildSahFullDepth);
-        sceneKey = state.range(0);
-    }
-    ShadowRays rays(*scene, int(state.range(1)));
-    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
-                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    ShadowRays rays(scene, int(state.range(1)));
+    const vekr::ray::SceneView view = scene.view();
     for (auto _ : state) {
         if (kPath == ShadowPath::NearestSingle) {
             vekr::ray::intersectEyeRaysSingle(view, rays.nearestBlock());
@@ -567,7 +589,7 @@ void BM_ShadowRays(benchmark::State& state)
     for (size_t i = 0; i < rays.n(); ++i)
         occluded += rays.maskIn[i] >= 0 && rays.tri()[i] >= 0;
     state.counters["occluded%"] = 100.0 * double(occluded) / double(rays.tested);
-    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
     setRayThroughput(state, rays.tested);
 }
 
@@ -583,3 +605,4 @@ BENCHMARK(BM_ShadowRays<ShadowPath::NearestSingle>)
     ->Apply(shadowArgs);
 
 }  // namespace
+
