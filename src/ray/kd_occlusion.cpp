@@ -30,6 +30,7 @@ inline bool occludes(const TriangleAccel& rec, const float origin[3], const floa
 // The first occluder in traversal order ends the ray; a leaf ending at or beyond the end of
 // the segment ends it too.
 struct AnyHitRule {
+    static constexpr float kDescentTolerance = ray::kDescentTolerance;
     const TriangleAccel* triangles;
     const float* origin;
     const float* dir;
@@ -86,6 +87,7 @@ void findOccludersSingle(const SceneView& scene, const OcclusionBlock& block)
 namespace {
 
 struct AnyHitTileRule {
+    static constexpr float kDescentTolerance = ray::kDescentTolerance;
     const TriangleAccel* triangles;
     const TileRays& rays;
     __m256 occluder[2];  // index bits of the occluded lanes

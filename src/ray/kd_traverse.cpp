@@ -4,43 +4,19 @@
 
 #include <cstring>
 
+#include "kd_nearest_hit.h"
 #include "kd_walk.h"
 
 namespace vekr::ray {
 
-using accel::decodeLeaf;
 using accel::KdNode;
-using accel::LeafTriangles;
 
 // --- One ray at a time -------------------------------------------------------------------
-
-namespace {
-
-// Every listed triangle is tested; the search goes on until a leaf ends beyond the nearest hit.
-struct NearestHitRule {
-    const TriangleAccel* triangles;
-    const float* origin;
-    const float* dir;
-    RayHit& hit;
-
-    bool visitLeaf(const KdNode* leafNode)
-    {
-        const LeafTriangles leaf = decodeLeaf(leafNode);
-        for (int i = 0; i < leaf.count; ++i) {
-            const int32_t index = leaf[i];
-            testTriangle(triangles[index], index, origin, dir, hit);
-        }
-        return false;
-    }
-    float reach() const { return hit.dist; }
-};
-
-}  // namespace
 
 void traverseSingle(const SceneView& scene, const float origin[3], const float dir[3],
                     RayFrame frame, RayHit& hit)
 {
-    NearestHitRule rule{scene.triangles, origin, dir, hit};
+    NearestHitRule<SharedOriginAcceptance> rule{scene.triangles, origin, dir, hit, {}};
     walkSingle(scene.root, origin, frame, rule);
 }
 
@@ -64,77 +40,6 @@ void intersectEyeRaysSingle(const SceneView& scene, const EyeRayBlock& block)
 
 // --- 4 x 4 tiles ---------------------------------------------------------------------------
 
-namespace {
-
-struct TileHits {
-    __m256 dist[2];
-    __m256 u[2], v[2];
-    __m256 triangle[2];  // index bits
-    __m256 hit[2];       // lanes that found a triangle
-};
-
-struct NearestHitTileRule {
-    const TriangleAccel* triangles;
-    const TileRays& rays;
-    TileHits& hits;
-
-    void visitLeaf(const KdNode* leafNode, int laneSet)
-    {
-        const LeafTriangles leaf = decodeLeaf(leafNode);
-        if (leaf.count == 0) return;
-        const __m256 lanes[2] = {laneMask(laneSet & 0xFF), laneMask(laneSet >> 8)};
-        const __m256 zero = _mm256_setzero_ps();
-        for (int i = 0; i < leaf.count; ++i) {
-            const int32_t index = leaf[i];
-            const TriangleAccel& rec = triangles[index];
-            if (rec.axes == 0) continue;  // degenerate triangle
-            for (int h = 0; h < 2; ++h) {
-                if ((laneSet >> 8 * h & 0xFF) == 0) continue;
-                const TileCrossing c = crossTriangleTile(rec, rays, h, lanes[h]);
-                if (_mm256_movemask_ps(c.inside) == 0) continue;
-                const __m256 t = _mm256_div_ps(c.num, c.den);
-                const __m256 take = _mm256_and_ps(
-                    c.inside, _mm256_and_ps(_mm256_cmp_ps(hits.dist[h], t, _CMP_GT_OQ),
-                                            _mm256_cmp_ps(t, zero, _CMP_GT_OQ)));
-                if (_mm256_movemask_ps(take) == 0) continue;
-                hits.dist[h] = _mm256_blendv_ps(hits.dist[h], t, take);
-                hits.u[h] = _mm256_blendv_ps(hits.u[h], _mm256_div_ps(c.beta, c.den), take);
-                hits.v[h] = _mm256_blendv_ps(hits.v[h], _mm256_div_ps(c.gamma, c.den), take);
-                hits.triangle[h] = _mm256_blendv_ps(
-                    hits.triangle[h], _mm256_castsi256_ps(_mm256_set1_epi32(index)), take);
-                hits.hit[h] = _mm256_or_ps(hits.hit[h], take);
-            }
-        }
-    }
-
-    // Rays whose hit lies before a pending node's part of the ray are done with it.
-    int lanesDone(const __m256 tNear[2]) const
-    {
-        return laneBits(_mm256_cmp_ps(tNear[0], hits.dist[0], _CMP_GE_OQ),
-                        _mm256_cmp_ps(tNear[1], hits.dist[1], _CMP_GE_OQ));
-    }
-
-    void walkOneLane(const KdNode* node, int index, const __m256 tNear[2], const __m256 tFar[2])
-    {
-        const int h = index >> 3, lane = index & 7;
-        float origin[3], dir[3];
-        RayFrame frame;
-        extractLane(rays, index, tNear, tFar, origin, dir, frame);
-        const int32_t before = intLaneOf(hits.triangle[h], lane);
-        RayHit hit{laneOf(hits.dist[h], lane), laneOf(hits.u[h], lane), laneOf(hits.v[h], lane),
-                   before};
-        NearestHitRule rule{triangles, origin, dir, hit};
-        walkSingle(node, origin, frame, rule);
-        if (hit.triangle == before) return;  // nothing nearer found
-        hits.dist[h] = withLane(hits.dist[h], lane, hit.dist);
-        hits.u[h] = withLane(hits.u[h], lane, hit.u);
-        hits.v[h] = withLane(hits.v[h], lane, hit.v);
-        hits.triangle[h] = withIntLane(hits.triangle[h], lane, hit.triangle);
-        hits.hit[h] = withIntLane(hits.hit[h], lane, -1);
-    }
-};
-
-// The box clip of all 16 rays; returns the set of rays that enter the box.
 int clipTileToBox(const float* box, TileRays& rays, __m256 tNear[2], __m256 tFar[2])
 {
     const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
@@ -172,6 +77,8 @@ int clipTileToBox(const float* box, TileRays& rays, __m256 tNear[2], __m256 tFar
     return entering;
 }
 
+namespace {
+
 void intersectTile(const SceneView& scene, const EyeRayBlock& block, int row, int col)
 {
     const int64_t width = block.width;
@@ -194,7 +101,7 @@ void intersectTile(const SceneView& scene, const EyeRayBlock& block, int row, in
     }
     const int entering = clipTileToBox(scene.box, rays, tNear, tFar);
     if (entering == 0) return;
-    NearestHitTileRule rule{scene.triangles, rays, hits};
+    NearestHitTileRule<SharedOriginTileAcceptance> rule{scene.triangles, rays, hits, {}};
     walkTile(scene.root, rays, entering, tNear, tFar, rule);
     for (int h = 0; h < 2; ++h) {
         if (_mm256_movemask_ps(hits.hit[h]) == 0) continue;

@@ -22,6 +22,8 @@ struct PendingNode {
 };
 
 // Walks the tree below root for one ray over [frame.tNear, frame.tFar]. The rule supplies
+//   kDescentTolerance                   a child is skipped only when the interval clears its
+//                                       side of the split by more than this;
 //   bool visitLeaf(const KdNode* leaf)  tests the leaf's triangles; true ends the ray at once;
 //   float reach() const                 once a leaf ends at or beyond this, nothing behind it
 //                                       can change the answer.
@@ -44,9 +46,9 @@ inline void walkSingle(const accel::KdNode* root, const float origin[3], const R
             const KdNode* children = accel::innerChildren(node);
             const KdNode* nearChild = children + frame.negative[k];
             const KdNode* farChild = children + (1 - frame.negative[k]);
-            if (tNear - tSplit > kDescentTolerance) {
+            if (tNear - tSplit > Rule::kDescentTolerance) {
                 node = farChild;
-            } else if (tSplit - tFar > kDescentTolerance) {
+            } else if (tSplit - tFar > Rule::kDescentTolerance) {
                 node = nearChild;
             } else {
                 assert(depth < accel::kMaxInnerNodesOnPath);
@@ -205,6 +207,7 @@ inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& 
 // Walks the tree below root with the rays of laneSet together. Each lane takes the per-ray
 // decisions at every inner node; the tile visits a child when any lane of its set needs it,
 // first the child that is near for most of them. The rule supplies
+//   kDescentTolerance                               as for a single ray
 //   void visitLeaf(const KdNode* leaf, int laneSet) tests the leaf's triangles on the lanes
 //   int lanesDone(const __m256 tNear[2]) const      lanes for which a pending node starting at
 //                                                   tNear cannot change the answer any more
@@ -219,7 +222,7 @@ inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSe
     PendingTileNode stack[accel::kMaxInnerNodesOnPath];
     int depth = 0;
     const KdNode* node = root;
-    const __m256 tolerance = _mm256_set1_ps(kDescentTolerance);
+    const __m256 tolerance = _mm256_set1_ps(Rule::kDescentTolerance);
     const __m256 allLanes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     for (;;) {
         while (!accel::isLeaf(*node)) {
