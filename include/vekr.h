@@ -198,7 +198,8 @@ Status vekrIntersectMO_32f(const float* const origin[3], const float* const dire
  * ray: dist, hitUV and triIndex hold `layers` blocks of width x height elements one after
  * another (layer 0 of dist: the maximum distance in). Layer k gets the distance from the origin
  * to the ray's k-th hit, its weights and triangle; layers past a ray's last hit get -1 in
- * triIndex. Note the context comes last. Checks nothing. */
+ * triIndex. Note the context comes last. Checks nothing; a side or a layer count below 1
+ * writes nothing. */
 Status vekrIntersectMultipleSO_32f(const float origin[3], const float* const direction[3],
                                    float* dist, float* const hitUV[2], int32_t* triIndex,
                                    int width, int height, int layers,

@@ -28,18 +28,20 @@ struct LayeredRayBlock {
     int width, height, layers;
 };
 
-// The per-ray path over a whole block, rays in row order.
+// The per-ray path over a whole block, rays in row order; every layer of triIndex is filled
+// with -1 first.
 void intersectLayersSingle(const SceneView& scene, const LayeredRayBlock& block);
 
-// The packet path: tiles of 4 x 4 rays go through their layers together.
+// The packet path: triIndex is filled with -1, then tiles of 4 x 4 rays go through their
+// layers together.
 void intersectLayersPacket4x4(const SceneView& scene, const LayeredRayBlock& block);
 
 // Sides multiples of 4, and the three direction planes, dist, both weight planes and the index
 // plane at multiples of 16 bytes.
 bool takesLayersPacketPath(const LayeredRayBlock& block);
 
-// Fills every layer's triIndex with -1, then chooses the path once for the block. Nothing is
-// written when width * height * layers is below 1.
+// Chooses the path once for the block. Nothing is written when a side or the layer count is
+// below 1.
 void intersectLayers(const SceneView& scene, const LayeredRayBlock& block);
 
 }  // namespace vekr::ray

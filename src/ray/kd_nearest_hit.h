@@ -73,6 +73,33 @@ struct TileHits {
     __m256 hit[2];       // lanes that found a triangle
 };
 
+// Starts a tile's hits from the maximum distances of its rays (two rows of four per half):
+// no triangle yet.
+inline void startTileHits(const float* dist, const int64_t rowStart[2], int64_t width,
+                          TileHits& hits)
+{
+    for (int h = 0; h < 2; ++h) {
+        hits.dist[h] = loadTwoRows(dist, rowStart[h], width);
+        hits.u[h] = hits.v[h] = hits.hit[h] = _mm256_setzero_ps();
+        hits.triangle[h] = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    }
+}
+
+// Stores distance, weights and triangle of the lanes that found one; the others keep their
+// memory.
+inline void storeTileHits(float* dist, float* hitU, float* hitV, int32_t* triIndex,
+                          const int64_t rowStart[2], int64_t width, const TileHits& hits)
+{
+    for (int h = 0; h < 2; ++h) {
+        if (_mm256_movemask_ps(hits.hit[h]) == 0) continue;
+        storeTwoRows(dist, rowStart[h], width, hits.dist[h], hits.hit[h]);
+        storeTwoRows(hitU, rowStart[h], width, hits.u[h], hits.hit[h]);
+        storeTwoRows(hitV, rowStart[h], width, hits.v[h], hits.hit[h]);
+        storeTwoRows(reinterpret_cast<float*>(triIndex), rowStart[h], width, hits.triangle[h],
+                     hits.hit[h]);
+    }
+}
+
 // A tile acceptance policy supplies the lane-wise forms, on half h of the tile:
 //   kDescentTolerance
 //   __m256 passesOver(int32_t index, int h)          lanes that skip the triangle

@@ -88,14 +88,12 @@ void intersectTile(const SceneView& scene, const EyeRayBlock& block, int row, in
     TileRays rays;
     TileHits hits;
     __m256 tNear[2], tFar[2];
+    startTileHits(block.dist, rowStart, width, hits);
     for (int h = 0; h < 2; ++h) {
         for (int k = 0; k < 3; ++k) {
             rays.origin[k][h] = _mm256_set1_ps(block.origin[k]);
             rays.dir[k][h] = loadTwoRows(block.dir[k], rowStart[h], width);
         }
-        hits.dist[h] = loadTwoRows(block.dist, rowStart[h], width);
-        hits.u[h] = hits.v[h] = hits.hit[h] = _mm256_setzero_ps();
-        hits.triangle[h] = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
         tNear[h] = _mm256_setzero_ps();
         tFar[h] = hits.dist[h];
     }
@@ -103,14 +101,7 @@ void intersectTile(const SceneView& scene, const EyeRayBlock& block, int row, in
     if (entering == 0) return;
     NearestHitTileRule<SharedOriginTileAcceptance> rule{scene.triangles, rays, hits, {}};
     walkTile(scene.root, rays, entering, tNear, tFar, rule);
-    for (int h = 0; h < 2; ++h) {
-        if (_mm256_movemask_ps(hits.hit[h]) == 0) continue;
-        storeTwoRows(block.dist, rowStart[h], width, hits.dist[h], hits.hit[h]);
-        storeTwoRows(block.hitU, rowStart[h], width, hits.u[h], hits.hit[h]);
-        storeTwoRows(block.hitV, rowStart[h], width, hits.v[h], hits.hit[h]);
-        storeTwoRows(reinterpret_cast<float*>(block.triIndex), rowStart[h], width, hits.triangle[h],
-                     hits.hit[h]);
-    }
+    storeTileHits(block.dist, block.hitU, block.hitV, block.triIndex, rowStart, width, hits);
 }
 
 }  // namespace

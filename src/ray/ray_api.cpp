@@ -4,6 +4,8 @@
 #include "eye_rays.h"
 #include "frame/entry_points.h"
 #include "hit_points.h"
+#include "kd_layers.h"
+#include "kd_many_origins.h"
 #include "kd_occlusion.h"
 #include "kd_traverse.h"
 #include "secondary_rays.h"
@@ -109,15 +111,30 @@ Status entry::vekrCastReflectionRay_32f(const float* const incident[3], const in
     return StatusOk;
 }
 
-Status entry::vekrIntersectMO_32f(const float* const[3], const float* const[3], float*,
-                                  float* const[2], int32_t*, const IntersectContext*, int, int)
+// Checks nothing by design, as the nearest hit of rays sharing one origin.
+Status entry::vekrIntersectMO_32f(const float* const origin[3], const float* const direction[3],
+                                  float* dist, float* const hitUV[2], int32_t* triIndex,
+                                  const IntersectContext* context, int width, int height)
 {
-    return StatusOk;  // kernel to come
+    if (width < 1 || height < 1) return StatusOk;
+    const ray::SceneView scene{context->boundBox, context->triangleAccel,
+                               static_cast<const accel::KdNode*>(context->rootNode)};
+    ray::intersectManyOrigins(
+        scene, {origin, direction, dist, hitUV[0], hitUV[1], triIndex, width, height});
+    return StatusOk;
 }
 
-Status entry::vekrIntersectMultipleSO_32f(const float*, const float* const[3], float*,
-                                          float* const[2], int32_t*, int, int, int,
-                                          const IntersectContext*)
+// Checks nothing by design. A layer count below 1 writes nothing, as a side below 1 does: the
+// outputs hold no layer to write.
+Status entry::vekrIntersectMultipleSO_32f(const float* origin, const float* const direction[3],
+                                          float* dist, float* const hitUV[2], int32_t* triIndex,
+                                          int width, int height, int layers,
+                                          const IntersectContext* context)
 {
-    return StatusOk;  // kernel to come
+    if (width < 1 || height < 1 || layers < 1) return StatusOk;
+    const ray::SceneView scene{context->boundBox, context->triangleAccel,
+                               static_cast<const accel::KdNode*>(context->rootNode)};
+    ray::intersectLayers(
+        scene, {origin, direction, dist, hitUV[0], hitUV[1], triIndex, width, height, layers});
+    return StatusOk;
 }
