@@ -2,7 +2,8 @@
 // and reflection rays (beside a stream of the same bytes), nearest hits per ray and per 4x4
 // tile on the example renderer's scenes through each kind of KD-tree, hit points, the
 // occlusion of a renderer's shadow rays per ray and per tile beside the nearest hit of the
-// same segments.
+// same segments, the nearest hits of mirror reflections and of coherent rays with their own
+// origins per ray and per tile, and successive hits along eye rays beside one eye-ray pass.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <random>
@@ -18,6 +20,8 @@
 
 #include "ray/eye_rays.h"
 #include "ray/hit_points.h"
+#include "ray/kd_layers.h"
+#include "ray/kd_many_origins.h"
 #include "ray/kd_occlusion.h"
 #include "ray/kd_traverse.h"
 #include "ray/secondary_rays.h"
@@ -322,6 +326,15 @@ BenchScene& benchScene(int denseTriangles, uint32_t method)
     return *scene;
 }
 
+// Thread CPU time, the clock the benchmark library times single-threaded runs with: for
+// ratios of two calls timed in the same loop.
+double threadSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) + 1e-9 * double(now.tv_nsec);
+}
+
 // The planes of one square image of side x side rays.
 struct ImageRays {
     int side;
@@ -606,3 +619,214 @@ BENCHMARK(BM_ShadowRays<ShadowPath::NearestSingle>)
 
 }  // namespace
 
+// --- Rays with their own origins; successive hits ------------------------------------------
+
+namespace {
+
+enum class OwnOrigins { Reflection, Eye };
+
+// A side x side block of rays with one origin each and the planes of their nearest hits.
+// Reflection: the renderer's mirror rays, from the points where the default camera's eye rays
+// hit (a hair in front of the surface) along the eye direction reflected about the flat
+// normal there, no farther than the largest float. The rays whose eye ray missed stay in the
+// block, as they would in a renderer's tile: they start at the eye with the zero direction the
+// reflection gives a masked ray and a maximum distance of 0, so they can hit nothing and leave
+// at the box test (a zero component is parallel to its slab, and the eye lies outside the
+// box); they are not counted as traced.
+// Eye: the same image's eye rays, each with the eye as its own origin: coherent rays, for the
+// tile path's gain to be compared with the reflections'.
+struct OwnOriginRays {
+    int side;
+    Plane ox, oy, oz, dx, dy, dz, dist, u, v, tri;
+    std::vector<float> maxDist;  // the distances every call starts from
+    int64_t traced = 0;          // rays with a maximum distance above 0
+    const float* origins[3] = {ox.data, oy.data, oz.data};
+    const float* dirs[3] = {dx.data, dy.data, dz.data};
+
+    OwnOriginRays(const BenchScene& scene, int side_, OwnOrigins kind)
+        : side(side_), ox(n()), oy(n()), oz(n()), dx(n()), dy(n()), dz(n()), dist(n()), u(n()),
+          v(n()), tri(n()), maxDist(n(), FLT_MAX)
+    {
+        float* const origin[3] = {ox.data, oy.data, oz.data};
+        float* const dir[3] = {dx.data, dy.data, dz.data};
+        if (kind == OwnOrigins::Eye) {
+            const ImageRays eye(scene, side);
+            for (int k = 0; k < 3; ++k) {
+                std::memcpy(dir[k], eye.dirs[k], n() * sizeof(float));
+                std::fill(origin[k], origin[k] + n(), scene.eye[k]);
+            }
+        } else {
+            const EyeHits hits(scene, side);
+            vekrCastReflectionRay_32f(hits.eye.dirs, hits.hitMask.data(), hits.normals, dir,
+                                      int(n()));
+            for (size_t i = 0; i < n(); ++i) {
+                for (int k = 0; k < 3; ++k)
+                    origin[k][i] = hits.hit(i) ? hits.points[k][i] : scene.eye[k];
+                if (!hits.hit(i)) maxDist[i] = 0.0f;
+            }
+        }
+        for (float d : maxDist)
+            traced += d > 0.0f;
+    }
+    size_t n() const { return size_t(side) * size_t(side); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    void resetDistances() { std::memcpy(dist.data, maxDist.data(), n() * sizeof(float)); }
+    vekr::ray::ManyOriginRayBlock block() const
+    {
+        return {origins, dirs, dist.data, u.data, v.data, triIndex(), side, side};
+    }
+};
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side. Rays/s counts the
+// traced rays: the reflections of the eye rays that hit, or every eye ray.
+template <Path kPath, OwnOrigins kKind>
+void BM_ManyOrigins(benchmark::State& state)
+{
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    OwnOriginRays rays(scene, int(state.range(1)), kKind);
+    const vekr::ray::SceneView view = scene.view();
+    const IntersectContext context = scene.context();
+    const vekr::ray::ManyOriginRayBlock block = rays.block();
+    for (auto _ : state) {
+        rays.resetDistances();  // a memcpy of one float per ray: well under 1% of the time
+        if (kPath == Path::Single) {
+            vekr::ray::intersectManyOriginsSingle(view, block);
+        } else if (kPath == Path::Packet) {
+            vekr::ray::intersectManyOriginsPacket4x4(view, block);
+        } else {
+            float* uv[2] = {block.hitU, block.hitV};
+            vekrIntersectMO_32f(block.origin, block.dir, block.dist, uv, block.triIndex, &context,
+                                block.width, block.height);
+        }
+        benchmark::ClobberMemory();
+    }
+    int64_t hits = 0;
+    for (size_t i = 0; i < rays.n(); ++i)
+        hits += rays.triIndex()[i] >= 0;
+    state.counters["hit%"] = 100.0 * double(hits) / double(std::max<int64_t>(rays.traced, 1));
+    state.counters["traced%"] = 100.0 * double(rays.traced) / double(rays.n());
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
+    setRayThroughput(state, rays.traced);
+}
+
+// The blocks of the eye-ray benchmarks on the full-depth tree, so the figures sit side by side.
+void ownOriginArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side"})->Args({0, 512})->Args({100000, 256});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_ManyOrigins<Path::Single, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionPerRay")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Packet, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionPacket4x4")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Exported, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionMO")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Single, OwnOrigins::Eye>)
+    ->Name("BM_ManyOriginsCoherentPerRay")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Packet, OwnOrigins::Eye>)
+    ->Name("BM_ManyOriginsCoherentPacket4x4")
+    ->Apply(ownOriginArgs);
+
+// The eye rays of a side x side image with `layers` blocks of hit planes for their successive
+// hits; the image's own planes take the eye-ray pass the layers are compared with.
+struct LayeredRays {
+    ImageRays eye;
+    int layers;
+    Plane dist, u, v, tri;
+
+    LayeredRays(const BenchScene& scene, int side, int layers_)
+        : eye(scene, side), layers(layers_), dist(size()), u(size()), v(size()), tri(size())
+    {
+    }
+    size_t size() const { return eye.n() * size_t(layers); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    // The maximum distances of layer 0, the only one read (both paths fill every layer's
+    // triangle plane with -1 themselves).
+    void resetDistances() { std::fill(dist.data, dist.data + eye.n(), FLT_MAX); }
+    vekr::ray::LayeredRayBlock block(const float* origin)
+    {
+        return {origin, eye.dirs, dist.data, u.data, v.data, triIndex(), eye.side, eye.side,
+                layers};
+    }
+};
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side, layers. Every
+// iteration also runs, untimed, one nearest-hit pass of the same eye rays through the same
+// path, timed on its own, so both see the same load and caches. Counters:
+//   layers/s: hits found (rays x layers actually found) per second; layers/ray their mean;
+//   eyePasses: the call's time in eye-ray passes over the same block;
+//   furtherLayer/eyePass: the time of each further layer found, in eye-ray passes,
+//     (T - E) / E / ((H - H0) / H0), with T the call, E the eye-ray pass, H the hits of all
+//     layers and H0 those of layer 0: the rays that hit go on for (H - H0) / H0 further layers
+//     on average. The last search of a ray that leaves the object finds nothing and is
+//     charged to the layers found;
+//   furtherSearch/eyePass: the same per search instead, (T - E) / E / (S / H0), with S the
+//     searches after the first: one per further layer found, and one more for each ray that
+//     found fewer than `layers` hits and then left the object.
+template <Path kPath>
+void BM_Layers(benchmark::State& state)
+{
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    LayeredRays rays(scene, int(state.range(1)), int(state.range(2)));
+    const vekr::ray::SceneView view = scene.view();
+    const vekr::ray::EyeRayBlock eyeBlock = rays.eye.block(scene.eye);
+    const vekr::ray::LayeredRayBlock block = rays.block(scene.eye);
+    double eyeSeconds = 0.0, layerSeconds = 0.0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        double start = threadSeconds();
+        rays.eye.resetDistances();
+        intersectEyeBlock(kPath, scene, eyeBlock);
+        benchmark::ClobberMemory();
+        eyeSeconds += threadSeconds() - start;
+        state.ResumeTiming();
+        start = threadSeconds();
+        rays.resetDistances();
+        if (kPath == Path::Single)
+            vekr::ray::intersectLayersSingle(view, block);
+        else
+            vekr::ray::intersectLayersPacket4x4(view, block);
+        benchmark::ClobberMemory();
+        layerSeconds += threadSeconds() - start;
+    }
+    const size_t n = rays.eye.n();
+    int64_t first = 0, found = 0, furtherSearches = 0;
+    for (size_t i = 0; i < n; ++i) {
+        int rayFound = 0;  // a ray's layers stop at its first miss
+        while (rayFound < rays.layers && rays.triIndex()[size_t(rayFound) * n + i] >= 0)
+            ++rayFound;
+        first += rayFound > 0;
+        found += rayFound;
+        if (rayFound > 0) furtherSearches += std::min(rayFound, rays.layers - 1);
+    }
+    state.counters["layers/s"] =
+        benchmark::Counter(double(state.iterations()) * double(found), benchmark::Counter::kIsRate);
+    state.counters["layers/ray"] = double(found) / double(n);
+    state.counters["hit%"] = 100.0 * double(first) / double(n);
+    if (eyeSeconds > 0.0) {
+        state.counters["eyePasses"] = layerSeconds / eyeSeconds;
+        const double extra = (layerSeconds - eyeSeconds) / eyeSeconds * double(first);
+        if (found > first)
+            state.counters["furtherLayer/eyePass"] = extra / double(found - first);
+        if (furtherSearches > 0)
+            state.counters["furtherSearch/eyePass"] = extra / double(furtherSearches);
+    }
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
+    setRayThroughput(state, int64_t(n));
+}
+
+void layerArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side", "layers"});
+    for (int layers : {1, 4, 16})
+        b->Args({0, 512, layers})->Args({100000, 256, layers});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_Layers<Path::Single>)->Name("BM_LayersPerRay")->Apply(layerArgs);
+BENCHMARK(BM_Layers<Path::Packet>)->Name("BM_LayersPacket4x4")->Apply(layerArgs);
+
+}  // namespace
