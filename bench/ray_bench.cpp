@@ -1,8 +1,9 @@
 // Rays: eye-ray generation (rays/s and bytes/s beside a plain store of the same bytes), shadow
 // and reflection rays (beside a stream of the same bytes), nearest hits per ray and per 4x4
-// tile on the example renderer's scenes through each kind of KD-tree, hit points, and the
+// tile on the example renderer's scenes through each kind of KD-tree, hit points, the
 // occlusion of a renderer's shadow rays per ray and per tile beside the nearest hit of the
-// same segments.
+// same segments, the nearest hits of mirror reflections and of coherent rays with their own
+// origins per ray and per tile, and successive hits along eye rays beside one eye-ray pass.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -11,12 +12,16 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
+#include <map>
 #include <memory>
 #include <random>
 #include <vector>
 
 #include "ray/eye_rays.h"
 #include "ray/hit_points.h"
+#include "ray/kd_layers.h"
+#include "ray/kd_many_origins.h"
 #include "ray/kd_occlusion.h"
 #include "ray/kd_traverse.h"
 #include "ray/secondary_rays.h"
@@ -271,6 +276,14 @@ struct BenchScene {
         vekrKDTreeFree(tree);
         sceneFree(&mesh);
     }
+    BenchScene(const BenchScene&) = delete;
+    BenchScene& operator=(const BenchScene&) = delete;
+
+    vekr::ray::SceneView view() const
+    {
+        return {&box.minX, records.data(), static_cast<const vekr::accel::KdNode*>(tree)};
+    }
+    IntersectContext context() const { return {&box.minX, records.data(), tree}; }
 
     // Directions for a 1 x 1 image plane at distance 1; the rays use pixel steps of it.
     void setCamera(const float target[3], const float up[3], float fovY)
@@ -303,6 +316,25 @@ struct BenchScene {
     }
 };
 
+// The scenes are built on first use and kept for the whole run (a few MB each), so each tree
+// is built once however the benchmarks using it are ordered.
+BenchScene& benchScene(int denseTriangles, uint32_t method)
+{
+    static std::map<std::pair<int, uint32_t>, std::unique_ptr<BenchScene>> scenes;
+    std::unique_ptr<BenchScene>& scene = scenes[{denseTriangles, method}];
+    if (!scene) scene = std::make_unique<BenchScene>(denseTriangles, method);
+    return *scene;
+}
+
+// Thread CPU time, the clock the benchmark library times single-threaded runs with: for
+// ratios of two calls timed in the same loop.
+double threadSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) + 1e-9 * double(now.tv_nsec);
+}
+
 // The planes of one square image of side x side rays.
 struct ImageRays {
     int side;
@@ -318,15 +350,17 @@ struct ImageRays {
         float* const planes[3] = {dx.data, dy.data, dz.data};
         vekrCastEye_32f(scene.corner, step[0], step[1], 0, 0, Size2D{side, side}, planes,
                         Size2D{side, side});
-    }
-    size_t n() const { return size_t(side) * size_t(side); }
-    vekr::ray::EyeRayBlock block(const float* origin)
-    {
         dirs[0] = dx.data;
         dirs[1] = dy.data;
         dirs[2] = dz.data;
-        return {origin, dirs, dist.data, u.data, v.data, reinterpret_cast<int32_t*>(tri.data),
-                side,   side};
+    }
+    ImageRays(const ImageRays&) = delete;
+    ImageRays& operator=(const ImageRays&) = delete;
+    size_t n() const { return size_t(side) * size_t(side); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    vekr::ray::EyeRayBlock block(const float* origin)
+    {
+        return {origin, dirs, dist.data, u.data, v.data, triIndex(), side, side};
     }
     void resetDistances()
     {
@@ -338,6 +372,21 @@ struct ImageRays {
 
 enum class Path { Single, Packet, Exported };
 
+// One nearest-hit pass of eye rays through the given path.
+void intersectEyeBlock(Path path, const BenchScene& scene, const vekr::ray::EyeRayBlock& block)
+{
+    if (path == Path::Single) {
+        vekr::ray::intersectEyeRaysSingle(scene.view(), block);
+    } else if (path == Path::Packet) {
+        vekr::ray::intersectEyeRaysPacket4x4(scene.view(), block);
+    } else {
+        const IntersectContext context = scene.context();
+        float* uv[2] = {block.hitU, block.hitV};
+        vekrIntersectEyeSO_32f(block.origin, block.dir, block.dist, uv, block.triIndex, &context,
+                               block.width, block.height);
+    }
+}
+
 // The tree argument of the intersection benchmarks.
 enum TreeArg { kFullDepthTree = 0, kSahTree = 1, kSimpleTree = 2 };
 const uint32_t kTreeMethods[] = {KDTreeBuildSahFullDepth, KDTreeBuildSah, KDTreeBuildSimple};
@@ -346,37 +395,19 @@ const uint32_t kTreeMethods[] = {KDTreeBuildSahFullDepth, KDTreeBuildSah, KDTree
 template <Path kPath>
 void BM_IntersectEye(benchmark::State& state)
 {
-    static std::unique_ptr<BenchScene> scene;
-    static int64_t sceneKey = -1;
-    const int64_t key = state.range(0) * 4 + state.range(2);
-    if (sceneKey != key) {
-        scene.reset();
-        scene = std::make_unique<BenchScene>(int(state.range(0)), kTreeMethods[state.range(2)]);
-        sceneKey = key;
-    }
-    ImageRays rays(*scene, int(state.range(1)));
-    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
-                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
-    const IntersectContext context{&scene->box.minX, scene->records.data(), scene->tree};
-    vekr::ray::EyeRayBlock block = rays.block(scene->eye);
+    const BenchScene& scene = benchScene(int(state.range(0)), kTreeMethods[state.range(2)]);
+    ImageRays rays(scene, int(state.range(1)));
+    const vekr::ray::EyeRayBlock block = rays.block(scene.eye);
     int64_t hits = 0;
     for (auto _ : state) {
         rays.resetDistances();
-        if (kPath == Path::Single)
-            vekr::ray::intersectEyeRaysSingle(view, block);
-        else if (kPath == Path::Packet)
-            vekr::ray::intersectEyeRaysPacket4x4(view, block);
-        else {
-            float* uv[2] = {block.hitU, block.hitV};
-            vekrIntersectEyeSO_32f(scene->eye, block.dir, block.dist, uv, block.triIndex, &context,
-                                   block.width, block.height);
-        }
+        intersectEyeBlock(kPath, scene, block);
         benchmark::ClobberMemory();
     }
     for (size_t i = 0; i < rays.n(); ++i)
         hits += block.triIndex[i] >= 0;
     state.counters["hit%"] = 100.0 * double(hits) / double(rays.n());
-    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
     setRayThroughput(state, int64_t(rays.n()));
 }
 
@@ -459,6 +490,36 @@ BENCHMARK(BM_HitPoints<false, vekr::ray::computeHitPointsAvx>)
 
 namespace {
 
+// The surfaces the default camera's eye rays of a side x side image hit, as a renderer finds
+// them: the eye rays' nearest hits through the exported function, the points a hair in front
+// of the surface and the flat normals there.
+struct EyeHits {
+    ImageRays eye;
+    // 0 for a hit, -1 for a miss: the hit points clear bits by the mask word, so it must not be
+    // a triangle index.
+    std::vector<int32_t> hitMask;
+    Plane px, py, pz, nx, ny, nz;
+    float* points[3] = {px.data, py.data, pz.data};
+    float* normals[3] = {nx.data, ny.data, nz.data};
+
+    EyeHits(const BenchScene& scene, int side)
+        : eye(scene, side), hitMask(eye.n()), px(eye.n()), py(eye.n()), pz(eye.n()),
+          nx(eye.n()), ny(eye.n()), nz(eye.n())
+    {
+        eye.resetDistances();
+        intersectEyeBlock(Path::Exported, scene, eye.block(scene.eye));
+        for (size_t i = 0; i < eye.n(); ++i)
+            hitMask[i] = eye.triIndex()[i] < 0 ? -1 : 0;
+        vekrHitPoint3DEpsS0_32f_M(scene.eye, eye.dirs, eye.dist.data, hitMask.data(), points,
+                                  int(eye.n()), 0.9999f);
+        std::vector<float> triangleNormals(size_t(scene.mesh.triangleCount) * 3);
+        vekrTriangleNormal_32f(scene.mesh.vertices, scene.mesh.triangles, triangleNormals.data(),
+                               scene.mesh.triangleCount);
+        vekrSurfFlatNormal_32f(triangleNormals.data(), eye.triIndex(), normals, int(eye.n()));
+    }
+    bool hit(size_t i) const { return hitMask[i] == 0; }
+};
+
 // The shadow segments a renderer casts: one light above and beside the scene, towards the
 // points where the default camera's eye rays hit (a hair in front of the surface) and that
 // face the light on their seen side; the other rays are masked out.
@@ -469,43 +530,24 @@ struct ShadowRays {
     std::vector<int32_t> maskIn;  // the mask every call starts from
     int64_t tested = 0;
 
-    ShadowRays(BenchScene& scene, int side_)
+    ShadowRays(const BenchScene& scene, int side_)
         : side(side_), dx(n()), dy(n()), dz(n()), dist(n()), u(n()), v(n()), maskPlane(n()),
           triPlane(n())
     {
-        ImageRays eye(scene, side);
-        eye.resetDistances();
-        const IntersectContext context{&scene.box.minX, scene.records.data(), scene.tree};
-        float* uv[2] = {eye.u.data, eye.v.data};
-        const float* eyeDirs[3] = {eye.dx.data, eye.dy.data, eye.dz.data};
-        auto* eyeTri = reinterpret_cast<int32_t*>(eye.tri.data);
-        vekrIntersectEyeSO_32f(scene.eye, eyeDirs, eye.dist.data, uv, eyeTri, &context, side, side);
-        // The hit points clear bits by the mask word: it must be 0 or -1, not a triangle.
-        std::vector<int32_t> hitMask(n());
-        for (size_t i = 0; i < n(); ++i)
-            hitMask[i] = eyeTri[i] < 0 ? -1 : 0;
-        Plane px(n()), py(n()), pz(n());
-        float* points[3] = {px.data, py.data, pz.data};
-        vekrHitPoint3DEpsS0_32f_M(scene.eye, eyeDirs, eye.dist.data, hitMask.data(), points,
-                                  int(n()), 0.9999f);
+        EyeHits hits(scene, side);
         const float* box = &scene.box.minX;
         const float extent = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
         const float offset[3] = {0.3f, 1.2f, 0.5f};
         for (int k = 0; k < 3; ++k)
             light[k] = 0.5f * (box[k] + box[k + 3]) + offset[k] * extent;
-        // Flat normals at the hits, their side towards the eye, then the library's shadow rays:
-        // points the light cannot reach on their seen side are masked out.
-        std::vector<float> triangleNormals(size_t(scene.mesh.triangleCount) * 3);
-        vekrTriangleNormal_32f(scene.mesh.vertices, scene.mesh.triangles,
-                               triangleNormals.data(), scene.mesh.triangleCount);
-        Plane nx(n()), ny(n()), nz(n()), eyeDot(n()), shadowDot(n());
-        float* normals[3] = {nx.data, ny.data, nz.data};
-        vekrSurfFlatNormal_32f(triangleNormals.data(), eyeTri, normals, int(n()));
-        vekrDot_32f_P3C1M(eyeDirs, normals, hitMask.data(), eyeDot.data, int(n()));
-        maskIn = hitMask;
+        // The normals' side towards the eye, then the library's shadow rays: points the light
+        // cannot reach on their seen side are masked out.
+        Plane eyeDot(n()), shadowDot(n());
+        vekrDot_32f_P3C1M(hits.eye.dirs, hits.normals, hits.hitMask.data(), eyeDot.data, int(n()));
+        maskIn = hits.hitMask;
         float* dirs[3] = {dx.data, dy.data, dz.data};
-        vekrCastShadowSO_32f(light, eyeDot.data, normals, points, maskIn.data(), shadowDot.data,
-                             dirs, int(n()));
+        vekrCastShadowSO_32f(light, eyeDot.data, hits.normals, hits.points, maskIn.data(),
+                             shadowDot.data, dirs, int(n()));
         for (size_t i = 0; i < n(); ++i)
             tested += maskIn[i] >= 0;
         resetMask();
@@ -541,16 +583,9 @@ enum class ShadowPath { AnySingle, AnyPacket, NearestSingle };
 template <ShadowPath kPath>
 void BM_ShadowRays(benchmark::State& state)
 {
-    static std::unique_ptr<BenchScene> scene;
-    static int64_t sceneKey = -1;
-    if (sceneKey != state.range(0)) {
-        scene.reset();
-        scene = std::make_unique<BenchScene>(int(state.range(0)), KDTreeBuildSahFullDepth);
-        sceneKey = state.range(0);
-    }
-    ShadowRays rays(*scene, int(state.range(1)));
-    const vekr::ray::SceneView view{&scene->box.minX, scene->records.data(),
-                                    static_cast<const vekr::accel::KdNode*>(scene->tree)};
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    ShadowRays rays(scene, int(state.range(1)));
+    const vekr::ray::SceneView view = scene.view();
     for (auto _ : state) {
         if (kPath == ShadowPath::NearestSingle) {
             vekr::ray::intersectEyeRaysSingle(view, rays.nearestBlock());
@@ -567,7 +602,7 @@ void BM_ShadowRays(benchmark::State& state)
     for (size_t i = 0; i < rays.n(); ++i)
         occluded += rays.maskIn[i] >= 0 && rays.tri()[i] >= 0;
     state.counters["occluded%"] = 100.0 * double(occluded) / double(rays.tested);
-    state.counters["triangles"] = double(scene->mesh.triangleCount);
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
     setRayThroughput(state, rays.tested);
 }
 
@@ -581,5 +616,217 @@ BENCHMARK(BM_ShadowRays<ShadowPath::AnyPacket>)->Name("BM_OcclusionPacket4x4")->
 BENCHMARK(BM_ShadowRays<ShadowPath::NearestSingle>)
     ->Name("BM_NearestHitOnShadowSegmentsPerRay")
     ->Apply(shadowArgs);
+
+}  // namespace
+
+// --- Rays with their own origins; successive hits ------------------------------------------
+
+namespace {
+
+enum class OwnOrigins { Reflection, Eye };
+
+// A side x side block of rays with one origin each and the planes of their nearest hits.
+// Reflection: the renderer's mirror rays, from the points where the default camera's eye rays
+// hit (a hair in front of the surface) along the eye direction reflected about the flat
+// normal there, no farther than the largest float. The rays whose eye ray missed stay in the
+// block, as they would in a renderer's tile: they start at the eye with the zero direction the
+// reflection gives a masked ray and a maximum distance of 0, so they can hit nothing and leave
+// at the box test (a zero component is parallel to its slab, and the eye lies outside the
+// box); they are not counted as traced.
+// Eye: the same image's eye rays, each with the eye as its own origin: coherent rays, for the
+// tile path's gain to be compared with the reflections'.
+struct OwnOriginRays {
+    int side;
+    Plane ox, oy, oz, dx, dy, dz, dist, u, v, tri;
+    std::vector<float> maxDist;  // the distances every call starts from
+    int64_t traced = 0;          // rays with a maximum distance above 0
+    const float* origins[3] = {ox.data, oy.data, oz.data};
+    const float* dirs[3] = {dx.data, dy.data, dz.data};
+
+    OwnOriginRays(const BenchScene& scene, int side_, OwnOrigins kind)
+        : side(side_), ox(n()), oy(n()), oz(n()), dx(n()), dy(n()), dz(n()), dist(n()), u(n()),
+          v(n()), tri(n()), maxDist(n(), FLT_MAX)
+    {
+        float* const origin[3] = {ox.data, oy.data, oz.data};
+        float* const dir[3] = {dx.data, dy.data, dz.data};
+        if (kind == OwnOrigins::Eye) {
+            const ImageRays eye(scene, side);
+            for (int k = 0; k < 3; ++k) {
+                std::memcpy(dir[k], eye.dirs[k], n() * sizeof(float));
+                std::fill(origin[k], origin[k] + n(), scene.eye[k]);
+            }
+        } else {
+            const EyeHits hits(scene, side);
+            vekrCastReflectionRay_32f(hits.eye.dirs, hits.hitMask.data(), hits.normals, dir,
+                                      int(n()));
+            for (size_t i = 0; i < n(); ++i) {
+                for (int k = 0; k < 3; ++k)
+                    origin[k][i] = hits.hit(i) ? hits.points[k][i] : scene.eye[k];
+                if (!hits.hit(i)) maxDist[i] = 0.0f;
+            }
+        }
+        for (float d : maxDist)
+            traced += d > 0.0f;
+    }
+    size_t n() const { return size_t(side) * size_t(side); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    void resetDistances() { std::memcpy(dist.data, maxDist.data(), n() * sizeof(float)); }
+    vekr::ray::ManyOriginRayBlock block() const
+    {
+        return {origins, dirs, dist.data, u.data, v.data, triIndex(), side, side};
+    }
+};
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side. Rays/s counts the
+// traced rays: the reflections of the eye rays that hit, or every eye ray.
+template <Path kPath, OwnOrigins kKind>
+void BM_ManyOrigins(benchmark::State& state)
+{
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    OwnOriginRays rays(scene, int(state.range(1)), kKind);
+    const vekr::ray::SceneView view = scene.view();
+    const IntersectContext context = scene.context();
+    const vekr::ray::ManyOriginRayBlock block = rays.block();
+    for (auto _ : state) {
+        rays.resetDistances();  // a memcpy of one float per ray: well under 1% of the time
+        if (kPath == Path::Single) {
+            vekr::ray::intersectManyOriginsSingle(view, block);
+        } else if (kPath == Path::Packet) {
+            vekr::ray::intersectManyOriginsPacket4x4(view, block);
+        } else {
+            float* uv[2] = {block.hitU, block.hitV};
+            vekrIntersectMO_32f(block.origin, block.dir, block.dist, uv, block.triIndex, &context,
+                                block.width, block.height);
+        }
+        benchmark::ClobberMemory();
+    }
+    int64_t hits = 0;
+    for (size_t i = 0; i < rays.n(); ++i)
+        hits += rays.triIndex()[i] >= 0;
+    state.counters["hit%"] = 100.0 * double(hits) / double(std::max<int64_t>(rays.traced, 1));
+    state.counters["traced%"] = 100.0 * double(rays.traced) / double(rays.n());
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
+    setRayThroughput(state, rays.traced);
+}
+
+// The blocks of the eye-ray benchmarks on the full-depth tree, so the figures sit side by side.
+void ownOriginArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side"})->Args({0, 512})->Args({100000, 256});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_ManyOrigins<Path::Single, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionPerRay")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Packet, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionPacket4x4")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Exported, OwnOrigins::Reflection>)
+    ->Name("BM_ReflectionMO")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Single, OwnOrigins::Eye>)
+    ->Name("BM_ManyOriginsCoherentPerRay")
+    ->Apply(ownOriginArgs);
+BENCHMARK(BM_ManyOrigins<Path::Packet, OwnOrigins::Eye>)
+    ->Name("BM_ManyOriginsCoherentPacket4x4")
+    ->Apply(ownOriginArgs);
+
+// The eye rays of a side x side image with `layers` blocks of hit planes for their successive
+// hits; the image's own planes take the eye-ray pass the layers are compared with.
+struct LayeredRays {
+    ImageRays eye;
+    int layers;
+    Plane dist, u, v, tri;
+
+    LayeredRays(const BenchScene& scene, int side, int layers_)
+        : eye(scene, side), layers(layers_), dist(size()), u(size()), v(size()), tri(size())
+    {
+    }
+    size_t size() const { return eye.n() * size_t(layers); }
+    int32_t* triIndex() const { return reinterpret_cast<int32_t*>(tri.data); }
+    // The maximum distances of layer 0, the only one read (both paths fill every layer's
+    // triangle plane with -1 themselves).
+    void resetDistances() { std::fill(dist.data, dist.data + eye.n(), FLT_MAX); }
+    vekr::ray::LayeredRayBlock block(const float* origin)
+    {
+        return {origin, eye.dirs, dist.data, u.data, v.data, triIndex(), eye.side, eye.side,
+                layers};
+    }
+};
+
+// Arguments: dense-mesh triangles (0 for the default scene), image side, layers. Every
+// iteration also runs, untimed, one nearest-hit pass of the same eye rays through the same
+// path, timed on its own, so both see the same load and caches. Counters:
+//   layers/s: hits found (rays x layers actually found) per second; layers/ray their mean;
+//   eyePasses: the call's time in eye-ray passes over the same block;
+//   furtherLayer/eyePass: the time of each further layer found, in eye-ray passes,
+//     (T - E) / E / ((H - H0) / H0), with T the call, E the eye-ray pass, H the hits of all
+//     layers and H0 those of layer 0: the rays that hit go on for (H - H0) / H0 further layers
+//     on average. The last search of a ray that leaves the object finds nothing and is
+//     charged to the layers found;
+//   furtherSearch/eyePass: the same per search instead, (T - E) / E / (S / H0), with S the
+//     searches after the first: one per further layer found, and one more for each ray that
+//     found fewer than `layers` hits and then left the object.
+template <Path kPath>
+void BM_Layers(benchmark::State& state)
+{
+    const BenchScene& scene = benchScene(int(state.range(0)), KDTreeBuildSahFullDepth);
+    LayeredRays rays(scene, int(state.range(1)), int(state.range(2)));
+    const vekr::ray::SceneView view = scene.view();
+    const vekr::ray::EyeRayBlock eyeBlock = rays.eye.block(scene.eye);
+    const vekr::ray::LayeredRayBlock block = rays.block(scene.eye);
+    double eyeSeconds = 0.0, layerSeconds = 0.0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        double start = threadSeconds();
+        rays.eye.resetDistances();
+        intersectEyeBlock(kPath, scene, eyeBlock);
+        benchmark::ClobberMemory();
+        eyeSeconds += threadSeconds() - start;
+        state.ResumeTiming();
+        start = threadSeconds();
+        rays.resetDistances();
+        if (kPath == Path::Single)
+            vekr::ray::intersectLayersSingle(view, block);
+        else
+            vekr::ray::intersectLayersPacket4x4(view, block);
+        benchmark::ClobberMemory();
+        layerSeconds += threadSeconds() - start;
+    }
+    const size_t n = rays.eye.n();
+    int64_t first = 0, found = 0, furtherSearches = 0;
+    for (size_t i = 0; i < n; ++i) {
+        int rayFound = 0;  // a ray's layers stop at its first miss
+        while (rayFound < rays.layers && rays.triIndex()[size_t(rayFound) * n + i] >= 0)
+            ++rayFound;
+        first += rayFound > 0;
+        found += rayFound;
+        if (rayFound > 0) furtherSearches += std::min(rayFound, rays.layers - 1);
+    }
+    state.counters["layers/s"] =
+        benchmark::Counter(double(state.iterations()) * double(found), benchmark::Counter::kIsRate);
+    state.counters["layers/ray"] = double(found) / double(n);
+    state.counters["hit%"] = 100.0 * double(first) / double(n);
+    if (eyeSeconds > 0.0) {
+        state.counters["eyePasses"] = layerSeconds / eyeSeconds;
+        const double extra = (layerSeconds - eyeSeconds) / eyeSeconds * double(first);
+        if (found > first)
+            state.counters["furtherLayer/eyePass"] = extra / double(found - first);
+        if (furtherSearches > 0)
+            state.counters["furtherSearch/eyePass"] = extra / double(furtherSearches);
+    }
+    state.counters["triangles"] = double(scene.mesh.triangleCount);
+    setRayThroughput(state, int64_t(n));
+}
+
+void layerArgs(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"dense", "side", "layers"});
+    for (int layers : {1, 4, 16})
+        b->Args({0, 512, layers})->Args({100000, 256, layers});
+    b->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_Layers<Path::Single>)->Name("BM_LayersPerRay")->Apply(layerArgs);
+BENCHMARK(BM_Layers<Path::Packet>)->Name("BM_LayersPacket4x4")->Apply(layerArgs);
 
 }  // namespace
