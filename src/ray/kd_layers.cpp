@@ -119,7 +119,7 @@ inline __m256 equalLanes(__m256 v, int32_t index)
 
 struct LayerTileAcceptance {
     static constexpr float kDescentTolerance = kLayerTileDescentTolerance;
-    __m256 previous[2];                   // index bits per lane
+    __m256 previous[2];                  // index bits per lane
     __m256 ring[kExclusionRingSize][2];  // index bits per lane
     int ringCount;
 
@@ -147,8 +147,7 @@ void intersectLayeredTile(const SceneView& scene, const LayeredRayBlock& block, 
     const int64_t width = block.width;
     const int64_t rayCount = width * block.height;
     int64_t rowStart[2];
-    for (int h = 0; h < 2; ++h)
-        rowStart[h] = (int64_t(row) + 2 * h) * width + col;
+    tileRowStarts(row, col, width, rowStart);
     TileRays rays;
     TileHits hits;
     __m256 tNear[2], tFar[2];
@@ -197,7 +196,8 @@ void intersectLayeredTile(const SceneView& scene, const LayeredRayBlock& block, 
             }
             __m256& entry = acceptance.ring[layer % kExclusionRingSize][h];
             entry = _mm256_blendv_ps(entry, hits.triangle[h], hit);
-            acceptance.previous[h] = _mm256_blendv_ps(acceptance.previous[h], hits.triangle[h], hit);
+            acceptance.previous[h] =
+                _mm256_blendv_ps(acceptance.previous[h], hits.triangle[h], hit);
         }
         if (layer + 1 == block.layers) break;
         // The next layer of the rays that go on: no limit but the box exit.
@@ -210,7 +210,8 @@ void intersectLayeredTile(const SceneView& scene, const LayeredRayBlock& block, 
             for (int k = 0; k < 3; ++k) {
                 const __m256 o = rays.origin[k][h];
                 const __m256 inverse = rays.inverse[k][h];
-                const __m256 t1 = _mm256_mul_ps(_mm256_sub_ps(_mm256_set1_ps(scene.box[k]), o), inverse);
+                const __m256 t1 =
+                    _mm256_mul_ps(_mm256_sub_ps(_mm256_set1_ps(scene.box[k]), o), inverse);
                 const __m256 t2 =
                     _mm256_mul_ps(_mm256_sub_ps(_mm256_set1_ps(scene.box[k + 3]), o), inverse);
                 exit = _mm256_min_ps(_mm256_max_ps(t1, t2), exit);
@@ -236,10 +237,9 @@ void intersectLayersPacket4x4(const SceneView& scene, const LayeredRayBlock& blo
 
 bool takesLayersPacketPath(const LayeredRayBlock& block)
 {
-    return block.width % kTileSide == 0 && block.height % kTileSide == 0 &&
-           alignedTo16(block.dir[0]) && alignedTo16(block.dir[1]) && alignedTo16(block.dir[2]) &&
-           alignedTo16(block.dist) && alignedTo16(block.hitU) && alignedTo16(block.hitV) &&
-           alignedTo16(block.triIndex);
+    return fitsTiles(block.width, block.height,
+                     {block.dir[0], block.dir[1], block.dir[2], block.dist, block.hitU, block.hitV,
+                      block.triIndex});
 }
 
 void intersectLayers(const SceneView& scene, const LayeredRayBlock& block)

@@ -139,49 +139,26 @@ int clipTileOwnOriginsToBox(const float* box, TileRays& rays, __m256 tNear[2], _
     return entering;
 }
 
-void intersectOwnOriginTile(const SceneView& scene, const ManyOriginRayBlock& block, int row,
-                            int col)
-{
-    const int64_t width = block.width;
-    int64_t rowStart[2];
-    for (int h = 0; h < 2; ++h)
-        rowStart[h] = (int64_t(row) + 2 * h) * width + col;
-    TileRays rays;
-    TileHits hits;
-    __m256 tNear[2], tFar[2];
-    startTileHits(block.dist, rowStart, width, hits);
-    for (int h = 0; h < 2; ++h) {
-        for (int k = 0; k < 3; ++k) {
-            rays.origin[k][h] = loadTwoRows(block.origin[k], rowStart[h], width);
-            rays.dir[k][h] = loadTwoRows(block.dir[k], rowStart[h], width);
-        }
-        tNear[h] = _mm256_setzero_ps();
-        tFar[h] = hits.dist[h];
-    }
-    const int entering = clipTileOwnOriginsToBox(scene.box, rays, tNear, tFar);
-    if (entering == 0) return;
-    NearestHitTileRule<OwnOriginTileAcceptance> rule{scene.triangles, rays, hits, {}};
-    walkTile(scene.root, rays, entering, tNear, tFar, rule);
-    storeTileHits(block.dist, block.hitU, block.hitV, block.triIndex, rowStart, width, hits);
-}
-
 }  // namespace
 
 void intersectManyOriginsPacket4x4(const SceneView& scene, const ManyOriginRayBlock& block)
 {
-    std::memset(block.triIndex, 0xFF, size_t(block.width) * size_t(block.height) * 4);
-    for (int row = 0; row < block.height; row += kTileSide)
-        for (int col = 0; col < block.width; col += kTileSide)
-            intersectOwnOriginTile(scene, block, row, col);
+    const float* const* origin = block.origin;
+    const int64_t width = block.width;
+    intersectNearestTiles<OwnOriginTileAcceptance>(
+        scene,
+        {block.dir, block.dist, block.hitU, block.hitV, block.triIndex, block.width, block.height},
+        [origin, width](int k, int64_t rowStart) {
+            return loadTwoRows(origin[k], rowStart, width);
+        },
+        clipTileOwnOriginsToBox);
 }
 
 bool takesManyOriginsPacketPath(const ManyOriginRayBlock& block)
 {
-    return block.width % kTileSide == 0 && block.height % kTileSide == 0 &&
-           alignedTo16(block.origin[0]) && alignedTo16(block.origin[1]) &&
-           alignedTo16(block.origin[2]) && alignedTo16(block.dir[0]) &&
-           alignedTo16(block.dir[1]) && alignedTo16(block.dir[2]) && alignedTo16(block.dist) &&
-           alignedTo16(block.hitU) && alignedTo16(block.hitV) && alignedTo16(block.triIndex);
+    return fitsTiles(block.width, block.height,
+                     {block.origin[0], block.origin[1], block.origin[2], block.dir[0], block.dir[1],
+                      block.dir[2], block.dist, block.hitU, block.hitV, block.triIndex});
 }
 
 void intersectManyOrigins(const SceneView& scene, const ManyOriginRayBlock& block)

@@ -6,6 +6,7 @@
 #include <immintrin.h>
 
 #include <cstdint>
+#include <cstring>
 
 #include "accel/kd_format.h"
 #include "kd_walk.h"
@@ -191,5 +192,50 @@ struct NearestHitTileRule {
 // box. A component of magnitude up to the float epsilon does not narrow the interval and
 // takes kParallelInverse and no sign.
 int clipTileToBox(const float* box, TileRays& rays, __m256 tNear[2], __m256 tFar[2]);
+
+// The planes of a block of nearest-hit rays, rows packed (row stride = width).
+struct NearestHitPlanes {
+    const float* const* dir;  // x, y, z planes
+    float* dist;              // maximum distance in, nearest hit out (unchanged on a miss)
+    float* hitU;
+    float* hitV;
+    int32_t* triIndex;
+    int width, height;
+};
+
+// The tile path of a nearest-hit block: triIndex is filled with -1, then each tile loads its
+// rays (tileOrigin(k, rowStart) gives the origins of half of a tile on axis k), clips them to
+// the box with clip, walks the tree and stores its hits.
+template <class TileAcceptance, class TileOrigin, class Clip>
+void intersectNearestTiles(const SceneView& scene, const NearestHitPlanes& planes,
+                           TileOrigin tileOrigin, Clip clip)
+{
+    const int64_t width = planes.width;
+    std::memset(planes.triIndex, 0xFF, size_t(planes.width) * size_t(planes.height) * 4);
+    for (int row = 0; row < planes.height; row += kTileSide) {
+        for (int col = 0; col < planes.width; col += kTileSide) {
+            int64_t rowStart[2];
+            tileRowStarts(row, col, width, rowStart);
+            TileRays rays;
+            TileHits hits;
+            __m256 tNear[2], tFar[2];
+            startTileHits(planes.dist, rowStart, width, hits);
+            for (int h = 0; h < 2; ++h) {
+                for (int k = 0; k < 3; ++k) {
+                    rays.origin[k][h] = tileOrigin(k, rowStart[h]);
+                    rays.dir[k][h] = loadTwoRows(planes.dir[k], rowStart[h], width);
+                }
+                tNear[h] = _mm256_setzero_ps();
+                tFar[h] = hits.dist[h];
+            }
+            const int entering = clip(scene.box, rays, tNear, tFar);
+            if (entering == 0) continue;
+            NearestHitTileRule<TileAcceptance> rule{scene.triangles, rays, hits, {}};
+            walkTile(scene.root, rays, entering, tNear, tFar, rule);
+            storeTileHits(planes.dist, planes.hitU, planes.hitV, planes.triIndex, rowStart, width,
+                          hits);
+        }
+    }
+}
 
 }  // namespace vekr::ray

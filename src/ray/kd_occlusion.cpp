@@ -115,8 +115,8 @@ struct AnyHitTileRule {
                                                           _mm256_cmp_ps(t, zero, _CMP_GT_OQ)));
                 const int takeBits = _mm256_movemask_ps(take) << 8 * h;
                 if (takeBits == 0) continue;
-                occluder[h] = _mm256_blendv_ps(
-                    occluder[h], _mm256_castsi256_ps(_mm256_set1_epi32(index)), take);
+                occluder[h] = _mm256_blendv_ps(occluder[h],
+                                               _mm256_castsi256_ps(_mm256_set1_epi32(index)), take);
                 lanes[h] = _mm256_andnot_ps(take, lanes[h]);
                 occluded |= takeBits;
                 laneSet &= ~takeBits;
@@ -172,8 +172,7 @@ void findOccludersTile(const SceneView& scene, const OcclusionBlock& block, int 
 {
     const int64_t width = block.width;
     int64_t rowStart[2];
-    for (int h = 0; h < 2; ++h)
-        rowStart[h] = (int64_t(row) + 2 * h) * width + col;
+    tileRowStarts(row, col, width, rowStart);
     // Negative mask words have the sign bit set: those rays are not tested.
     float* const maskPlane = reinterpret_cast<float*>(block.mask);
     const int tested = ~laneBits(loadTwoRows(maskPlane, rowStart[0], width),
@@ -197,8 +196,8 @@ void findOccludersTile(const SceneView& scene, const OcclusionBlock& block, int 
     const __m256 allOnes = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     for (int h = 0; h < 2; ++h) {
         const __m256 occluded = laneMask(rule.occluded >> 8 * h & 0xFF);
-        storeTwoRows(reinterpret_cast<float*>(block.triIndex), rowStart[h], width,
-                     rule.occluder[h], occluded);
+        storeTwoRows(reinterpret_cast<float*>(block.triIndex), rowStart[h], width, rule.occluder[h],
+                     occluded);
         storeTwoRows(maskPlane, rowStart[h], width, allOnes, occluded);
     }
 }
@@ -215,9 +214,8 @@ void findOccludersPacket4x4(const SceneView& scene, const OcclusionBlock& block)
 
 bool takesOcclusionPacketPath(const OcclusionBlock& block)
 {
-    return block.width % kTileSide == 0 && block.height % kTileSide == 0 &&
-           alignedTo16(block.triIndex) && alignedTo16(block.mask) && alignedTo16(block.dir[0]) &&
-           alignedTo16(block.dir[1]) && alignedTo16(block.dir[2]);
+    return fitsTiles(block.width, block.height,
+                     {block.triIndex, block.mask, block.dir[0], block.dir[1], block.dir[2]});
 }
 
 void findOccluders(const SceneView& scene, const OcclusionBlock& block)

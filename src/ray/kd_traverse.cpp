@@ -77,49 +77,20 @@ int clipTileToBox(const float* box, TileRays& rays, __m256 tNear[2], __m256 tFar
     return entering;
 }
 
-namespace {
-
-void intersectTile(const SceneView& scene, const EyeRayBlock& block, int row, int col)
-{
-    const int64_t width = block.width;
-    int64_t rowStart[2];
-    for (int h = 0; h < 2; ++h)
-        rowStart[h] = (int64_t(row) + 2 * h) * width + col;
-    TileRays rays;
-    TileHits hits;
-    __m256 tNear[2], tFar[2];
-    startTileHits(block.dist, rowStart, width, hits);
-    for (int h = 0; h < 2; ++h) {
-        for (int k = 0; k < 3; ++k) {
-            rays.origin[k][h] = _mm256_set1_ps(block.origin[k]);
-            rays.dir[k][h] = loadTwoRows(block.dir[k], rowStart[h], width);
-        }
-        tNear[h] = _mm256_setzero_ps();
-        tFar[h] = hits.dist[h];
-    }
-    const int entering = clipTileToBox(scene.box, rays, tNear, tFar);
-    if (entering == 0) return;
-    NearestHitTileRule<SharedOriginTileAcceptance> rule{scene.triangles, rays, hits, {}};
-    walkTile(scene.root, rays, entering, tNear, tFar, rule);
-    storeTileHits(block.dist, block.hitU, block.hitV, block.triIndex, rowStart, width, hits);
-}
-
-}  // namespace
-
 void intersectEyeRaysPacket4x4(const SceneView& scene, const EyeRayBlock& block)
 {
-    std::memset(block.triIndex, 0xFF, size_t(block.width) * size_t(block.height) * 4);
-    for (int row = 0; row < block.height; row += kTileSide)
-        for (int col = 0; col < block.width; col += kTileSide)
-            intersectTile(scene, block, row, col);
+    const float* origin = block.origin;
+    intersectNearestTiles<SharedOriginTileAcceptance>(
+        scene,
+        {block.dir, block.dist, block.hitU, block.hitV, block.triIndex, block.width, block.height},
+        [origin](int k, int64_t) { return _mm256_set1_ps(origin[k]); }, clipTileToBox);
 }
 
 bool takesPacketPath(const EyeRayBlock& block)
 {
-    return block.width % kTileSide == 0 && block.height % kTileSide == 0 &&
-           alignedTo16(block.dir[0]) && alignedTo16(block.dir[1]) && alignedTo16(block.dir[2]) &&
-           alignedTo16(block.dist) && alignedTo16(block.hitU) && alignedTo16(block.hitV) &&
-           alignedTo16(block.triIndex);
+    return fitsTiles(block.width, block.height,
+                     {block.dir[0], block.dir[1], block.dir[2], block.dist, block.hitU, block.hitV,
+                      block.triIndex});
 }
 
 void intersectEyeRays(const SceneView& scene, const EyeRayBlock& block)

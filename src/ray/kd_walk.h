@@ -8,6 +8,7 @@
 
 #include <cassert>
 #include <cstdint>
+#include <initializer_list>
 
 #include "accel/kd_format.h"
 #include "ray_hit.h"
@@ -184,10 +185,10 @@ inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& 
     const __m256 eu = _mm256_sub_ps(_mm256_set1_ps(rec.pu), rays.origin[a.u][h]);
     const __m256 ev = _mm256_sub_ps(_mm256_set1_ps(rec.pv), rays.origin[a.v][h]);
     TileCrossing c;
-    c.num = _mm256_sub_ps(
-        _mm256_add_ps(_mm256_add_ps(_mm256_set1_ps(rec.pk), _mm256_mul_ps(nu, eu)),
-                      _mm256_mul_ps(nv, ev)),
-        rays.origin[a.k][h]);
+    c.num =
+        _mm256_sub_ps(_mm256_add_ps(_mm256_add_ps(_mm256_set1_ps(rec.pk), _mm256_mul_ps(nu, eu)),
+                                    _mm256_mul_ps(nv, ev)),
+                      rays.origin[a.k][h]);
     c.den = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(nu, du), _mm256_mul_ps(nv, dv)),
                           rays.dir[a.k][h]);
     const __m256 qu = _mm256_sub_ps(_mm256_mul_ps(c.num, du), _mm256_mul_ps(c.den, eu));
@@ -215,8 +216,8 @@ inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& 
 //                                                   finishes the subtree at node for the one
 //                                                   remaining ray by the per-ray walk.
 template <class Rule>
-inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSet,
-                     __m256 tNear[2], __m256 tFar[2], Rule& rule)
+inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSet, __m256 tNear[2],
+                     __m256 tFar[2], Rule& rule)
 {
     using accel::KdNode;
     PendingTileNode stack[accel::kMaxInnerNodesOnPath];
@@ -332,6 +333,23 @@ inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSe
 inline bool alignedTo16(const void* p)
 {
     return (reinterpret_cast<uintptr_t>(p) & 15) == 0;
+}
+
+// The tile paths need sides that are multiples of 4 and every plane they touch on a 16-byte
+// boundary.
+inline bool fitsTiles(int width, int height, std::initializer_list<const void*> planes)
+{
+    if (width % kTileSide != 0 || height % kTileSide != 0) return false;
+    for (const void* plane : planes)
+        if (!alignedTo16(plane)) return false;
+    return true;
+}
+
+// The two row starts of a tile's halves: rows row and row + 1, then row + 2 and row + 3.
+inline void tileRowStarts(int row, int col, int64_t width, int64_t rowStart[2])
+{
+    for (int h = 0; h < 2; ++h)
+        rowStart[h] = (int64_t(row) + 2 * h) * width + col;
 }
 
 }  // namespace vekr::ray
