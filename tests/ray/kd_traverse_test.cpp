@@ -52,11 +52,8 @@ protected:
     }
     static ray::EyeRayBlock blockOf(EyeRays& rays)
     {
-        static thread_local const float* dir[3];
-        for (int k = 0; k < 3; ++k)
-            dir[k] = rays.dir[k].data();
-        return {rays.origin,          dir,        rays.dist.data(), rays.u.data(), rays.v.data(),
-                rays.triIndex.data(), rays.width, rays.height};
+        return {rays.origin,          rays.dirs(), rays.dist.data(), rays.u.data(), rays.v.data(),
+                rays.triIndex.data(), rays.width,  rays.height};
     }
     EyeRays makeRays(int width, int height, uint32_t seed) const
     {

@@ -10,10 +10,14 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <random>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "accel/kd_format.h"
+#include "ray/kd_occlusion.h"
 #include "vekr.h"
 
 namespace vekr::test {
@@ -206,9 +210,10 @@ struct PreparedScene {
                               mesh.triangleCount());
         vekrSetBoundBox_32f(mesh.vertices.data(), mesh.vertexCount(), &box.minX);
     }
-    IntersectContext context(const void* root) const
+    // The context for a tree, with the mesh's box unless another is given.
+    IntersectContext context(const void* root, const float* otherBox = nullptr) const
     {
-        return IntersectContext{&box.minX, records.data(), root};
+        return IntersectContext{otherBox ? otherBox : &box.minX, records.data(), root};
     }
 };
 
@@ -455,7 +460,25 @@ struct EyeRays {
         triIndex.assign(size_t(count()), INT32_MIN);
     }
     std::array<float, 3> direction(int i) const { return {dir[0][i], dir[1][i], dir[2][i]}; }
+    // The direction planes as the functions take them.
+    const float* const* dirs()
+    {
+        for (int k = 0; k < 3; ++k)
+            dirPlanes_[k] = dir[k].data();
+        return dirPlanes_;
+    }
+
+private:
+    const float* dirPlanes_[3] = {};
 };
+
+// The exported nearest hit of a block from its own origin.
+inline Status intersectEye(EyeRays& rays, const IntersectContext& context)
+{
+    float* uv[2] = {rays.u.data(), rays.v.data()};
+    return vekrIntersectEyeSO_32f(rays.origin, rays.dirs(), rays.dist.data(), uv,
+                                  rays.triIndex.data(), &context, rays.width, rays.height);
+}
 
 // A direction of every kind the traversal must get right, chosen by ray number i: towards a
 // point inside a triangle, a shared vertex or an edge midpoint; a random direction; with
@@ -516,6 +539,39 @@ inline EyeRays makeMixedRays(const Mesh& mesh, const float origin[3], int width,
     }
     rays.reset();
     return rays;
+}
+
+// A block of segments from one origin, with the mask the caller passes in (the EyeRays planes
+// dist, u and v are not used).
+struct Segments : EyeRays {
+    AlignedVector<int32_t> maskIn, mask;
+    Segments(int w, int h) : EyeRays(w, h), maskIn(size_t(w * h), 0) { reset(); }
+    void reset()
+    {
+        EyeRays::reset();
+        mask = maskIn;
+    }
+    ray::OcclusionBlock block() { return {origin, dirs(), triIndex.data(), mask.data(), width, height}; }
+};
+
+// Segments from a light to points on and around the mesh, some stopping short of their
+// target and some reaching past it, some masked out (-1, -7) and one with a positive word.
+inline Segments shadowSegments(const Mesh& mesh, const float light[3], int width, int height,
+                               uint32_t seed)
+{
+    const EyeRays rays = makeMixedRays(mesh, light, width, height, seed);
+    Segments s(width, height);
+    std::copy(light, light + 3, s.origin);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> length(0.3f, 1.6f);
+    for (int i = 0; i < s.count(); ++i) {
+        const float scale = length(rng);
+        for (int k = 0; k < 3; ++k)
+            s.dir[k][i] = rays.dir[k][i] * scale;
+        s.maskIn[i] = i % 11 == 5 ? -1 : i % 13 == 6 ? -7 : i % 17 == 3 ? 5 : 0;
+    }
+    s.reset();
+    return s;
 }
 
 // A block of rays with one origin each: three origin planes besides the EyeRays planes (whose
@@ -628,6 +684,47 @@ inline HandTree splitTree(int axis, float split, int lower, int upper)
     return tree;
 }
 
+// A root that is a compact leaf of one triangle.
+inline HandTree oneLeafTree(int triangle)
+{
+    HandTree tree(2);
+    tree.leaf(0, triangle);
+    return tree;
+}
+
+// The hand-made cases run every block twice: 4 x 4 takes the tiles, 4 x 3 one ray at a time.
+// Rays (EyeRays or a kind of them) from origin along dirOf(i); returns run(rays) of each block.
+template <class Rays, class DirFn, class Run>
+auto onBothPaths(const float origin[3], DirFn dirOf, Run run)
+{
+    std::vector<decltype(run(std::declval<Rays&>()))> out;
+    for (int height : {4, 3}) {
+        Rays rays(4, height);
+        std::copy(origin, origin + 3, rays.origin);
+        for (int i = 0; i < rays.count(); ++i) {
+            const std::array<float, 3> d = dirOf(i);
+            for (int k = 0; k < 3; ++k)
+                rays.dir[k][size_t(i)] = d[k];
+        }
+        out.push_back(run(rays));
+    }
+    return out;
+}
+
+// What a hand-made case's block shows: the triangle every ray reports (-2 when they disagree)
+// and the first ray's distance.
+struct Shot {
+    int triangle;
+    float dist;
+};
+inline Shot shotOf(const EyeRays& rays)
+{
+    Shot shot{rays.triIndex[0], rays.dist[0]};
+    for (int i = 1; i < rays.count(); ++i)
+        if (rays.triIndex[size_t(i)] != shot.triangle) shot.triangle = -2;
+    return shot;
+}
+
 // The scenes and trees the traversal tests sweep: a triangle soup, or a bumpy height field in
 // a closed box (every edge shared); the library's one-leaf and full-depth trees, and median
 // trees with compact leaves, with list leaves only, and 48 levels deep.
@@ -642,6 +739,20 @@ inline const char* treeKindName(TreeKind kind)
     static const char* kNames[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
                                    "MedianDeep"};
     return kNames[int(kind)];
+}
+
+// A scene and a tree of the sweeps, named as both.
+struct SceneCase {
+    SceneKind scene;
+    TreeKind tree;
+};
+inline void PrintTo(const SceneCase& c, std::ostream* os)
+{
+    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
+}
+inline std::string sceneCaseName(const SceneCase& c)
+{
+    return std::string(sceneKindName(c.scene)) + treeKindName(c.tree);
 }
 
 inline Mesh makeTestScene(SceneKind kind)
