@@ -31,7 +31,8 @@ int32_t* ints(float* plane)
 }
 
 // One function through its planes of 4-byte elements (index and mask planes hold int32_t), in
-// the order listed; planes from `layeredFrom` on hold kLayers blocks of the rays.
+// the order listed, so that runs of them serve as the functions' plane arrays; planes from
+// `layeredFrom` on hold kLayers blocks of the rays.
 struct IntersectFunction {
     const char* name;
     int planeCount, layeredFrom;
@@ -55,13 +56,10 @@ const IntersectFunction kFunctions[] = {
          copyTo(rays.maxDist, p[3]);
      },
      [](float* const* p, int w, int h, const IntersectContext& context) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         float* uv[2] = {p[4], p[5]};
-         return vekrIntersectEyeSO_32f(kEye, dir, p[3], uv, ints(p[6]), &context, w, h);
+         return vekrIntersectEyeSO_32f(kEye, p, p[3], p + 4, ints(p[6]), &context, w, h);
      },
      [](float* const* p, int w, int h) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         return ray::takesPacketPath({kEye, dir, p[3], p[4], p[5], ints(p[6]), w, h});
+         return ray::takesPacketPath({kEye, p, p[3], p[4], p[5], ints(p[6]), w, h});
      }},
     {"AnySO: dir x, y, z, triIndex, mask", 5, 5, false,
      [](const Mesh& mesh, int w, int h, float* const* p) {
@@ -71,12 +69,10 @@ const IntersectFunction kFunctions[] = {
          std::copy(s.maskIn.begin(), s.maskIn.end(), ints(p[4]));
      },
      [](float* const* p, int w, int h, const IntersectContext& context) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         return vekrIntersectAnySO_32f(kEye, dir, ints(p[3]), ints(p[4]), w, h, &context);
+         return vekrIntersectAnySO_32f(kEye, p, ints(p[3]), ints(p[4]), w, h, &context);
      },
      [](float* const* p, int w, int h) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         return ray::takesOcclusionPacketPath({kEye, dir, ints(p[3]), ints(p[4]), w, h});
+         return ray::takesOcclusionPacketPath({kEye, p, ints(p[3]), ints(p[4]), w, h});
      }},
     {"MO: origin x, y, z, dir x, y, z, dist, u, v, triIndex", 10, 10, false,
      [](const Mesh& mesh, int w, int h, float* const* p) {
@@ -88,13 +84,10 @@ const IntersectFunction kFunctions[] = {
          copyTo(rays.maxDist, p[6]);
      },
      [](float* const* p, int w, int h, const IntersectContext& context) {
-         const float *org[3] = {p[0], p[1], p[2]}, *dir[3] = {p[3], p[4], p[5]};
-         float* uv[2] = {p[7], p[8]};
-         return vekrIntersectMO_32f(org, dir, p[6], uv, ints(p[9]), &context, w, h);
+         return vekrIntersectMO_32f(p, p + 3, p[6], p + 7, ints(p[9]), &context, w, h);
      },
      [](float* const* p, int w, int h) {
-         const float *org[3] = {p[0], p[1], p[2]}, *dir[3] = {p[3], p[4], p[5]};
-         return ray::takesManyOriginsPacketPath({org, dir, p[6], p[7], p[8], ints(p[9]), w, h});
+         return ray::takesManyOriginsPacketPath({p, p + 3, p[6], p[7], p[8], ints(p[9]), w, h});
      }},
     {"MultipleSO: dir x, y, z, then per layer dist, u, v, triIndex", 7, 3, true,
      [](const Mesh&, int w, int h, float* const* p) {
@@ -106,14 +99,11 @@ const IntersectFunction kFunctions[] = {
          }
      },
      [](float* const* p, int w, int h, const IntersectContext& context) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         float* uv[2] = {p[4], p[5]};
-         return vekrIntersectMultipleSO_32f(kEye, dir, p[3], uv, ints(p[6]), w, h, kLayers,
+         return vekrIntersectMultipleSO_32f(kEye, p, p[3], p + 4, ints(p[6]), w, h, kLayers,
                                             &context);
      },
      [](float* const* p, int w, int h) {
-         const float* dir[3] = {p[0], p[1], p[2]};
-         return ray::takesLayersPacketPath({kEye, dir, p[3], p[4], p[5], ints(p[6]), w, h, kLayers});
+         return ray::takesLayersPacketPath({kEye, p, p[3], p[4], p[5], ints(p[6]), w, h, kLayers});
      }},
 };
 

@@ -19,19 +19,11 @@ using namespace vekr::test;
 
 namespace {
 
-// The internal view of a block; keeps the plane pointer arrays it points to.
-struct ViewOf {
-    const float* org[3];
-    const float* dir[3];
-    ray::ManyOriginRayBlock block;
-    explicit ViewOf(OwnOriginRays& r)
-        : org{r.org[0].data(), r.org[1].data(), r.org[2].data()},
-          dir{r.dir[0].data(), r.dir[1].data(), r.dir[2].data()},
-          block{org, dir, r.dist.data(), r.u.data(), r.v.data(), r.triIndex.data(), r.width,
-                r.height}
-    {
-    }
-};
+ray::ManyOriginRayBlock blockOf(OwnOriginRays& r)
+{
+    return {r.origins(), r.dirs(),          r.dist.data(), r.u.data(),
+            r.v.data(),  r.triIndex.data(), r.width,       r.height};
+}
 
 class ManyOriginsTest : public testing::TestWithParam<SceneCase> {};
 
@@ -43,9 +35,9 @@ TEST_P(ManyOriginsTest, PerRayPathMatchesBruteForceAndTilesMatchSingleRays)
     const ray::SceneView view{&scene.box.minX, scene.records.data(), tree.rootNode()};
     OwnOriginRays single = makeOwnOriginRays(scene.mesh, 32, 16, 11);
     OwnOriginRays packet = single;
-    ray::intersectManyOriginsSingle(view, ViewOf(single).block);
-    ASSERT_TRUE(ray::takesManyOriginsPacketPath(ViewOf(packet).block));
-    ray::intersectManyOriginsPacket4x4(view, ViewOf(packet).block);
+    ray::intersectManyOriginsSingle(view, blockOf(single));
+    ASSERT_TRUE(ray::takesManyOriginsPacketPath(blockOf(packet)));
+    ray::intersectManyOriginsPacket4x4(view, blockOf(packet));
     int compared = 0, hits = 0;
     for (int i = 0; i < single.count(); ++i) {
         const auto o = single.originOf(i), d = single.direction(i);
@@ -105,10 +97,9 @@ std::vector<Shot> shoot(const Mesh& mesh, const void* root, const float box[6],
                 std::fill(rays.org[k].begin(), rays.org[k].end(), origin[k]);
             std::fill(rays.maxDist.begin(), rays.maxDist.end(), maxDist);
             rays.reset();
-            ViewOf view(rays);
-            EXPECT_EQ(ray::takesManyOriginsPacketPath(view.block), rays.height == 4);
+            EXPECT_EQ(ray::takesManyOriginsPacketPath(blockOf(rays)), rays.height == 4);
             float* uv[2] = {rays.u.data(), rays.v.data()};
-            EXPECT_EQ(vekrIntersectMO_32f(view.org, view.dir, rays.dist.data(), uv,
+            EXPECT_EQ(vekrIntersectMO_32f(rays.origins(), rays.dirs(), rays.dist.data(), uv,
                                           rays.triIndex.data(), &context, 4, rays.height),
                       StatusOk);
             for (int i = 0; i < rays.count(); ++i)

@@ -584,6 +584,15 @@ struct OwnOriginRays : EyeRays {
             plane.assign(size_t(w * h), 0.0f);
     }
     std::array<float, 3> originOf(int i) const { return {org[0][i], org[1][i], org[2][i]}; }
+    const float* const* origins()
+    {
+        for (int k = 0; k < 3; ++k)
+            orgPlanes_[k] = org[k].data();
+        return orgPlanes_;
+    }
+
+private:
+    const float* orgPlanes_[3] = {};
 };
 
 // Rays of every kind (mixedDirection) from origins cycling by ray number through: outside the
