@@ -13,11 +13,15 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "accel/kd_format.h"
 #include "ray/kd_occlusion.h"
+#include "support/float_bits.h"
 #include "vekr.h"
 
 namespace vekr::test {
@@ -636,6 +640,46 @@ inline OwnOriginRays makeOwnOriginRays(const Mesh& mesh, int width, int height, 
     }
     rays.reset();
     return rays;
+}
+
+// A nearest-hit block on both paths against the brute force: where the reference is clear, both
+// give its triangle and the per-ray path its distance (within 2e-5 of max(floor, dist)) and
+// weights (1e-4); wherever the paths give the same triangle they give the same bits, and a
+// miss leaves the distance and the weights as they were. Returns the rays compared and hit.
+template <class Rays>
+std::pair<int, int> expectNearestHits(const Mesh& mesh, const Rays& single, const Rays& packet,
+                                      double floor)
+{
+    int compared = 0, hits = 0;
+    for (int i = 0; i < single.count(); ++i) {
+        std::array<float, 3> o{single.origin[0], single.origin[1], single.origin[2]};
+        if constexpr (std::is_base_of_v<OwnOriginRays, Rays>) o = single.originOf(i);
+        const auto d = single.direction(i);
+        const ReferenceHit ref = referenceNearestHit(mesh, o.data(), d.data(), single.maxDist[i]);
+        if (!ref.ambiguous) {
+            ++compared;
+            hits += ref.triangle >= 0;
+            EXPECT_EQ(single.triIndex[i], ref.triangle) << "ray " << i;
+            EXPECT_EQ(packet.triIndex[i], ref.triangle) << "tile ray " << i;
+            if (single.triIndex[i] != ref.triangle) return {compared, hits};
+            if (ref.triangle >= 0) {
+                EXPECT_NEAR(single.dist[i], ref.dist, 2e-5 * std::max(floor, ref.dist))
+                    << "ray " << i;
+                EXPECT_NEAR(single.u[i], ref.u, 1e-4) << "ray " << i;
+                EXPECT_NEAR(single.v[i], ref.v, 1e-4) << "ray " << i;
+            }
+        }
+        if (packet.triIndex[i] != single.triIndex[i]) continue;
+        EXPECT_EQ(floatBits(packet.dist[i]), floatBits(single.dist[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.u[i]), floatBits(single.u[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.v[i]), floatBits(single.v[i])) << "ray " << i;
+        if (single.triIndex[i] < 0) {
+            EXPECT_EQ(floatBits(single.dist[i]), floatBits(single.maxDist[i])) << "ray " << i;
+            EXPECT_EQ(single.u[i], EyeRays::kUntouched) << "ray " << i;
+            EXPECT_EQ(single.v[i], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+    return {compared, hits};
 }
 
 // Tree blocks slot by slot (8 bytes each), for trees made by hand; slot 1 stays zero after
