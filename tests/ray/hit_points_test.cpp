@@ -79,41 +79,28 @@ TEST_P(HitPoints, FollowTheGroupMaskRuleWithoutTouchingPastCount)
         for (int count = 0; count <= 40; ++count)
             for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
                 const HitPointInputs in(count, uint32_t(count));
-                const size_t n = size_t(count);
-                GuardedArray<float> d[3] = {GuardedArray<float>(n, end),
-                                            GuardedArray<float>(n, end),
-                                            GuardedArray<float>(n, end)};
-                GuardedArray<float> o[3] = {GuardedArray<float>(n, end),
-                                            GuardedArray<float>(n, end),
-                                            GuardedArray<float>(n, end)};
-                GuardedArray<float> out[3] = {GuardedArray<float>(n, end),
-                                              GuardedArray<float>(n, end),
-                                              GuardedArray<float>(n, end)};
-                GuardedArray<float> dist(n, end);
-                GuardedArray<int32_t> mask(n, end);
-                for (int k = 0; k < 3; ++k) {
-                    d[k].copyFrom(in.dir[k].data());
-                    o[k].copyFrom(in.origin[k].data());
-                }
-                dist.copyFrom(in.dist.data());
-                mask.copyFrom(in.mask.data());
-                const float* dirs[3] = {d[0].data(), d[1].data(), d[2].data()};
-                const float* origins[3] = {o[0].data(), o[1].data(), o[2].data()};
+                GuardPool g{end, {}};
+                const std::vector<float> zeros(static_cast<size_t>(count));
+                const float* dirs[3] = {g.copy(in.dir[0]), g.copy(in.dir[1]), g.copy(in.dir[2])};
+                const float* origins[3] = {g.copy(in.origin[0]), g.copy(in.origin[1]),
+                                           g.copy(in.origin[2])};
+                float* const points[3] = {g.copy(zeros), g.copy(zeros), g.copy(zeros)};
+                const float* dist = g.copy(in.dist);
+                const int32_t* mask = g.copy(in.mask);
                 const float sharedOrigin[3] = {in.origin[0].empty() ? 0 : in.origin[0][0],
                                                in.origin[1].empty() ? 0 : in.origin[1][0],
                                                in.origin[2].empty() ? 0 : in.origin[2][0]};
-                float* const points[3] = {out[0].data(), out[1].data(), out[2].data()};
                 if (GetParam().fn) {
                     GetParam().fn({shared ? sharedOrigin : nullptr, shared ? nullptr : origins,
-                                   dirs, dist.data(), mask.data(), count, eps},
+                                   dirs, dist, mask, count, eps},
                                   points);
                 } else if (shared) {
-                    ASSERT_EQ(vekrHitPoint3DEpsS0_32f_M(sharedOrigin, dirs, dist.data(),
-                                                        mask.data(), points, count, eps),
+                    ASSERT_EQ(vekrHitPoint3DEpsS0_32f_M(sharedOrigin, dirs, dist, mask, points,
+                                                        count, eps),
                               StatusOk);
                 } else {
-                    ASSERT_EQ(vekrHitPoint3DEpsM0_32f_M(origins, dirs, dist.data(), mask.data(),
-                                                        points, count, eps),
+                    ASSERT_EQ(vekrHitPoint3DEpsM0_32f_M(origins, dirs, dist, mask, points, count,
+                                                        eps),
                               StatusOk);
                 }
                 for (int i = 0; i < count; ++i)

@@ -1,5 +1,5 @@
-// The exported nearest-hit function: path choice, miss outputs, ties and the special cases
-// of the traversal, through the public interface.
+// The exported nearest-hit function: miss outputs, ties and the special cases of the traversal,
+// through the public interface (path choice and bounds: intersect_contract_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -7,9 +7,7 @@
 #include <vector>
 
 #include "accel/kd_format.h"
-#include "ray/kd_traverse.h"
 #include "support/float_bits.h"
-#include "support/guard_buffer.h"
 #include "support/ray_scenes.h"
 #include "vekr.h"
 
@@ -18,21 +16,10 @@ using namespace vekr::test;
 
 namespace {
 
-Status intersect(const PreparedScene& scene, const void* root, EyeRays& rays)
-{
-    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
-    float* uv[2] = {rays.u.data(), rays.v.data()};
-    const IntersectContext context = scene.context(root);
-    return vekrIntersectEyeSO_32f(rays.origin, dir, rays.dist.data(), uv, rays.triIndex.data(),
-                                  &context, rays.width, rays.height);
-}
-
 // n rays from (x, y, 1) straight down onto the z = 0 plane, spread along x from x0 by dx.
 EyeRays raysDown(int width, int height, float x0, float dx, float y)
 {
     EyeRays rays(width, height);
-    rays.origin[0] = 0.0f;
-    rays.origin[1] = 0.0f;
     rays.origin[2] = 1.0f;
     for (int i = 0; i < rays.count(); ++i) {
         rays.dir[0][i] = x0 + dx * float(i);
@@ -55,48 +42,6 @@ Mesh twoCoincidentQuads()
     return mesh;
 }
 
-TEST(IntersectEye, PacketPathNeedsSidesOfFourAndAlignedPlanes)
-{
-    EyeRays rays(8, 5);
-    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
-    ray::EyeRayBlock block{
-        rays.origin, dir, rays.dist.data(), rays.u.data(), rays.v.data(), rays.triIndex.data(),
-        8,           4};
-    EXPECT_TRUE(ray::takesPacketPath(block));
-    block.height = 5;
-    EXPECT_FALSE(ray::takesPacketPath(block));
-    block.height = 4;
-    block.width = 6;
-    EXPECT_FALSE(ray::takesPacketPath(block));
-    block.width = 8;
-    // One plane off by one float, each in turn.
-    for (int plane = 0; plane < 7; ++plane) {
-        ray::EyeRayBlock shifted = block;
-        const float* shiftedDir[3] = {dir[0], dir[1], dir[2]};
-        shifted.dir = shiftedDir;
-        switch (plane) {
-            case 0:
-            case 1:
-            case 2:
-                shiftedDir[plane] += 1;
-                break;
-            case 3:
-                shifted.dist += 1;
-                break;
-            case 4:
-                shifted.hitU += 1;
-                break;
-            case 5:
-                shifted.hitV += 1;
-                break;
-            case 6:
-                shifted.triIndex += 1;
-                break;
-        }
-        EXPECT_FALSE(ray::takesPacketPath(shifted)) << "plane " << plane;
-    }
-}
-
 TEST(IntersectEye, MissesKeepDistanceAndWeights)
 {
     const PreparedScene scene(twoCoincidentQuads());
@@ -106,7 +51,7 @@ TEST(IntersectEye, MissesKeepDistanceAndWeights)
         for (int i = 0; i < rays.count(); ++i)
             rays.maxDist[i] = i % 2 ? FLT_MAX : 7.5f;
         rays.reset();
-        ASSERT_EQ(intersect(scene, tree.root(), rays), StatusOk);
+        ASSERT_EQ(intersectEye(rays, scene.context(tree.root())), StatusOk);
         for (int i = 0; i < rays.count(); ++i) {
             EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
             EXPECT_EQ(rays.dist[i], rays.maxDist[i]) << "ray " << i;
@@ -125,7 +70,7 @@ TEST(IntersectEye, NonPositiveMaximumDistanceNeverHits)
         for (int i = 0; i < rays.count(); ++i)
             rays.maxDist[i] = i % 3 == 0 ? 0.0f : (i % 3 == 1 ? -0.0f : -2.0f);
         rays.reset();
-        intersect(scene, tree.root(), rays);
+        intersectEye(rays, scene.context(tree.root()));
         for (int i = 0; i < rays.count(); ++i) {
             EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
             EXPECT_EQ(floatBits(rays.dist[i]), floatBits(rays.maxDist[i])) << "ray " << i;
@@ -143,7 +88,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
         const ListLeafTree tree = listLeafTree(order);
         for (int height : {4, 3}) {
             EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
-            intersect(scene, tree.root(), rays);
+            intersectEye(rays, scene.context(tree.root()));
             for (int i = 0; i < rays.count(); ++i) {
                 ASSERT_GE(rays.triIndex[i], 0) << "ray " << i;
                 EXPECT_EQ(rays.triIndex[i] / 2, expectedQuad) << "ray " << i;
@@ -167,7 +112,7 @@ TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
         rays.dir[2][i] = -1.0f;
     }
     rays.reset();
-    intersect(scene, tree.root(), rays);
+    intersectEye(rays, scene.context(tree.root()));
     for (int i = 0; i < rays.count(); ++i)
         EXPECT_EQ(rays.triIndex[i], 1) << "ray " << i;
 }
@@ -183,7 +128,7 @@ TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
     ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
     tree.words = {uint32_t(leaf.word0), leaf.word1, 0, 0};
     EyeRays rays = raysDown(4, 4, 0.2f, 0.04f, -0.5f);
-    intersect(scene, tree.root(), rays);
+    intersectEye(rays, scene.context(tree.root()));
     for (int i = 0; i < rays.count(); ++i)
         EXPECT_EQ(rays.triIndex[i], 2) << "ray " << i;
 }
@@ -212,7 +157,7 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
         for (int i = 0; i < rays.count(); i += 3)
             rays.dir[2][i] = 1.0f;  // pointing away: the plane lies behind the origin
         rays.reset();
-        intersect(scene, tree.root(), rays);
+        intersectEye(rays, scene.context(tree.root()));
         for (int i = 0; i < rays.count(); ++i) {
             const bool expectHit = rays.dir[0][i] > 0.0f && rays.dir[2][i] < 0.0f;
             if (expectHit)
@@ -225,14 +170,9 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
 
 TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
 {
-    // A wall in x = 0.5 facing -x, within y, z of [-1, 1].
-    Mesh mesh;
-    const int a = mesh.addVertex(0.5f, -1, -1), b = mesh.addVertex(0.5f, 1, -1);
-    const int c = mesh.addVertex(0.5f, 1, 1), d = mesh.addVertex(0.5f, -1, 1);
-    mesh.addTriangle(a, b, c);
-    mesh.addTriangle(a, c, d);
-    const PreparedScene scene(mesh);
-    const ListLeafTree tree = listLeafTree({0, 1});
+    // A wall in x = 0.5, within y, z of [-1, 3].
+    const PreparedScene scene(wallsAt({0.5f}));
+    const ListLeafTree tree = listLeafTree({0});
     EyeRays rays(4, 4);
     rays.origin[0] = -3.0f;
     rays.origin[1] = 5.0f;  // outside the box on y
@@ -242,61 +182,17 @@ TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
         rays.dir[2][i] = 0.01f * float(i - 8);
     }
     rays.reset();
-    intersect(scene, tree.root(), rays);
+    intersectEye(rays, scene.context(tree.root()));
     // Parallel on y, the ray is not clipped there; it passes beside the wall (y = 5).
     for (int i = 0; i < rays.count(); ++i)
         EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
     // From inside the slab, the same directions hit the wall.
     rays.origin[1] = 0.25f;
     rays.reset();
-    intersect(scene, tree.root(), rays);
+    intersectEye(rays, scene.context(tree.root()));
     for (int i = 0; i < rays.count(); ++i) {
         EXPECT_GE(rays.triIndex[i], 0) << "ray " << i;
         EXPECT_EQ(rays.dist[i], 3.5f) << "ray " << i;
-    }
-}
-
-TEST(IntersectEye, EmptyBlocksWriteNothing)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({0});
-    EyeRays rays = raysDown(4, 4, 0.0f, 0.0f, 0.0f);
-    const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
-    float* uv[2] = {rays.u.data(), rays.v.data()};
-    const IntersectContext context = scene.context(tree.root());
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{0, 4}, {4, 0}, {-4, -4}}) {
-        EXPECT_EQ(vekrIntersectEyeSO_32f(rays.origin, dir, rays.dist.data(), uv,
-                                         rays.triIndex.data(), &context, w, h),
-                  StatusOk);
-        for (int i = 0; i < rays.count(); ++i)
-            ASSERT_EQ(rays.triIndex[i], INT32_MIN);
-    }
-}
-
-// Every plane against a guard page, for both paths: nothing past the block is read or written.
-TEST(IntersectEye, TouchesNothingPastTheBlock)
-{
-    const Mesh mesh = makeTriangleSoup(60, 5);
-    const PreparedScene scene(mesh);
-    const MedianKdTree tree(mesh, 8, 3);
-    const IntersectContext context = scene.context(tree.root());
-    const float eye[3] = {0.1f, 0.2f, 3.0f};
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
-        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-            const EyeRays rays = makeMixedRays(mesh, eye, w, h, 3);
-            const size_t n = size_t(w * h);
-            GuardedArray<float> dx(n, end), dy(n, end), dz(n, end), dist(n, end), u(n, end),
-                v(n, end);
-            GuardedArray<int32_t> tri(n, end);
-            dx.copyFrom(rays.dir[0].data());
-            dy.copyFrom(rays.dir[1].data());
-            dz.copyFrom(rays.dir[2].data());
-            dist.copyFrom(rays.maxDist.data());
-            const float* dir[3] = {dx.data(), dy.data(), dz.data()};
-            float* uv[2] = {u.data(), v.data()};
-            EXPECT_EQ(vekrIntersectEyeSO_32f(eye, dir, dist.data(), uv, tri.data(), &context, w, h),
-                      StatusOk);
-        }
     }
 }
 

@@ -1,6 +1,6 @@
 // Successive hits along rays from one origin: both paths against a brute force over all
 // triangles per layer, one layer against the nearest-hit function, the exclusion rules on
-// hand-made trees, path choice and bounds.
+// hand-made trees (path choice and bounds: intersect_contract_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -11,7 +11,6 @@
 
 #include "ray/kd_layers.h"
 #include "support/float_bits.h"
-#include "support/guard_buffer.h"
 #include "support/ray_scenes.h"
 #include "vekr.h"
 
@@ -27,13 +26,6 @@ struct LayeredRays {
     int layers;
     AlignedVector<float> dist, u, v;
     AlignedVector<int32_t> triIndex;
-    const float* dir[3] = {};
-    const float* const* planes()
-    {
-        for (int k = 0; k < 3; ++k)
-            dir[k] = rays.dir[k].data();
-        return dir;
-    }
 
     LayeredRays(const EyeRays& r, int layerCount) : rays(r), layers(layerCount) { reset(); }
     size_t size() const { return size_t(rays.count() * layers); }
@@ -47,13 +39,13 @@ struct LayeredRays {
     }
     ray::LayeredRayBlock block()
     {
-        return {rays.origin, planes(),    dist.data(), u.data(), v.data(), triIndex.data(),
+        return {rays.origin, rays.dirs(),    dist.data(), u.data(), v.data(), triIndex.data(),
                 rays.width,  rays.height, layers};
     }
     Status intersect(const IntersectContext& context)
     {
         float* uv[2] = {u.data(), v.data()};
-        return vekrIntersectMultipleSO_32f(rays.origin, planes(), dist.data(), uv, triIndex.data(),
+        return vekrIntersectMultipleSO_32f(rays.origin, rays.dirs(), dist.data(), uv, triIndex.data(),
                                            rays.width, rays.height, layers, &context);
     }
     // Element of layer k of ray i.
@@ -89,17 +81,7 @@ std::pair<int, int> expectMatchesReference(const LayeredRays& out, const std::ve
     return {hits[0], hits[1]};
 }
 
-struct LayersCase {
-    SceneKind scene;
-    TreeKind tree;
-};
-
-void PrintTo(const LayersCase& c, std::ostream* os)
-{
-    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
-}
-
-class LayersTest : public testing::TestWithParam<LayersCase> {};
+class LayersTest : public testing::TestWithParam<SceneCase> {};
 
 TEST_P(LayersTest, BothPathsMatchBruteForceLayerByLayer)
 {
@@ -134,10 +116,7 @@ TEST_P(LayersTest, OneLayerIsTheNearestHit)
     const float eye[3] = {0.3f, -0.6f, 3.5f};
     EyeRays nearest = makeMixedRays(scene.mesh, eye, 23, 13, 5);
     LayeredRays layered(nearest, 1);
-    const float* dir[3] = {nearest.dir[0].data(), nearest.dir[1].data(), nearest.dir[2].data()};
-    float* uv[2] = {nearest.u.data(), nearest.v.data()};
-    vekrIntersectEyeSO_32f(eye, dir, nearest.dist.data(), uv, nearest.triIndex.data(), &context,
-                           23, 13);
+    ASSERT_EQ(intersectEye(nearest, context), StatusOk);
     ASSERT_EQ(layered.intersect(context), StatusOk);
     int same = 0;
     for (int i = 0; i < nearest.count(); ++i) {
@@ -157,37 +136,26 @@ TEST_P(LayersTest, OneLayerIsTheNearestHit)
 
 INSTANTIATE_TEST_SUITE_P(
     Scenes, LayersTest,
-    testing::Values(LayersCase{SceneKind::Soup, TreeKind::Simple},
-                    LayersCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    LayersCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    LayersCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    [](const testing::TestParamInfo<LayersCase>& info) {
-        return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree);
-    });
+    testing::Values(SceneCase{SceneKind::Soup, TreeKind::Simple},
+                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
+    [](const auto& info) { return sceneCaseName(info.param); });
 
-// --- Hand-made cases, each through a 4 x 4 block (tiles) and a 4 x 3 block (one ray at a
-// time) ---------------------------------------------------------------------------------
+// --- Hand-made cases, each on both paths (onBothPaths) ------------------------------------
 
-// Rays from origin along (dx(i), dy(i), dz(i)) for each path.
+// Rays from origin along dirOf(i) for each path.
 template <class DirFn>
 std::vector<LayeredRays> shootLayers(const PreparedScene& scene, const void* root,
                                      const float origin[3], int layers, DirFn dirOf)
 {
     const IntersectContext context = scene.context(root);
-    std::vector<LayeredRays> out;
-    for (int height : {4, 3}) {
-        EyeRays rays(4, height);
-        std::copy(origin, origin + 3, rays.origin);
-        for (int i = 0; i < rays.count(); ++i) {
-            const std::array<float, 3> d = dirOf(i);
-            for (int k = 0; k < 3; ++k)
-                rays.dir[k][i] = d[k];
-        }
-        out.emplace_back(rays, layers);
-        EXPECT_EQ(ray::takesLayersPacketPath(out.back().block()), height == 4);
-        EXPECT_EQ(out.back().intersect(context), StatusOk);
-    }
-    return out;
+    return onBothPaths<EyeRays>(origin, dirOf, [&](const EyeRays& rays) {
+        LayeredRays out(rays, layers);
+        EXPECT_EQ(ray::takesLayersPacketPath(out.block()), rays.height == 4);
+        EXPECT_EQ(out.intersect(context), StatusOk);
+        return out;
+    });
 }
 
 TEST(LayersRules, ClosedBoxIsCrossedTwiceThenNothing)
@@ -277,52 +245,6 @@ TEST(LayersRules, RingOfEightEarlierHitsWrapsInLayerNine)
         }
     }
     EXPECT_GT(wraps, 0) << "no ray came back to copy 0 in layer 9";
-}
-
-// --- Bounds ------------------------------------------------------------------------------
-
-// Every plane against a guard page at either end, on both paths, with rays that reach the
-// last layer; empty blocks and no layers touch nothing.
-TEST(IntersectMultiple, TouchesNothingPastTheBlock)
-{
-    const PreparedScene scene(makeTestScene(SceneKind::HeightFieldInBox));
-    const MedianKdTree tree(scene.mesh, 10, 3);
-    const IntersectContext context = scene.context(tree.root());
-    const float eye[3] = {0.1f, 0.2f, 3.0f};
-    const int layers = 3;
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
-        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-            EyeRays rays(w, h);  // down through the box, the height field and out again
-            for (int i = 0; i < rays.count(); ++i) {
-                rays.dir[0][i] = 0.03f * float(i % 5) - 0.1f;
-                rays.dir[1][i] = -0.02f * float(i % 7);
-                rays.dir[2][i] = -1.0f;
-            }
-            const size_t n = size_t(w * h), all = n * size_t(layers);
-            GuardedArray<float> dx(n, end), dy(n, end), dz(n, end), dist(all, end), u(all, end),
-                v(all, end);
-            GuardedArray<int32_t> tri(all, end);
-            dx.copyFrom(rays.dir[0].data());
-            dy.copyFrom(rays.dir[1].data());
-            dz.copyFrom(rays.dir[2].data());
-            std::copy(rays.maxDist.begin(), rays.maxDist.end(), dist.data());
-            const float* dir[3] = {dx.data(), dy.data(), dz.data()};
-            float* uv[2] = {u.data(), v.data()};
-            EXPECT_EQ(vekrIntersectMultipleSO_32f(eye, dir, dist.data(), uv, tri.data(), w, h,
-                                                  layers, &context),
-                      StatusOk);
-            EXPECT_GE(tri.data()[all - 1], 0) << w << " x " << h << ": last layer not reached";
-        }
-    }
-    GuardedArray<float> none(0);
-    GuardedArray<int32_t> noIndex(0);
-    const float* planes[3] = {none.data(), none.data(), none.data()};
-    float* uv[2] = {none.data(), none.data()};
-    for (const auto& [w, h, layers] : std::vector<std::tuple<int, int, int>>{
-             {0, 4, 3}, {4, 0, 3}, {-4, 4, 3}, {4, 4, 0}, {4, 4, -2}, {0, 0, 0}})
-        EXPECT_EQ(vekrIntersectMultipleSO_32f(eye, planes, none.data(), uv, noIndex.data(), w, h,
-                                              layers, &context),
-                  StatusOk);
 }
 
 }  // namespace

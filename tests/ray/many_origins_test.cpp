@@ -1,6 +1,6 @@
 // Nearest hits of rays with one origin each: the per-ray path against a double-precision brute
-// force, tiles against single rays, the strict box and triangle rules on hand-made trees, path
-// choice and bounds.
+// force, tiles against single rays, the strict box and triangle rules on hand-made trees (path
+// choice and bounds: intersect_contract_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -11,7 +11,6 @@
 
 #include "ray/kd_many_origins.h"
 #include "support/float_bits.h"
-#include "support/guard_buffer.h"
 #include "support/ray_scenes.h"
 #include "vekr.h"
 
@@ -20,31 +19,13 @@ using namespace vekr::test;
 
 namespace {
 
-// The internal view of a block; keeps the plane pointer arrays it points to.
-struct ViewOf {
-    const float* org[3];
-    const float* dir[3];
-    ray::ManyOriginRayBlock block;
-    explicit ViewOf(OwnOriginRays& r)
-        : org{r.org[0].data(), r.org[1].data(), r.org[2].data()},
-          dir{r.dir[0].data(), r.dir[1].data(), r.dir[2].data()},
-          block{org, dir, r.dist.data(), r.u.data(), r.v.data(), r.triIndex.data(), r.width,
-                r.height}
-    {
-    }
-};
-
-struct ManyOriginsCase {
-    SceneKind scene;
-    TreeKind tree;
-};
-
-void PrintTo(const ManyOriginsCase& c, std::ostream* os)
+ray::ManyOriginRayBlock blockOf(OwnOriginRays& r)
 {
-    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
+    return {r.origins(), r.dirs(),          r.dist.data(), r.u.data(),
+            r.v.data(),  r.triIndex.data(), r.width,       r.height};
 }
 
-class ManyOriginsTest : public testing::TestWithParam<ManyOriginsCase> {};
+class ManyOriginsTest : public testing::TestWithParam<SceneCase> {};
 
 TEST_P(ManyOriginsTest, PerRayPathMatchesBruteForceAndTilesMatchSingleRays)
 {
@@ -54,99 +35,53 @@ TEST_P(ManyOriginsTest, PerRayPathMatchesBruteForceAndTilesMatchSingleRays)
     const ray::SceneView view{&scene.box.minX, scene.records.data(), tree.rootNode()};
     OwnOriginRays single = makeOwnOriginRays(scene.mesh, 32, 16, 11);
     OwnOriginRays packet = single;
-    ray::intersectManyOriginsSingle(view, ViewOf(single).block);
-    ASSERT_TRUE(ray::takesManyOriginsPacketPath(ViewOf(packet).block));
-    ray::intersectManyOriginsPacket4x4(view, ViewOf(packet).block);
-    int compared = 0, hits = 0;
-    for (int i = 0; i < single.count(); ++i) {
-        const auto o = single.originOf(i), d = single.direction(i);
-        // A hit within 1e-5 of the limit or of a second hit is flagged here: the 1e-5 rule
-        // decides those by order.
-        const ReferenceHit ref = referenceNearestHit(scene.mesh, o.data(), d.data(),
-                                                     single.maxDist[i]);
-        if (!ref.ambiguous) {
-            ++compared;
-            hits += ref.triangle >= 0;
-            ASSERT_EQ(single.triIndex[i], ref.triangle) << "ray " << i;
-            ASSERT_EQ(packet.triIndex[i], ref.triangle) << "tile ray " << i;
-            if (ref.triangle >= 0) {
-                // Relative to the coordinates for short hits from origins near a surface.
-                EXPECT_NEAR(single.dist[i], ref.dist, 2e-5 * std::max(1.0, ref.dist))
-                    << "ray " << i;
-                EXPECT_NEAR(single.u[i], ref.u, 1e-4) << "ray " << i;
-                EXPECT_NEAR(single.v[i], ref.v, 1e-4) << "ray " << i;
-            }
-        }
-        if (packet.triIndex[i] != single.triIndex[i]) continue;
-        // The same triangle through the same lane arithmetic gives the same bits; a miss
-        // leaves the distance and the weights as they were.
-        EXPECT_EQ(floatBits(packet.dist[i]), floatBits(single.dist[i])) << "ray " << i;
-        EXPECT_EQ(floatBits(packet.u[i]), floatBits(single.u[i])) << "ray " << i;
-        EXPECT_EQ(floatBits(packet.v[i]), floatBits(single.v[i])) << "ray " << i;
-        if (single.triIndex[i] < 0) {
-            EXPECT_EQ(floatBits(single.dist[i]), floatBits(single.maxDist[i])) << "ray " << i;
-            EXPECT_EQ(single.u[i], EyeRays::kUntouched) << "ray " << i;
-        }
-    }
+    ray::intersectManyOriginsSingle(view, blockOf(single));
+    ASSERT_TRUE(ray::takesManyOriginsPacketPath(blockOf(packet)));
+    ray::intersectManyOriginsPacket4x4(view, blockOf(packet));
+    // A hit within 1e-5 of the limit or of a second hit is flagged ambiguous: the 1e-5 rule
+    // decides those by order. Distances relative to the coordinates for short hits from origins
+    // near a surface.
+    const auto [compared, hits] = expectNearestHits(scene.mesh, single, packet, 1.0);
     EXPECT_GT(compared, single.count() * 2 / 3);
     EXPECT_GT(hits, compared / 4);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Scenes, ManyOriginsTest,
-    testing::Values(ManyOriginsCase{SceneKind::Soup, TreeKind::MedianCompact},
-                    ManyOriginsCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    ManyOriginsCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    ManyOriginsCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    [](const testing::TestParamInfo<ManyOriginsCase>& info) {
-        return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree);
-    });
+    testing::Values(SceneCase{SceneKind::Soup, TreeKind::MedianCompact},
+                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
+    [](const auto& info) { return sceneCaseName(info.param); });
 
-// --- Rules on hand-made trees: every case through a 4 x 4 block (tiles) and a 4 x 3 block
-// (one ray at a time), all rays from one origin along (dx, dy, spread * ray number). ---------
-
-struct Shot {
-    int triangle;  // hit by every ray of the block, -2 when they disagree
-    float dist;    // of the first ray
-};
+// --- Rules on hand-made trees: every case on both paths (onBothPaths), all rays from one
+// origin along (dx, dy, spread * ray number). ------------------------------------------------
 
 std::vector<Shot> shoot(const Mesh& mesh, const void* root, const float box[6],
                         const float origin[3], float dx, float dy, float maxDist = FLT_MAX,
                         float spread = 0.001f)
 {
-    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
-    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
-                          mesh.triangleCount());
-    const IntersectContext context{box, records.data(), root};
-    std::vector<Shot> shots;
-    for (int height : {4, 3}) {
-        OwnOriginRays rays(4, height);
-        for (int i = 0; i < rays.count(); ++i) {
+    const PreparedScene scene(mesh);
+    const IntersectContext context = scene.context(root, box);
+    return onBothPaths<OwnOriginRays>(
+        origin, [&](int i) { return std::array<float, 3>{dx, dy, spread * float(i)}; },
+        [&](OwnOriginRays& rays) {
             for (int k = 0; k < 3; ++k)
-                rays.org[k][i] = origin[k];
-            rays.dir[0][i] = dx;
-            rays.dir[1][i] = dy;
-            rays.dir[2][i] = spread * float(i);
-            rays.maxDist[i] = maxDist;
-        }
-        rays.reset();
-        ViewOf view(rays);
-        EXPECT_EQ(ray::takesManyOriginsPacketPath(view.block), height == 4);
-        float* uv[2] = {rays.u.data(), rays.v.data()};
-        EXPECT_EQ(vekrIntersectMO_32f(view.org, view.dir, rays.dist.data(), uv,
-                                      rays.triIndex.data(), &context, 4, height),
-                  StatusOk);
-        Shot shot{rays.triIndex[0], rays.dist[0]};
-        for (int i = 0; i < rays.count(); ++i) {
-            if (rays.triIndex[i] != shot.triangle) shot.triangle = -2;
-            if (rays.triIndex[i] < 0) {
-                EXPECT_EQ(floatBits(rays.dist[i]), floatBits(maxDist)) << "ray " << i;
-                EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
-            }
-        }
-        shots.push_back(shot);
-    }
-    return shots;
+                std::fill(rays.org[k].begin(), rays.org[k].end(), origin[k]);
+            std::fill(rays.maxDist.begin(), rays.maxDist.end(), maxDist);
+            rays.reset();
+            EXPECT_EQ(ray::takesManyOriginsPacketPath(blockOf(rays)), rays.height == 4);
+            float* uv[2] = {rays.u.data(), rays.v.data()};
+            EXPECT_EQ(vekrIntersectMO_32f(rays.origins(), rays.dirs(), rays.dist.data(), uv,
+                                          rays.triIndex.data(), &context, 4, rays.height),
+                      StatusOk);
+            for (int i = 0; i < rays.count(); ++i)
+                if (rays.triIndex[i] < 0) {
+                    EXPECT_EQ(floatBits(rays.dist[i]), floatBits(maxDist)) << "ray " << i;
+                    EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
+                }
+            return shotOf(rays);
+        });
 }
 
 const float kWideBox[6] = {-2, -2, -2, 2, 2, 2};
@@ -247,69 +182,6 @@ TEST(ManyOriginsRules, TinyComponentsTakeTheirOwnSubstituteInverse)
             EXPECT_EQ(shots[1].triangle, c.single) << "single, delta " << c.delta << " dy " << dy;
         }
     }
-}
-
-// --- Path choice and bounds ----------------------------------------------------------------
-
-TEST(IntersectMO, PacketPathNeedsSidesOfFourAndTenAlignedPlanes)
-{
-    OwnOriginRays rays(8, 8);
-    for (const auto& [w, h, packet] : std::vector<std::tuple<int, int, bool>>{
-             {8, 4, true}, {4, 8, true}, {8, 5, false}, {6, 4, false}, {2, 8, false}}) {
-        ViewOf view(rays);
-        view.block.width = w;
-        view.block.height = h;
-        EXPECT_EQ(ray::takesManyOriginsPacketPath(view.block), packet) << w << " x " << h;
-    }
-    for (int plane = 0; plane < 10; ++plane) {
-        ViewOf view(rays);
-        view.block.width = 8;
-        view.block.height = 4;
-        if (plane < 3) view.org[plane] += 1;
-        else if (plane < 6) view.dir[plane - 3] += 1;
-        else if (plane == 6) view.block.dist += 1;
-        else if (plane == 7) view.block.hitU += 1;
-        else if (plane == 8) view.block.hitV += 1;
-        else view.block.triIndex += 1;
-        EXPECT_FALSE(ray::takesManyOriginsPacketPath(view.block)) << "plane " << plane;
-    }
-}
-
-// Every plane against a guard page at either end, on both paths; empty blocks touch nothing.
-TEST(IntersectMO, TouchesNothingPastTheBlock)
-{
-    const PreparedScene scene(makeTriangleSoup(60, 5));
-    const MedianKdTree tree(scene.mesh, 8, 3);
-    const IntersectContext context = scene.context(tree.root());
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
-        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-            OwnOriginRays rays = makeOwnOriginRays(scene.mesh, w, h, 3);
-            const size_t n = size_t(w * h);
-            std::vector<std::unique_ptr<GuardedArray<float>>> planes;
-            for (int p = 0; p < 9; ++p)
-                planes.push_back(std::make_unique<GuardedArray<float>>(n, end));
-            GuardedArray<int32_t> tri(n, end);
-            for (int k = 0; k < 3; ++k) {
-                planes[size_t(k)]->copyFrom(rays.org[k].data());
-                planes[size_t(k + 3)]->copyFrom(rays.dir[k].data());
-            }
-            planes[6]->copyFrom(rays.maxDist.data());
-            const float* org[3] = {planes[0]->data(), planes[1]->data(), planes[2]->data()};
-            const float* dir[3] = {planes[3]->data(), planes[4]->data(), planes[5]->data()};
-            float* uv[2] = {planes[7]->data(), planes[8]->data()};
-            EXPECT_EQ(vekrIntersectMO_32f(org, dir, planes[6]->data(), uv, tri.data(), &context,
-                                          w, h),
-                      StatusOk);
-        }
-    }
-    GuardedArray<float> none(0);
-    GuardedArray<int32_t> noIndex(0);
-    const float* planes[3] = {none.data(), none.data(), none.data()};
-    float* uv[2] = {none.data(), none.data()};
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{0, 4}, {4, 0}, {-4, -4}, {4, -1}})
-        EXPECT_EQ(vekrIntersectMO_32f(planes, planes, none.data(), uv, noIndex.data(), &context,
-                                      w, h),
-                  StatusOk);
 }
 
 }  // namespace

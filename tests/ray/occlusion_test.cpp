@@ -1,5 +1,6 @@
 // Occlusion of segments from one origin: both paths against a double-precision brute force,
-// tiles against single rays, the numeric rules on hand-made trees, path choice and bounds.
+// tiles against single rays, the numeric rules on hand-made trees (path choice and bounds:
+// intersect_contract_test.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <vector>
 
 #include "ray/kd_occlusion.h"
-#include "support/guard_buffer.h"
 #include "support/ray_scenes.h"
 #include "vekr.h"
 
@@ -19,74 +19,7 @@ using namespace vekr::test;
 
 namespace {
 
-// A block of segments from one origin, with the mask the caller passes in.
-struct Segments {
-    int width, height;
-    float origin[3] = {0, 0, 0};
-    AlignedVector<float> dir[3];
-    AlignedVector<int32_t> maskIn, mask, triIndex;
-
-    Segments(int w, int h) : width(w), height(h)
-    {
-        for (auto& plane : dir)
-            plane.assign(size_t(w * h), 0.0f);
-        maskIn.assign(size_t(w * h), 0);
-        reset();
-    }
-    int count() const { return width * height; }
-    void reset()
-    {
-        mask = maskIn;
-        triIndex.assign(size_t(count()), INT32_MIN);
-    }
-    std::array<float, 3> direction(int i) const { return {dir[0][i], dir[1][i], dir[2][i]}; }
-    ray::OcclusionBlock block()
-    {
-        planes = {dir[0].data(), dir[1].data(), dir[2].data()};
-        return {origin, planes.data(), triIndex.data(), mask.data(), width, height};
-    }
-    std::array<const float*, 3> planes{};
-};
-
-Status occlude(const PreparedScene& scene, const void* root, Segments& s)
-{
-    const float* dir[3] = {s.dir[0].data(), s.dir[1].data(), s.dir[2].data()};
-    const IntersectContext context = scene.context(root);
-    return vekrIntersectAnySO_32f(s.origin, dir, s.triIndex.data(), s.mask.data(), s.width,
-                                  s.height, &context);
-}
-
-// Segments from a light to points on and around the mesh, some stopping short of their
-// target and some reaching past it, some masked out (-1, -7) and one with a positive word.
-Segments shadowSegments(const Mesh& mesh, const float light[3], int width, int height,
-                        uint32_t seed)
-{
-    const EyeRays rays = makeMixedRays(mesh, light, width, height, seed);
-    Segments s(width, height);
-    std::copy(light, light + 3, s.origin);
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> length(0.3f, 1.6f);
-    for (int i = 0; i < s.count(); ++i) {
-        const float scale = length(rng);
-        for (int k = 0; k < 3; ++k)
-            s.dir[k][i] = rays.dir[k][i] * scale;
-        s.maskIn[i] = i % 11 == 5 ? -1 : i % 13 == 6 ? -7 : i % 17 == 3 ? 5 : 0;
-    }
-    s.reset();
-    return s;
-}
-
-struct OcclusionCase {
-    SceneKind scene;
-    TreeKind tree;
-};
-
-void PrintTo(const OcclusionCase& c, std::ostream* os)
-{
-    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
-}
-
-class OcclusionTest : public testing::TestWithParam<OcclusionCase> {
+class OcclusionTest : public testing::TestWithParam<SceneCase> {
 protected:
     void SetUp() override
     {
@@ -134,11 +67,6 @@ protected:
     std::unique_ptr<TestTree> tree_;
 };
 
-std::string caseName(const testing::TestParamInfo<OcclusionCase>& info)
-{
-    return std::string(sceneKindName(info.param.scene)) + treeKindName(info.param.tree);
-}
-
 TEST_P(OcclusionTest, BothPathsMatchBruteForceReference)
 {
     const float lights[2][3] = {{0.4f, -0.7f, 4.0f}, {0.05f, -0.1f, 0.02f}};
@@ -155,47 +83,34 @@ TEST_P(OcclusionTest, BothPathsMatchBruteForceReference)
 
 INSTANTIATE_TEST_SUITE_P(
     Scenes, OcclusionTest,
-    testing::Values(OcclusionCase{SceneKind::Soup, TreeKind::MedianCompact},
-                    OcclusionCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    OcclusionCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    OcclusionCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    caseName);
+    testing::Values(SceneCase{SceneKind::Soup, TreeKind::MedianCompact},
+                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
+                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
+    [](const auto& info) { return sceneCaseName(info.param); });
 
-// --- Rules on hand-made trees: every case through a 4 x 4 block (tiles) and a 4 x 3 block
-// (one ray at a time), all rays along (2, dy, tiny z spread) from the origin. ---------------
+// --- Rules on hand-made trees: every case on both paths (onBothPaths), all rays along
+// (2, dy, tiny z spread) from the origin, under a context box far from the scene. -----------
 
 // The triangle each path reports for every ray of its block (-2 when the rays disagree).
 std::vector<int> occludersOf(const Mesh& mesh, const HandTree& tree, const float origin[3],
                              float dy, int32_t maskWord = 0)
 {
     const PreparedScene scene(mesh);
-    std::vector<int> found;
-    for (int height : {4, 3}) {
-        Segments s(4, height);
-        std::copy(origin, origin + 3, s.origin);
-        for (int i = 0; i < s.count(); ++i) {
-            s.dir[0][i] = 2.0f;
-            s.dir[1][i] = dy;
-            s.dir[2][i] = 0.001f * float(i);
-            s.maskIn[i] = maskWord;
-        }
-        s.reset();
-        EXPECT_EQ(occlude(scene, tree.nodes.data(), s), StatusOk);
-        int verdict = s.triIndex[0];
-        for (int i = 0; i < s.count(); ++i) {
-            if (s.triIndex[i] != verdict) verdict = -2;
-            EXPECT_EQ(s.mask[i], s.triIndex[i] >= 0 ? -1 : maskWord) << "ray " << i;
-        }
-        found.push_back(verdict);
-    }
-    return found;
-}
-
-HandTree oneLeaf(int triangle)
-{
-    HandTree tree(2);
-    tree.leaf(0, triangle);
-    return tree;
+    const float farBox[6] = {10, 10, 10, 11, 11, 11};  // the box is not read
+    const IntersectContext context = scene.context(tree.nodes.data(), farBox);
+    return onBothPaths<Segments>(
+        origin, [&](int i) { return std::array<float, 3>{2.0f, dy, 0.001f * float(i)}; },
+        [&](Segments& s) {
+            std::fill(s.maskIn.begin(), s.maskIn.end(), maskWord);
+            s.reset();
+            EXPECT_EQ(vekrIntersectAnySO_32f(s.origin, s.dirs(), s.triIndex.data(), s.mask.data(),
+                                             s.width, s.height, &context),
+                      StatusOk);
+            for (int i = 0; i < s.count(); ++i)
+                EXPECT_EQ(s.mask[i], s.triIndex[i] >= 0 ? -1 : maskWord) << "ray " << i;
+            return shotOf(s).triangle;
+        });
 }
 
 TEST(OcclusionRules, OnlyTheOpenSegmentOccludes)
@@ -206,7 +121,7 @@ TEST(OcclusionRules, OnlyTheOpenSegmentOccludes)
     for (const auto& [x, occludes] : std::vector<std::pair<float, bool>>{
              {0.0f, false}, {2.0f, false}, {1.0f, true}, {1e-5f, true}, {1.9999f, true},
              {-0.5f, false}, {2.5f, false}}) {
-        for (int found : occludersOf(wallsAt({x}), oneLeaf(0), origin, 0.0f))
+        for (int found : occludersOf(wallsAt({x}), oneLeafTree(0), origin, 0.0f))
             EXPECT_EQ(found, occludes ? 0 : -1) << "wall at x " << x;
     }
 }
@@ -215,31 +130,10 @@ TEST(OcclusionRules, MaskedRaysAreNotTestedAndPositiveWordsAre)
 {
     const float origin[3] = {0, 0, 0};
     for (int32_t word : {-1, -7, INT32_MIN})
-        for (int found : occludersOf(wallsAt({1.0f}), oneLeaf(0), origin, 0.0f, word))
+        for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, word))
             EXPECT_EQ(found, -1) << "mask " << word;
-    for (int found : occludersOf(wallsAt({1.0f}), oneLeaf(0), origin, 0.0f, 5))
+    for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, 5))
         EXPECT_EQ(found, 0);
-}
-
-TEST(OcclusionRules, TheBoxIsNotRead)
-{
-    // The context's box lies far away; the wall on the segment is found all the same.
-    const Mesh mesh = wallsAt({1.0f});
-    std::vector<TriangleAccel> records(1);
-    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(), 1);
-    const HandTree tree = oneLeaf(0);
-    const float farBox[6] = {10, 10, 10, 11, 11, 11};
-    const IntersectContext context{farBox, records.data(), tree.nodes.data()};
-    for (int height : {4, 3}) {
-        Segments s(4, height);
-        for (int i = 0; i < s.count(); ++i)
-            s.dir[0][i] = 2.0f;
-        const float* dir[3] = {s.dir[0].data(), s.dir[1].data(), s.dir[2].data()};
-        vekrIntersectAnySO_32f(s.origin, dir, s.triIndex.data(), s.mask.data(), 4, height,
-                               &context);
-        for (int i = 0; i < s.count(); ++i)
-            EXPECT_EQ(s.triIndex[i], 0) << "height " << height << " ray " << i;
-    }
 }
 
 TEST(OcclusionRules, FirstOccluderInTraversalOrderIsReported)
@@ -284,55 +178,6 @@ TEST(OcclusionRules, TinyComponentsKeepTheirSignAndTakeTheStandInInverse)
         occludersOf(wallsAt({1.0f}), splitTree(1, 0.0f, -1, 0), below, 0.0f);
     EXPECT_EQ(found[0], -1) << "tiles";
     EXPECT_EQ(found[1], 0) << "single rays";
-}
-
-// --- Path choice and bounds ----------------------------------------------------------------
-
-TEST(IntersectAny, PacketPathNeedsSidesOfFourAndFiveAlignedPlanes)
-{
-    Segments s(8, 4);
-    EXPECT_TRUE(ray::takesOcclusionPacketPath(s.block()));
-    Segments tall(8, 5);
-    EXPECT_FALSE(ray::takesOcclusionPacketPath(tall.block()));
-    Segments wide(9, 4);
-    EXPECT_FALSE(ray::takesOcclusionPacketPath(wide.block()));
-    for (int plane = 0; plane < 5; ++plane) {
-        ray::OcclusionBlock shifted = s.block();
-        const float* dir[3] = {shifted.dir[0], shifted.dir[1], shifted.dir[2]};
-        if (plane < 3) dir[plane] += 1;
-        shifted.dir = dir;
-        if (plane == 3) shifted.triIndex += 1;
-        if (plane == 4) shifted.mask += 1;
-        EXPECT_FALSE(ray::takesOcclusionPacketPath(shifted)) << "plane " << plane;
-    }
-}
-
-// Every plane against a guard page, for both paths and both ends; empty blocks read nothing.
-TEST(IntersectAny, TouchesNothingPastTheBlock)
-{
-    const Mesh mesh = makeTriangleSoup(60, 5);
-    const PreparedScene scene(mesh);
-    const MedianKdTree tree(mesh, 8, 3);
-    const IntersectContext context = scene.context(tree.root());
-    const float light[3] = {0.1f, 0.2f, 3.0f};
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{8, 4}, {7, 3}, {1, 1}, {4, 8}}) {
-        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-            const Segments s = shadowSegments(mesh, light, w, h, 3);
-            const size_t n = size_t(w * h);
-            GuardedArray<float> dx(n, end), dy(n, end), dz(n, end);
-            GuardedArray<int32_t> tri(n, end), mask(n, end);
-            dx.copyFrom(s.dir[0].data());
-            dy.copyFrom(s.dir[1].data());
-            dz.copyFrom(s.dir[2].data());
-            mask.copyFrom(s.maskIn.data());
-            const float* dir[3] = {dx.data(), dy.data(), dz.data()};
-            EXPECT_EQ(vekrIntersectAnySO_32f(light, dir, tri.data(), mask.data(), w, h, &context),
-                      StatusOk);
-        }
-    }
-    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{0, 4}, {4, 0}, {-4, -4}})
-        EXPECT_EQ(vekrIntersectAnySO_32f(nullptr, nullptr, nullptr, nullptr, w, h, nullptr),
-                  StatusOk);
 }
 
 }  // namespace

@@ -30,21 +30,6 @@ std::vector<int> sweepCounts()
     return counts.push_back(1000), counts.push_back(1003), counts;
 }
 
-// Guarded copies of planes, each flush against a guard page at `end`; a lead of 1 puts a spare
-// element in front, which takes the plane off 16-byte alignment.
-struct GuardPool {
-    FlushEnd end;
-    std::vector<std::unique_ptr<GuardedArray<float>>> arrays;
-    template <class T>
-    T* copy(const std::vector<T>& v, int lead = 0)
-    {
-        arrays.push_back(std::make_unique<GuardedArray<float>>(v.size() + size_t(lead), end));
-        T* p = reinterpret_cast<T*>(arrays.back()->data()) + lead;
-        if (!v.empty()) std::memcpy(p, v.data(), v.size() * sizeof(T));
-        return p;
-    }
-};
-
 // Random rays, plus by ray the cases the rules single out: grazing points (normal +z, point
 // near the light's z), eyeDot 0, mask words other than 0 and -1, whole groups of eight
 // negative words. a is the hit point or incident direction, b the normal.

@@ -18,39 +18,18 @@ using namespace vekr::test;
 
 namespace {
 
-struct Shot {
-    int triangle;
-    float dist;
-};
-
-// Rays from origin along (1, dy, tiny z spread) through the given box; the triangle every ray
-// of the block hit (-2 when they disagree) for each of the two paths.
+// Rays from origin along (1, dy, tiny z spread) through the given box, on both paths.
 std::vector<Shot> shoot(const Mesh& mesh, const HandTree& tree, const float box[6],
                         const float origin[3], float dy)
 {
-    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
-    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
-                          mesh.triangleCount());
-    const IntersectContext context{box, records.data(), tree.nodes.data()};
-    std::vector<Shot> shots;
-    for (int height : {4, 3}) {
-        EyeRays rays(4, height);
-        std::copy(origin, origin + 3, rays.origin);
-        for (int i = 0; i < rays.count(); ++i) {
-            rays.dir[0][i] = 1.0f;
-            rays.dir[1][i] = dy;
-            rays.dir[2][i] = 0.001f * float(i);
-        }
-        const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
-        float* uv[2] = {rays.u.data(), rays.v.data()};
-        vekrIntersectEyeSO_32f(origin, dir, rays.dist.data(), uv, rays.triIndex.data(), &context, 4,
-                               height);
-        Shot shot{rays.triIndex[0], rays.dist[0]};
-        for (int i = 1; i < rays.count(); ++i)
-            if (rays.triIndex[i] != shot.triangle) shot.triangle = -2;
-        shots.push_back(shot);
-    }
-    return shots;
+    const PreparedScene scene(mesh);
+    const IntersectContext context = scene.context(tree.nodes.data(), box);
+    return onBothPaths<EyeRays>(
+        origin, [&](int i) { return std::array<float, 3>{1.0f, dy, 0.001f * float(i)}; },
+        [&](EyeRays& rays) {
+            intersectEye(rays, context);
+            return shotOf(rays);
+        });
 }
 
 TEST(TraversalRules, ChildWithinTheDescentToleranceIsStillVisited)
@@ -136,23 +115,19 @@ TEST(TraversalRules, FiftyPendingFarChildrenAreAllVisited)
     }
 }
 
-// The ray-triangle test in the documented order of operations, transcribed step by step;
-// both paths must give its bits.
+// The ray-triangle test in the documented order of operations (crossRecordInOrder, transcribed
+// step by step); both paths must give its bits.
 TEST(TraversalRules, TriangleTestKeepsItsEvaluationOrder)
 {
-    const Mesh mesh = makeTriangleSoup(64, 21);
-    std::vector<TriangleAccel> records(size_t(mesh.triangleCount()));
-    vekrTriangleAccelInit(records.data(), mesh.vertices.data(), mesh.triangles.data(),
-                          mesh.triangleCount());
+    const PreparedScene scene(makeTriangleSoup(64, 21));
+    const Mesh& mesh = scene.mesh;
     const float box[6] = {-2, -2, -2, 2, 2, 2};
     std::mt19937 rng(4);
     std::uniform_real_distribution<float> jitter(-0.02f, 0.02f);
     int compared = 0;
     for (int t = 0; t < mesh.triangleCount(); ++t) {
-        HandTree tree(2);
-        tree.leaf(0, t);
-        const IntersectContext context{box, records.data(), tree.nodes.data()};
-        const TriangleAccel& r = records[size_t(t)];
+        const HandTree tree = oneLeafTree(t);
+        const IntersectContext context = scene.context(tree.nodes.data(), box);
         const float o[3] = {0.1f + jitter(rng), -0.2f + jitter(rng), 1.9f};
         for (int height : {4, 3}) {
             EyeRays rays(4, height);
@@ -166,25 +141,14 @@ TEST(TraversalRules, TriangleTestKeepsItsEvaluationOrder)
                     rays.dir[k][i] = c / 3.0f - o[k] + jitter(rng);
                 }
             }
-            const float* dir[3] = {rays.dir[0].data(), rays.dir[1].data(), rays.dir[2].data()};
-            float* uv[2] = {rays.u.data(), rays.v.data()};
-            vekrIntersectEyeSO_32f(o, dir, rays.dist.data(), uv, rays.triIndex.data(), &context, 4,
-                                   height);
-            const int k = int(r.axes >> 4 & 3), u = int(r.axes >> 2 & 3), v = int(r.axes & 3);
+            intersectEye(rays, context);
             for (int i = 0; i < rays.count(); ++i) {
                 if (rays.triIndex[i] != t) continue;
-                const auto d = rays.direction(i);
-                const float den = (r.nu * d[u] + r.nv * d[v]) + d[k];
-                const float eu = r.pu - o[u];
-                const float ev = r.pv - o[v];
-                const float num = ((r.pk + r.nu * eu) + r.nv * ev) - o[k];
-                const float qu = num * d[u] - den * eu;
-                const float qv = num * d[v] - den * ev;
-                const float beta = qu * r.e2v - qv * r.e2u;
-                const float gamma = qv * r.e1u - qu * r.e1v;
-                ASSERT_EQ(floatBits(rays.dist[i]), floatBits(num / den)) << "triangle " << t;
-                ASSERT_EQ(floatBits(rays.u[i]), floatBits(beta / den)) << "triangle " << t;
-                ASSERT_EQ(floatBits(rays.v[i]), floatBits(gamma / den)) << "triangle " << t;
+                float dist, u, v;
+                crossRecordInOrder(scene.records[size_t(t)], o, rays.direction(i).data(), dist, u, v);
+                ASSERT_EQ(floatBits(rays.dist[i]), floatBits(dist)) << "triangle " << t;
+                ASSERT_EQ(floatBits(rays.u[i]), floatBits(u)) << "triangle " << t;
+                ASSERT_EQ(floatBits(rays.v[i]), floatBits(v)) << "triangle " << t;
                 ++compared;
             }
         }

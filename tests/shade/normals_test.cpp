@@ -34,21 +34,6 @@ std::vector<float> randomFloats(size_t count, unsigned seed, float lo, float hi)
     return v;
 }
 
-// Copies of vectors between guard pages, each `shift` elements past its array's start.
-struct GuardPool {
-    FlushEnd flush;
-    std::vector<std::shared_ptr<void>> arrays;  // each pointing at its copy
-
-    template <class T>
-    T* copy(const std::vector<T>& v, size_t shift = 0)
-    {
-        auto array = std::make_shared<GuardedArray<T>>(v.size() + shift, flush);
-        std::copy(v.begin(), v.end(), array->data() + shift);
-        arrays.emplace_back(array, array->data() + shift);
-        return array->data() + shift;
-    }
-};
-
 // Vertices 0..2 are collinear on exact floats, the rest random. Every fifth triangle repeats a
 // corner or uses the collinear three; the fourth int of each is junk.
 struct Mesh {

@@ -6,8 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
+#include <vector>
 
 namespace vekr::test {
 
@@ -53,6 +56,22 @@ private:
     size_t mapBytes_ = 0;
     char* map_ = nullptr;
     T* data_ = nullptr;
+};
+
+// Guarded copies of vectors, each flush against a guard page at `end`; a lead of k puts k spare
+// elements in front of the copy (a lead of 1 takes it off 16-byte alignment).
+struct GuardPool {
+    FlushEnd end;
+    std::vector<std::shared_ptr<void>> arrays;  // each pointing at its copy
+
+    template <class T>
+    T* copy(const std::vector<T>& v, size_t lead = 0)
+    {
+        auto array = std::make_shared<GuardedArray<T>>(v.size() + lead, end);
+        std::copy(v.begin(), v.end(), array->data() + lead);
+        arrays.emplace_back(array, array->data() + lead);
+        return array->data() + lead;
+    }
 };
 
 }  // namespace vekr::test

@@ -10,10 +10,18 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <random>
+#include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "accel/kd_format.h"
+#include "ray/kd_occlusion.h"
+#include "support/float_bits.h"
 #include "vekr.h"
 
 namespace vekr::test {
@@ -206,9 +214,10 @@ struct PreparedScene {
                               mesh.triangleCount());
         vekrSetBoundBox_32f(mesh.vertices.data(), mesh.vertexCount(), &box.minX);
     }
-    IntersectContext context(const void* root) const
+    // The context for a tree, with the mesh's box unless another is given.
+    IntersectContext context(const void* root, const float* otherBox = nullptr) const
     {
-        return IntersectContext{&box.minX, records.data(), root};
+        return IntersectContext{otherBox ? otherBox : &box.minX, records.data(), root};
     }
 };
 
@@ -455,7 +464,25 @@ struct EyeRays {
         triIndex.assign(size_t(count()), INT32_MIN);
     }
     std::array<float, 3> direction(int i) const { return {dir[0][i], dir[1][i], dir[2][i]}; }
+    // The direction planes as the functions take them.
+    const float* const* dirs()
+    {
+        for (int k = 0; k < 3; ++k)
+            dirPlanes_[k] = dir[k].data();
+        return dirPlanes_;
+    }
+
+private:
+    const float* dirPlanes_[3] = {};
 };
+
+// The exported nearest hit of a block from its own origin.
+inline Status intersectEye(EyeRays& rays, const IntersectContext& context)
+{
+    float* uv[2] = {rays.u.data(), rays.v.data()};
+    return vekrIntersectEyeSO_32f(rays.origin, rays.dirs(), rays.dist.data(), uv,
+                                  rays.triIndex.data(), &context, rays.width, rays.height);
+}
 
 // A direction of every kind the traversal must get right, chosen by ray number i: towards a
 // point inside a triangle, a shared vertex or an edge midpoint; a random direction; with
@@ -518,6 +545,39 @@ inline EyeRays makeMixedRays(const Mesh& mesh, const float origin[3], int width,
     return rays;
 }
 
+// A block of segments from one origin, with the mask the caller passes in (the EyeRays planes
+// dist, u and v are not used).
+struct Segments : EyeRays {
+    AlignedVector<int32_t> maskIn, mask;
+    Segments(int w, int h) : EyeRays(w, h), maskIn(size_t(w * h), 0) { reset(); }
+    void reset()
+    {
+        EyeRays::reset();
+        mask = maskIn;
+    }
+    ray::OcclusionBlock block() { return {origin, dirs(), triIndex.data(), mask.data(), width, height}; }
+};
+
+// Segments from a light to points on and around the mesh, some stopping short of their
+// target and some reaching past it, some masked out (-1, -7) and one with a positive word.
+inline Segments shadowSegments(const Mesh& mesh, const float light[3], int width, int height,
+                               uint32_t seed)
+{
+    const EyeRays rays = makeMixedRays(mesh, light, width, height, seed);
+    Segments s(width, height);
+    std::copy(light, light + 3, s.origin);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> length(0.3f, 1.6f);
+    for (int i = 0; i < s.count(); ++i) {
+        const float scale = length(rng);
+        for (int k = 0; k < 3; ++k)
+            s.dir[k][i] = rays.dir[k][i] * scale;
+        s.maskIn[i] = i % 11 == 5 ? -1 : i % 13 == 6 ? -7 : i % 17 == 3 ? 5 : 0;
+    }
+    s.reset();
+    return s;
+}
+
 // A block of rays with one origin each: three origin planes besides the EyeRays planes (whose
 // shared origin is not used).
 struct OwnOriginRays : EyeRays {
@@ -528,6 +588,15 @@ struct OwnOriginRays : EyeRays {
             plane.assign(size_t(w * h), 0.0f);
     }
     std::array<float, 3> originOf(int i) const { return {org[0][i], org[1][i], org[2][i]}; }
+    const float* const* origins()
+    {
+        for (int k = 0; k < 3; ++k)
+            orgPlanes_[k] = org[k].data();
+        return orgPlanes_;
+    }
+
+private:
+    const float* orgPlanes_[3] = {};
 };
 
 // Rays of every kind (mixedDirection) from origins cycling by ray number through: outside the
@@ -571,6 +640,46 @@ inline OwnOriginRays makeOwnOriginRays(const Mesh& mesh, int width, int height, 
     }
     rays.reset();
     return rays;
+}
+
+// A nearest-hit block on both paths against the brute force: where the reference is clear, both
+// give its triangle and the per-ray path its distance (within 2e-5 of max(floor, dist)) and
+// weights (1e-4); wherever the paths give the same triangle they give the same bits, and a
+// miss leaves the distance and the weights as they were. Returns the rays compared and hit.
+template <class Rays>
+std::pair<int, int> expectNearestHits(const Mesh& mesh, const Rays& single, const Rays& packet,
+                                      double floor)
+{
+    int compared = 0, hits = 0;
+    for (int i = 0; i < single.count(); ++i) {
+        std::array<float, 3> o{single.origin[0], single.origin[1], single.origin[2]};
+        if constexpr (std::is_base_of_v<OwnOriginRays, Rays>) o = single.originOf(i);
+        const auto d = single.direction(i);
+        const ReferenceHit ref = referenceNearestHit(mesh, o.data(), d.data(), single.maxDist[i]);
+        if (!ref.ambiguous) {
+            ++compared;
+            hits += ref.triangle >= 0;
+            EXPECT_EQ(single.triIndex[i], ref.triangle) << "ray " << i;
+            EXPECT_EQ(packet.triIndex[i], ref.triangle) << "tile ray " << i;
+            if (single.triIndex[i] != ref.triangle) return {compared, hits};
+            if (ref.triangle >= 0) {
+                EXPECT_NEAR(single.dist[i], ref.dist, 2e-5 * std::max(floor, ref.dist))
+                    << "ray " << i;
+                EXPECT_NEAR(single.u[i], ref.u, 1e-4) << "ray " << i;
+                EXPECT_NEAR(single.v[i], ref.v, 1e-4) << "ray " << i;
+            }
+        }
+        if (packet.triIndex[i] != single.triIndex[i]) continue;
+        EXPECT_EQ(floatBits(packet.dist[i]), floatBits(single.dist[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.u[i]), floatBits(single.u[i])) << "ray " << i;
+        EXPECT_EQ(floatBits(packet.v[i]), floatBits(single.v[i])) << "ray " << i;
+        if (single.triIndex[i] < 0) {
+            EXPECT_EQ(floatBits(single.dist[i]), floatBits(single.maxDist[i])) << "ray " << i;
+            EXPECT_EQ(single.u[i], EyeRays::kUntouched) << "ray " << i;
+            EXPECT_EQ(single.v[i], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+    return {compared, hits};
 }
 
 // Tree blocks slot by slot (8 bytes each), for trees made by hand; slot 1 stays zero after
@@ -628,6 +737,47 @@ inline HandTree splitTree(int axis, float split, int lower, int upper)
     return tree;
 }
 
+// A root that is a compact leaf of one triangle.
+inline HandTree oneLeafTree(int triangle)
+{
+    HandTree tree(2);
+    tree.leaf(0, triangle);
+    return tree;
+}
+
+// The hand-made cases run every block twice: 4 x 4 takes the tiles, 4 x 3 one ray at a time.
+// Rays (EyeRays or a kind of them) from origin along dirOf(i); returns run(rays) of each block.
+template <class Rays, class DirFn, class Run>
+auto onBothPaths(const float origin[3], DirFn dirOf, Run run)
+{
+    std::vector<decltype(run(std::declval<Rays&>()))> out;
+    for (int height : {4, 3}) {
+        Rays rays(4, height);
+        std::copy(origin, origin + 3, rays.origin);
+        for (int i = 0; i < rays.count(); ++i) {
+            const std::array<float, 3> d = dirOf(i);
+            for (int k = 0; k < 3; ++k)
+                rays.dir[k][size_t(i)] = d[k];
+        }
+        out.push_back(run(rays));
+    }
+    return out;
+}
+
+// What a hand-made case's block shows: the triangle every ray reports (-2 when they disagree)
+// and the first ray's distance.
+struct Shot {
+    int triangle;
+    float dist;
+};
+inline Shot shotOf(const EyeRays& rays)
+{
+    Shot shot{rays.triIndex[0], rays.dist[0]};
+    for (int i = 1; i < rays.count(); ++i)
+        if (rays.triIndex[size_t(i)] != shot.triangle) shot.triangle = -2;
+    return shot;
+}
+
 // The scenes and trees the traversal tests sweep: a triangle soup, or a bumpy height field in
 // a closed box (every edge shared); the library's one-leaf and full-depth trees, and median
 // trees with compact leaves, with list leaves only, and 48 levels deep.
@@ -642,6 +792,20 @@ inline const char* treeKindName(TreeKind kind)
     static const char* kNames[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
                                    "MedianDeep"};
     return kNames[int(kind)];
+}
+
+// A scene and a tree of the sweeps, named as both.
+struct SceneCase {
+    SceneKind scene;
+    TreeKind tree;
+};
+inline void PrintTo(const SceneCase& c, std::ostream* os)
+{
+    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
+}
+inline std::string sceneCaseName(const SceneCase& c)
+{
+    return std::string(sceneKindName(c.scene)) + treeKindName(c.tree);
 }
 
 inline Mesh makeTestScene(SceneKind kind)
