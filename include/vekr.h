@@ -373,6 +373,44 @@ Status vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int 
                            double xFactor, double yFactor, double zFactor, double xShift,
                            double yShift, double zShift, int interpolation, uint8_t* pBuffer);
 
+/* Samples srcVOI of a planar volume at the positions of three coordinate volumes (x, y, z maps,
+ * the extent of dstRoiSize, source voxel centres at integers) into voxel (0, 0, 0) onwards of
+ * the destination; voxels whose position lies outside srcVOI keep their contents. */
+Status vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                         Cuboid srcVOI, const float* const pxMap[], const float* const pyMap[],
+                         const float* const pzMap[], int mapStep, uint8_t* const pDst[],
+                         int dstStep, VolumeSize dstRoiSize, int interpolation);
+Status vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                          Cuboid srcVOI, const float* const pxMap[], const float* const pyMap[],
+                          const float* const pzMap[], int mapStep, uint16_t* const pDst[],
+                          int dstStep, VolumeSize dstRoiSize, int interpolation);
+Status vekrRemap_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                          Cuboid srcVOI, const float* const pxMap[], const float* const pyMap[],
+                          const float* const pzMap[], int mapStep, float* const pDst[],
+                          int dstStep, VolumeSize dstRoiSize, int interpolation);
+
+/* Fills dstVOI of a planar volume with srcVOI transformed by the forward affine map coeffs
+ * (12 doubles, three rows of four: x' = c0 x + c1 y + c2 z + c3, ...); voxels whose inverse
+ * image lies outside srcVOI keep their contents. StatusBadCoefficients for a singular map.
+ * pBuffer may be null (the warp needs no work buffer). */
+Status vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                              Cuboid srcVOI, uint8_t* const pDst[], int dstStep, Cuboid dstVOI,
+                              const double* coeffs, int interpolation, uint8_t* pBuffer);
+Status vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                               Cuboid srcVOI, uint16_t* const pDst[], int dstStep, Cuboid dstVOI,
+                               const double* coeffs, int interpolation, uint8_t* pBuffer);
+Status vekrWarpAffine_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                               Cuboid srcVOI, float* const pDst[], int dstStep, Cuboid dstVOI,
+                               const double* coeffs, int interpolation, uint8_t* pBuffer);
+
+/* Filters a signed 16-bit planar volume with a 3-D kernel of 32-bit integers into dstRoiSize
+ * voxels of the destination; see the README for the exact formula, the anchor and the source
+ * voxels it reads. The work buffer has the size vekrFilterGetBufSize reports. */
+Status vekrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[],
+                           int dstStep, VolumeSize dstRoiSize, const int32_t* pKernel,
+                           VolumeSize kernelVolume, int anchorX, int anchorY, int anchorZ,
+                           int divisor, uint8_t* pBuffer);
+
 #ifdef __cplusplus
 }
 #endif

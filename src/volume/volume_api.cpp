@@ -173,3 +173,43 @@ Status entry::vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolum
                            xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation,
                            pBuffer);
 }
+
+// Remap, affine warp and the 3-D filter: kernels to come.
+Status entry::vekrRemap_8u_C1PV(const uint8_t* const[], VolumeSize, int, Cuboid,
+                                const float* const[], const float* const[], const float* const[],
+                                int, uint8_t* const[], int, VolumeSize, int)
+{
+    return StatusOk;
+}
+Status entry::vekrRemap_16u_C1PV(const uint16_t* const[], VolumeSize, int, Cuboid,
+                                 const float* const[], const float* const[], const float* const[],
+                                 int, uint16_t* const[], int, VolumeSize, int)
+{
+    return StatusOk;
+}
+Status entry::vekrRemap_32f_C1PV(const float* const[], VolumeSize, int, Cuboid,
+                                 const float* const[], const float* const[], const float* const[],
+                                 int, float* const[], int, VolumeSize, int)
+{
+    return StatusOk;
+}
+Status entry::vekrWarpAffine_8u_C1PV(const uint8_t* const[], VolumeSize, int, Cuboid,
+                                     uint8_t* const[], int, Cuboid, const double*, int, uint8_t*)
+{
+    return StatusOk;
+}
+Status entry::vekrWarpAffine_16u_C1PV(const uint16_t* const[], VolumeSize, int, Cuboid,
+                                      uint16_t* const[], int, Cuboid, const double*, int, uint8_t*)
+{
+    return StatusOk;
+}
+Status entry::vekrWarpAffine_32f_C1PV(const float* const[], VolumeSize, int, Cuboid,
+                                      float* const[], int, Cuboid, const double*, int, uint8_t*)
+{
+    return StatusOk;
+}
+Status entry::vekrFilter_16s_C1PV(const int16_t* const[], int, int16_t* const[], int, VolumeSize,
+                                  const int32_t*, VolumeSize, int, int, int, int, uint8_t*)
+{
+    return StatusOk;
+}
