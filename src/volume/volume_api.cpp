@@ -38,16 +38,17 @@ Status checkThenResize(bool pointersPresent, const volume::VolumeView<const T>& 
 {
     const double factor[3] = {xFactor, yFactor, zFactor};
     const double shift[3] = {xShift, yShift, zShift};
+    const volume::InterpolationKernel* kernel = volume::findInterpolationKernel(interpolation);
     volume::ResizeRegion region;
     const Status status = volume::resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI,
-                                                      factor, shift, interpolation, region);
+                                                      factor, shift, kernel, region);
     if (status != StatusOk) return status;
     if constexpr (std::is_same_v<T, float>)
         if (inTeam) {
-            volume::resizeVolumeInTeam(src, srcVolume, dst, region, interpolation, buffer);
+            volume::resizeVolumeInTeam(src, srcVolume, dst, region, *kernel, buffer);
             return StatusOk;
         }
-    volume::resizeVolume(src, srcVolume, dst, region, interpolation, buffer);
+    volume::resizeVolume(src, srcVolume, dst, region, *kernel, buffer);
     return StatusOk;
 }
 

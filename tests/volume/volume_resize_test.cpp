@@ -527,7 +527,8 @@ void expectAvxMatchesScalar(int kind)
         const double factor[3] = {1.37, 0.8, 1.5}, shift[3] = {0.21 + dstVOI.x, -0.3, 0.4};
         volume::ResizeRegion region;
         ASSERT_EQ(
-            volume::resolveResizeRegion(true, srcSize, srcVOI, dstVOI, factor, shift, kind, region),
+            volume::resolveResizeRegion(true, srcSize, srcVOI, dstVOI, factor, shift,
+                                        volume::findInterpolationKernel(kind), region),
             StatusOk);
         std::vector<uint8_t> buffer(volume::resizeBufferBytesPerThread(64, 8, 8, kind));
         const int voxelBytes = int(sizeof(T));
@@ -543,7 +544,8 @@ void expectAvxMatchesScalar(int kind)
             volume::resizeSlices(srcView, srcSize,
                                  volume::blockVolume(dst.block(), dst.rowBytes() / voxelBytes,
                                                      dst.planeBytes() / voxelBytes),
-                                 region, kind, buffer.data(), 0, depth, kernels);
+                                 region, *volume::findInterpolationKernel(kind), buffer.data(),
+                                 0, depth, kernels);
         }
         for (size_t r = 1; r < results.size(); ++r)
             ASSERT_TRUE(results[r]->sameVoxels(*results[0]))
@@ -577,7 +579,8 @@ TEST(ResizeWorkspace, CarvedAreasFitTheReportedShareAtAnyAlignment)
                                            (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64);
                         for (int misalign = 0; misalign < 64; ++misalign) {
                             const volume::ResizeWorkspace ws = volume::carveResizeWorkspace(
-                                aligned + misalign, width, height, depth, kind, fixedPointX);
+                                aligned + misalign, width, height, depth,
+                                *volume::findInterpolationKernel(kind), fixedPointX);
                             ASSERT_LE(ws.bytesUsed, budget)
                                 << "kind " << kind << ", box " << width << "x" << height << "x"
                                 << depth << ", misaligned by " << misalign;
