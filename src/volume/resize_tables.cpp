@@ -87,10 +87,10 @@ void fillInterpolatedAxis(AxisTable& t, const AxisMapping& m, int taps)
 }  // namespace
 
 ResizeWorkspace carveResizeWorkspace(uint8_t* share, int32_t width, int32_t height, int32_t depth,
-                                     int interpolation, bool fixedPointX)
+                                     const InterpolationKernel& kernel, bool fixedPointX)
 {
     ResizeWorkspace ws;
-    ws.taps = findInterpolationKernel(interpolation)->taps;
+    ws.taps = kernel.taps;
     const int32_t extents[kAxes] = {width, height, depth};
     ShareCarver carver(share);
     for (int a = 0; a < kAxes; ++a) {
@@ -116,9 +116,8 @@ ResizeWorkspace carveResizeWorkspace(uint8_t* share, int32_t width, int32_t heig
 }
 
 void fillResizeTables(ResizeWorkspace& ws, const ResizeRegion& region, VolumeSize srcVolume,
-                      int interpolation)
+                      const InterpolationKernel& kernel)
 {
-    const InterpolationKernel& kernel = *findInterpolationKernel(interpolation);
     for (int a = 0; a < kAxes; ++a) {
         AxisTable& t = ws.axis[a];
         t.srcExtent = extentOf(srcVolume, a);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "resample_kernels.h"
 #include "volume_geometry.h"
 
 namespace vekr::volume {
@@ -56,10 +57,10 @@ struct ResizeWorkspace {
 // 64-byte boundary; the whole fits in resizeBufferBytesPerThread of the same box. Tables are
 // left unfilled. fixedPointX asks for the 8u linear x weights.
 ResizeWorkspace carveResizeWorkspace(uint8_t* share, int32_t width, int32_t height, int32_t depth,
-                                     int interpolation, bool fixedPointX);
+                                     const InterpolationKernel& kernel, bool fixedPointX);
 
 // Fills the tables of a carved workspace (whose box is the region's) for a source volume.
 void fillResizeTables(ResizeWorkspace& ws, const ResizeRegion& region, VolumeSize srcVolume,
-                      int interpolation);
+                      const InterpolationKernel& kernel);
 
 }  // namespace vekr::volume

@@ -6,6 +6,7 @@
 #include "vekcore.h"
 #include "volume_filter.h"
 #include "volume_geometry.h"
+#include "volume_remap_warp.h"
 #include "volume_resize.h"
 
 using namespace vekr;
@@ -39,16 +40,17 @@ Status checkThenResize(bool pointersPresent, const volume::VolumeView<const T>& 
 {
     const double factor[3] = {xFactor, yFactor, zFactor};
     const double shift[3] = {xShift, yShift, zShift};
+    const volume::InterpolationKernel* kernel = volume::findInterpolationKernel(interpolation);
     volume::ResizeRegion region;
     const Status status = volume::resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI,
-                                                      factor, shift, interpolation, region);
+                                                      factor, shift, kernel, region);
     if (status != StatusOk) return status;
     if constexpr (std::is_same_v<T, float>)
         if (inTeam) {
-            volume::resizeVolumeInTeam(src, srcVolume, dst, region, interpolation, buffer);
+            volume::resizeVolumeInTeam(src, srcVolume, dst, region, *kernel, buffer);
             return StatusOk;
         }
-    volume::resizeVolume(src, srcVolume, dst, region, interpolation, buffer);
+    volume::resizeVolume(src, srcVolume, dst, region, *kernel, buffer);
     return StatusOk;
 }
 
@@ -175,39 +177,104 @@ Status entry::vekrResize_32f_C1PV(const float* const pSrc[], VolumeSize srcVolum
                            pBuffer);
 }
 
-// Remap, affine warp and the 3-D filter: kernels to come.
-Status entry::vekrRemap_8u_C1PV(const uint8_t* const[], VolumeSize, int, Cuboid,
-                                const float* const[], const float* const[], const float* const[],
-                                int, uint8_t* const[], int, VolumeSize, int)
+namespace {
+
+// Remap: pointers, sizes, interpolation, then a source box starting outside the volume.
+template <class T>
+Status checkThenRemap(const T* const pSrc[], VolumeSize srcVolume, int srcStepVoxels, Cuboid srcVOI,
+                      const float* const pxMap[], const float* const pyMap[],
+                      const float* const pzMap[], int mapStepBytes, T* const pDst[],
+                      int dstStepVoxels, VolumeSize dstRoiSize, int interpolation)
 {
+    if (!pSrc || !pDst || !pxMap || !pyMap || !pzMap) return StatusNullPointer;
+    if (srcVolume.width <= 0 || srcVolume.height <= 0 || srcVolume.depth <= 0 ||
+        !volume::cuboidValid(srcVOI) || dstRoiSize.width <= 0 || dstRoiSize.height <= 0 ||
+        dstRoiSize.depth <= 0)
+        return StatusBadSize;
+    const volume::InterpolationKernel* kernel = volume::findInterpolationKernel(interpolation);
+    if (kernel == nullptr) return StatusBadInterpolation;
+    if (srcVOI.x >= srcVolume.width || srcVOI.y >= srcVolume.height || srcVOI.z >= srcVolume.depth)
+        return StatusWarnVoiOutsideSource;
+    const volume::RemapMaps maps = {pxMap, pyMap, pzMap, mapStepBytes >> 2};
+    volume::remapVolume(volume::planarVolume(pSrc, srcStepVoxels), srcVolume, srcVOI, maps,
+                        volume::planarVolume(pDst, dstStepVoxels), dstRoiSize, *kernel);
     return StatusOk;
 }
-Status entry::vekrRemap_16u_C1PV(const uint16_t* const[], VolumeSize, int, Cuboid,
-                                 const float* const[], const float* const[], const float* const[],
-                                 int, uint16_t* const[], int, VolumeSize, int)
+
+// Warp: pointers, sizes, interpolation, the determinant, then a source box starting outside
+// the volume (which no position can fall in). pBuffer is not used: the size query reports 0.
+template <class T>
+Status checkThenWarp(const T* const pSrc[], VolumeSize srcVolume, int srcStepVoxels, Cuboid srcVOI,
+                     T* const pDst[], int dstStepVoxels, Cuboid dstVOI, const double* coeffs,
+                     int interpolation)
 {
+    if (!pSrc || !pDst || !coeffs) return StatusNullPointer;
+    if (srcVolume.width <= 0 || srcVolume.height <= 0 || srcVolume.depth <= 0 ||
+        !volume::cuboidValid(srcVOI) || !volume::cuboidValid(dstVOI))
+        return StatusBadSize;
+    const volume::InterpolationKernel* kernel = volume::findInterpolationKernel(interpolation);
+    if (kernel == nullptr) return StatusBadInterpolation;
+    volume::AffineInverse inverse;
+    if (!volume::invertAffine(coeffs, inverse)) return StatusBadCoefficients;
+    if (srcVOI.x >= srcVolume.width || srcVOI.y >= srcVolume.height || srcVOI.z >= srcVolume.depth)
+        return StatusWarnVoiOutsideSource;
+    volume::warpAffineVolume(volume::planarVolume(pSrc, srcStepVoxels), srcVolume, srcVOI,
+                             volume::planarVolume(pDst, dstStepVoxels), dstVOI, inverse, *kernel);
     return StatusOk;
 }
-Status entry::vekrRemap_32f_C1PV(const float* const[], VolumeSize, int, Cuboid,
-                                 const float* const[], const float* const[], const float* const[],
-                                 int, float* const[], int, VolumeSize, int)
+
+}  // namespace
+
+Status entry::vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                Cuboid srcVOI, const float* const pxMap[],
+                                const float* const pyMap[], const float* const pzMap[], int mapStep,
+                                uint8_t* const pDst[], int dstStep, VolumeSize dstRoiSize,
+                                int interpolation)
 {
-    return StatusOk;
+    return checkThenRemap(pSrc, srcVolume, srcStep, srcVOI, pxMap, pyMap, pzMap, mapStep, pDst,
+                          dstStep, dstRoiSize, interpolation);
 }
-Status entry::vekrWarpAffine_8u_C1PV(const uint8_t* const[], VolumeSize, int, Cuboid,
-                                     uint8_t* const[], int, Cuboid, const double*, int, uint8_t*)
+Status entry::vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                 Cuboid srcVOI, const float* const pxMap[],
+                                 const float* const pyMap[], const float* const pzMap[],
+                                 int mapStep, uint16_t* const pDst[], int dstStep,
+                                 VolumeSize dstRoiSize, int interpolation)
 {
-    return StatusOk;
+    return checkThenRemap(pSrc, srcVolume, srcStep >> 1, srcVOI, pxMap, pyMap, pzMap, mapStep, pDst,
+                          dstStep >> 1, dstRoiSize, interpolation);
 }
-Status entry::vekrWarpAffine_16u_C1PV(const uint16_t* const[], VolumeSize, int, Cuboid,
-                                      uint16_t* const[], int, Cuboid, const double*, int, uint8_t*)
+Status entry::vekrRemap_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                 Cuboid srcVOI, const float* const pxMap[],
+                                 const float* const pyMap[], const float* const pzMap[],
+                                 int mapStep, float* const pDst[], int dstStep,
+                                 VolumeSize dstRoiSize, int interpolation)
 {
-    return StatusOk;
+    return checkThenRemap(pSrc, srcVolume, srcStep >> 2, srcVOI, pxMap, pyMap, pzMap, mapStep, pDst,
+                          dstStep >> 2, dstRoiSize, interpolation);
 }
-Status entry::vekrWarpAffine_32f_C1PV(const float* const[], VolumeSize, int, Cuboid,
-                                      float* const[], int, Cuboid, const double*, int, uint8_t*)
+Status entry::vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                     Cuboid srcVOI, uint8_t* const pDst[], int dstStep,
+                                     Cuboid dstVOI, const double* coeffs, int interpolation,
+                                     uint8_t*)
 {
-    return StatusOk;
+    return checkThenWarp(pSrc, srcVolume, srcStep, srcVOI, pDst, dstStep, dstVOI, coeffs,
+                         interpolation);
+}
+Status entry::vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VolumeSize srcVolume,
+                                      int srcStep, Cuboid srcVOI, uint16_t* const pDst[],
+                                      int dstStep, Cuboid dstVOI, const double* coeffs,
+                                      int interpolation, uint8_t*)
+{
+    return checkThenWarp(pSrc, srcVolume, srcStep >> 1, srcVOI, pDst, dstStep >> 1, dstVOI, coeffs,
+                         interpolation);
+}
+Status entry::vekrWarpAffine_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, int srcStep,
+                                      Cuboid srcVOI, float* const pDst[], int dstStep,
+                                      Cuboid dstVOI, const double* coeffs, int interpolation,
+                                      uint8_t*)
+{
+    return checkThenWarp(pSrc, srcVolume, srcStep >> 2, srcVOI, pDst, dstStep >> 2, dstVOI, coeffs,
+                         interpolation);
 }
 Status entry::vekrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[],
                                   int dstStep, VolumeSize dstRoiSize, const int32_t* pKernel,

@@ -83,15 +83,15 @@ bool coveredCuboid(Cuboid srcVOI, const double factor[kAxes], const double shift
 }
 
 Status resolveResizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid srcVOI, Cuboid dstVOI,
-                           const double factor[kAxes], const double shift[kAxes], int interpolation,
-                           ResizeRegion& region)
+                           const double factor[kAxes], const double shift[kAxes],
+                           const InterpolationKernel* kernel, ResizeRegion& region)
 {
     if (!pointersPresent) return StatusNullPointer;
     if (srcVolume.width <= 0 || srcVolume.height <= 0 || srcVolume.depth <= 0) return StatusBadSize;
     if (!cuboidValid(srcVOI) || !cuboidValid(dstVOI)) return StatusBadSize;
     for (int a = 0; a < kAxes; ++a)
         if (!(factor[a] > 0.0)) return StatusBadScale;
-    if (!isKnownInterpolation(interpolation)) return StatusBadInterpolation;
+    if (kernel == nullptr) return StatusBadInterpolation;
     for (int a = 0; a < kAxes; ++a)
         if (first(srcVOI, a) >= extent(srcVolume, a)) return StatusWarnVoiOutsideSource;
     ResizeRegion r;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "resample_kernels.h"
 #include "vekr.h"
 
 namespace vekr::volume {
@@ -31,11 +32,21 @@ struct ResizeRegion {
 };
 
 // The checks and the destination box every resize starts with. pointersPresent is false when
-// the source, destination or work buffer pointer is null. On StatusOk the region is filled;
+// the source, destination or work buffer pointer is null; kernel is the entry's lookup of the
+// interpolation code, null for an unknown code. On StatusOk the region is filled;
 // StatusWarnVoiOutsideSource and StatusWarnNoOperation mean there is nothing to write.
 Status resolveResizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid srcVOI, Cuboid dstVOI,
-                           const double factor[kAxes], const double shift[kAxes], int interpolation,
-                           ResizeRegion& region);
+                           const double factor[kAxes], const double shift[kAxes],
+                           const InterpolationKernel* kernel, ResizeRegion& region);
+// The same for a caller that holds the public code (the benchmarks of the internal stages).
+inline Status resolveResizeRegion(bool pointersPresent, VolumeSize srcVolume, Cuboid srcVOI,
+                                  Cuboid dstVOI, const double factor[kAxes],
+                                  const double shift[kAxes], int interpolation,
+                                  ResizeRegion& region)
+{
+    return resolveResizeRegion(pointersPresent, srcVolume, srcVOI, dstVOI, factor, shift,
+                               findInterpolationKernel(interpolation), region);
+}
 
 // The destination box that resizing srcVOI covers (no clipping to any destination); false
 // when it is empty on an axis. Checks are the caller's.

@@ -175,14 +175,14 @@ bool preferStreamingStores(const ResizeRegion& region, std::size_t voxelBytes)
 
 template <class T>
 void resizeSlices(const VolumeView<const T>& src, VolumeSize srcVolume, const VolumeView<T>& dst,
-                  const ResizeRegion& region, int interpolation, uint8_t* share, int sliceBegin,
-                  int sliceEnd, const ResizeRowKernels<T>& kernels)
+                  const ResizeRegion& region, const InterpolationKernel& kernel, uint8_t* share,
+                  int sliceBegin, int sliceEnd, const ResizeRowKernels<T>& kernels)
 {
     if (sliceBegin >= sliceEnd) return;
     ResizeWorkspace ws =
         carveResizeWorkspace(share, regionExtent(region, 0), regionExtent(region, 1),
-                             regionExtent(region, 2), interpolation, std::is_same_v<T, uint8_t>);
-    fillResizeTables(ws, region, srcVolume, interpolation);
+                             regionExtent(region, 2), kernel, std::is_same_v<T, uint8_t>);
+    fillResizeTables(ws, region, srcVolume, kernel);
     if (ws.taps == 1)
         copyNearestSlices(src, dst, region, ws, sliceBegin, sliceEnd);
     else
@@ -192,50 +192,50 @@ void resizeSlices(const VolumeView<const T>& src, VolumeSize srcVolume, const Vo
 
 template <class T>
 void resizeVolume(const VolumeView<const T>& src, VolumeSize srcVolume, const VolumeView<T>& dst,
-                  const ResizeRegion& region, int interpolation, uint8_t* buffer)
+                  const ResizeRegion& region, const InterpolationKernel& kernel, uint8_t* buffer)
 {
-    resizeSlices(src, srcVolume, dst, region, interpolation, buffer, 0, regionExtent(region, 2),
+    resizeSlices(src, srcVolume, dst, region, kernel, buffer, 0, regionExtent(region, 2),
                  avxRowKernels<T>(preferStreamingStores(region, sizeof(T))));
 }
 
 void resizeVolumeInTeam(const VolumeView<const float>& src, VolumeSize srcVolume,
-                        const VolumeView<float>& dst, const ResizeRegion& region, int interpolation,
-                        uint8_t* buffer)
+                        const VolumeView<float>& dst, const ResizeRegion& region,
+                        const InterpolationKernel& kernel, uint8_t* buffer)
 {
     const int32_t width = regionExtent(region, 0), height = regionExtent(region, 1);
     const int32_t depth = regionExtent(region, 2);
     if (width < kMinParallelExtent || height < kMinParallelExtent || depth < kMinParallelExtent ||
         ownGetNumThreads() <= 1) {
-        resizeVolume(src, srcVolume, dst, region, interpolation, buffer);
+        resizeVolume(src, srcVolume, dst, region, kernel, buffer);
         return;
     }
-    const std::size_t shareBytes = resizeBufferBytesPerThread(width, height, depth, interpolation);
+    const std::size_t shareBytes = resizeBufferBytesPerThread(width, height, depth, kernel.code);
     const ResizeRowKernels<float> kernels =
         avxRowKernels<float>(preferStreamingStores(region, sizeof(float)));
     frame::runParallelRegion([&](int member, int teamSize) {
         const int share = depth / teamSize;
         const int begin = member * share;
         const int end = member == teamSize - 1 ? depth : begin + share;
-        resizeSlices(src, srcVolume, dst, region, interpolation,
+        resizeSlices(src, srcVolume, dst, region, kernel,
                      buffer + std::size_t(member) * shareBytes, begin, end, kernels);
     });
 }
 
 template void resizeVolume<uint8_t>(const VolumeView<const uint8_t>&, VolumeSize,
-                                    const VolumeView<uint8_t>&, const ResizeRegion&, int, uint8_t*);
+                                    const VolumeView<uint8_t>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*);
 template void resizeVolume<uint16_t>(const VolumeView<const uint16_t>&, VolumeSize,
-                                     const VolumeView<uint16_t>&, const ResizeRegion&, int,
-                                     uint8_t*);
+                                     const VolumeView<uint16_t>&, const ResizeRegion&,
+                                     const InterpolationKernel&, uint8_t*);
 template void resizeVolume<float>(const VolumeView<const float>&, VolumeSize,
-                                  const VolumeView<float>&, const ResizeRegion&, int, uint8_t*);
+                                  const VolumeView<float>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*);
 template void resizeSlices<uint8_t>(const VolumeView<const uint8_t>&, VolumeSize,
-                                    const VolumeView<uint8_t>&, const ResizeRegion&, int, uint8_t*,
+                                    const VolumeView<uint8_t>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*,
                                     int, int, const ResizeRowKernels<uint8_t>&);
 template void resizeSlices<uint16_t>(const VolumeView<const uint16_t>&, VolumeSize,
-                                     const VolumeView<uint16_t>&, const ResizeRegion&, int,
-                                     uint8_t*, int, int, const ResizeRowKernels<uint16_t>&);
+                                     const VolumeView<uint16_t>&, const ResizeRegion&,
+                                     const InterpolationKernel&, uint8_t*, int, int, const ResizeRowKernels<uint16_t>&);
 template void resizeSlices<float>(const VolumeView<const float>&, VolumeSize,
-                                  const VolumeView<float>&, const ResizeRegion&, int, uint8_t*, int,
+                                  const VolumeView<float>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*, int,
                                   int, const ResizeRowKernels<float>&);
 
 }  // namespace vekr::volume

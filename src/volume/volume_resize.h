@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "resample_kernels.h"
 #include "resize_rows.h"
 #include "volume_geometry.h"
 
@@ -39,7 +40,7 @@ VolumeView<T> planarVolume(T* const* planes, int rowStep)
 // resizeBufferBytesPerThread for the region's extents (or any larger box).
 template <class T>
 void resizeVolume(const VolumeView<const T>& src, VolumeSize srcVolume, const VolumeView<T>& dst,
-                  const ResizeRegion& region, int interpolation, uint8_t* buffer);
+                  const ResizeRegion& region, const InterpolationKernel& kernel, uint8_t* buffer);
 
 // The same, split over a team of the library's threads when the region is at least 16 voxels
 // on each axis and there is more than one thread: with n members, member t writes the slices
@@ -47,14 +48,24 @@ void resizeVolume(const VolumeView<const T>& src, VolumeSize srcVolume, const Vo
 // share at buffer + t * resizeBufferBytesPerThread(region's extents). Every slice is computed
 // the same way wherever it runs, so any team size gives the same bytes.
 void resizeVolumeInTeam(const VolumeView<const float>& src, VolumeSize srcVolume,
-                        const VolumeView<float>& dst, const ResizeRegion& region, int interpolation,
-                        uint8_t* buffer);
+                        const VolumeView<float>& dst, const ResizeRegion& region,
+                        const InterpolationKernel& kernel, uint8_t* buffer);
 
 // The slices sliceBegin .. sliceEnd - 1 (counted from the region's first) of the region, with
 // one thread's share and a chosen set of row kernels.
 template <class T>
 void resizeSlices(const VolumeView<const T>& src, VolumeSize srcVolume, const VolumeView<T>& dst,
+                  const ResizeRegion& region, const InterpolationKernel& kernel, uint8_t* share,
+                  int sliceBegin, int sliceEnd, const ResizeRowKernels<T>& kernels);
+
+// The same for a caller that holds a known public code (the benchmarks of the internal stages).
+template <class T>
+void resizeSlices(const VolumeView<const T>& src, VolumeSize srcVolume, const VolumeView<T>& dst,
                   const ResizeRegion& region, int interpolation, uint8_t* share, int sliceBegin,
-                  int sliceEnd, const ResizeRowKernels<T>& kernels);
+                  int sliceEnd, const ResizeRowKernels<T>& kernels)
+{
+    resizeSlices(src, srcVolume, dst, region, *findInterpolationKernel(interpolation), share,
+                 sliceBegin, sliceEnd, kernels);
+}
 
 }  // namespace vekr::volume

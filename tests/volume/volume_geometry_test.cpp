@@ -1,4 +1,4 @@
-// The four volume queries and the argument checks every resize starts with.
+// The four volume queries and the argument checks of the resize, remap and warp exports.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -150,6 +150,13 @@ struct VolumeCall {
     int nChannel = 1;
     VolumeSize roi = {20, 4, 4}, kernel = {3, 3, 3};
     bool nullSrc = false, nullDst = false, nullBuffer = false, nullOut = false;
+    // Remap: maps over the whole destination at 0.4 times the voxel index, so part of the
+    // region falls inside srcVOI. Warp: the identity.
+    VolumeSize remapRoi = kDst;
+    bool nullMap[3] = {false, false, false};
+    std::vector<float> maps[3] = {coordinateMap(0), coordinateMap(1), coordinateMap(2)};
+    double coeffs[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    bool nullCoeffs = false;
 
     std::vector<uint8_t> dst8 = std::vector<uint8_t>(kDstVoxels, kByteSentinel);
     std::vector<uint16_t> dst16 = std::vector<uint16_t>(kDstVoxels, 0xA5A5);
@@ -157,6 +164,17 @@ struct VolumeCall {
     std::vector<uint8_t> buffer = std::vector<uint8_t>(1 << 16, kByteSentinel);
     Cuboid cuboid = kCuboidSentinel;
     int size = -7;
+
+    static std::vector<float> coordinateMap(int axis)
+    {
+        std::vector<float> m(kDstVoxels);
+        for (size_t i = 0; i < kDstVoxels; ++i) {
+            const size_t along[3] = {i % kDst.width, i / kDst.width % kDst.height,
+                                     i / (kDst.width * kDst.height)};
+            m[i] = 0.4f * float(along[axis]);
+        }
+        return m;
+    }
 
     bool outputsUntouched() const
     {
@@ -204,6 +222,67 @@ Status runResize(VolumeCall& c)
             c.nullDst ? nullptr : dst, dstRow, dstRow * d.height, c.dstVOI, c.factor[0],
             c.factor[1], c.factor[2], c.shift[0], c.shift[1], c.shift[2], c.interpolation, buffer);
     }
+}
+
+template <class T>
+Status runRemap(VolumeCall& c)
+{
+    const VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
+    const std::vector<T> source(VolumeCall::kSrcVoxels, T(1));
+    std::vector<const T*> srcPlanes;
+    std::vector<T*> dstPlanes;
+    std::vector<const float*> mapPlanes[3];
+    for (int z = 0; z < s.depth; ++z)
+        srcPlanes.push_back(source.data() + z * s.width * s.height);
+    for (int z = 0; z < d.depth; ++z) {
+        dstPlanes.push_back(dstOf<T>(c) + z * d.width * d.height);
+        for (int a = 0; a < 3; ++a)
+            mapPlanes[a].push_back(c.maps[a].data() + z * d.width * d.height);
+    }
+    const float* const* map[3];
+    for (int a = 0; a < 3; ++a)
+        map[a] = c.nullMap[a] ? nullptr : mapPlanes[a].data();
+    const int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
+    const T* const* src = c.nullSrc ? nullptr : srcPlanes.data();
+    T* const* dst = c.nullDst ? nullptr : dstPlanes.data();
+    const int mapRow = d.width * int(sizeof(float));
+    if constexpr (sizeof(T) == 1)
+        return vekrRemap_8u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2], mapRow,
+                                 dst, dstRow, c.remapRoi, c.interpolation);
+    else if constexpr (sizeof(T) == 2)
+        return vekrRemap_16u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2],
+                                  mapRow, dst, dstRow, c.remapRoi, c.interpolation);
+    else
+        return vekrRemap_32f_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2],
+                                  mapRow, dst, dstRow, c.remapRoi, c.interpolation);
+}
+
+// The warp ignores its buffer: a null one is accepted.
+template <class T>
+Status runWarp(VolumeCall& c)
+{
+    const VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
+    const std::vector<T> source(VolumeCall::kSrcVoxels, T(1));
+    std::vector<const T*> srcPlanes;
+    std::vector<T*> dstPlanes;
+    for (int z = 0; z < s.depth; ++z)
+        srcPlanes.push_back(source.data() + z * s.width * s.height);
+    for (int z = 0; z < d.depth; ++z)
+        dstPlanes.push_back(dstOf<T>(c) + z * d.width * d.height);
+    const int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
+    const T* const* src = c.nullSrc ? nullptr : srcPlanes.data();
+    T* const* dst = c.nullDst ? nullptr : dstPlanes.data();
+    const double* coeffs = c.nullCoeffs ? nullptr : c.coeffs;
+    uint8_t* buffer = c.nullBuffer ? nullptr : c.buffer.data();
+    if constexpr (sizeof(T) == 1)
+        return vekrWarpAffine_8u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
+                                      coeffs, c.interpolation, buffer);
+    else if constexpr (sizeof(T) == 2)
+        return vekrWarpAffine_16u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
+                                       coeffs, c.interpolation, buffer);
+    else
+        return vekrWarpAffine_32f_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
+                                       coeffs, c.interpolation, buffer);
 }
 
 struct Check {
@@ -261,6 +340,39 @@ const Checks kResizeChecks =
             StatusWarnVoiOutsideSource}} +
     kShiftedAway;
 
+const Checks kSourceSize = {
+    {"source width 0", [](VolumeCall& c) { c.srcVolume.width = 0; }, StatusBadSize},
+    {"source height -2", [](VolumeCall& c) { c.srcVolume.height = -2; }, StatusBadSize},
+    {"source depth 0", [](VolumeCall& c) { c.srcVolume.depth = 0; }, StatusBadSize}};
+const Checks kVoiOutsideSource = {
+    {"srcVOI.x at the source width", [](VolumeCall& c) { c.srcVOI.x = 6; },
+     StatusWarnVoiOutsideSource},
+    {"srcVOI.y at the source height", [](VolumeCall& c) { c.srcVOI.y = 5; },
+     StatusWarnVoiOutsideSource},
+    {"srcVOI.z at the source depth", [](VolumeCall& c) { c.srcVOI.z = 4; },
+     StatusWarnVoiOutsideSource}};
+
+const Checks kRemapChecks =
+    Checks{{"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
+           {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer},
+           {"null x map", [](VolumeCall& c) { c.nullMap[0] = true; }, StatusNullPointer},
+           {"null y map", [](VolumeCall& c) { c.nullMap[1] = true; }, StatusNullPointer},
+           {"null z map", [](VolumeCall& c) { c.nullMap[2] = true; }, StatusNullPointer}} +
+    kSourceSize + kSrcBox +
+    Checks{{"ROI width 0", [](VolumeCall& c) { c.remapRoi.width = 0; }, StatusBadSize},
+           {"ROI height -1", [](VolumeCall& c) { c.remapRoi.height = -1; }, StatusBadSize},
+           {"ROI depth 0", [](VolumeCall& c) { c.remapRoi.depth = 0; }, StatusBadSize}} +
+    kInterpolation + kVoiOutsideSource;
+
+const Checks kWarpChecks =
+    Checks{{"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
+           {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer},
+           {"null coefficients", [](VolumeCall& c) { c.nullCoeffs = true; }, StatusNullPointer}} +
+    kSourceSize + kSrcBox + kDstBox + kInterpolation +
+    Checks{{"zero third row", [](VolumeCall& c) { c.coeffs[8] = c.coeffs[9] = c.coeffs[10] = 0; },
+            StatusBadCoefficients}} +
+    kVoiOutsideSource;
+
 const Checks kFilterChecks =
     kNullOut +
     Checks{{"ROI width 0", [](VolumeCall& c) { c.roi.width = 0; }, StatusBadSize},
@@ -277,6 +389,11 @@ const Checks kInterpolationAlone = {
     {"interpolation 8", [](VolumeCall& c) { c.interpolation = 8; }, StatusBadInterpolation},
     {"interpolation 1", [](VolumeCall& c) { c.interpolation = 1; }, StatusOk},
     {"interpolation 7", [](VolumeCall& c) { c.interpolation = 7; }, StatusOk}};
+
+// The warp takes no work buffer: a null one is accepted.
+const Checks kWarpAlone =
+    kInterpolationAlone +
+    Checks{{"null buffer", [](VolumeCall& c) { c.nullBuffer = true; }, StatusOk}};
 
 struct Contract {
     const char* name;
@@ -325,6 +442,12 @@ std::vector<Contract> contracts()
         {"Resize8uPV", runResize<uint8_t, true>, kResizeChecks, kInterpolationAlone},
         {"Resize16uPV", runResize<uint16_t, true>, kResizeChecks, kInterpolationAlone},
         {"Resize32fPV", runResize<float, true>, kResizeChecks, kInterpolationAlone},
+        {"Remap8u", runRemap<uint8_t>, kRemapChecks, kInterpolationAlone},
+        {"Remap16u", runRemap<uint16_t>, kRemapChecks, kInterpolationAlone},
+        {"Remap32f", runRemap<float>, kRemapChecks, kInterpolationAlone},
+        {"WarpAffine8u", runWarp<uint8_t>, kWarpChecks, kWarpAlone},
+        {"WarpAffine16u", runWarp<uint16_t>, kWarpChecks, kWarpAlone},
+        {"WarpAffine32f", runWarp<float>, kWarpChecks, kWarpAlone},
     };
 }
 

@@ -15,6 +15,7 @@
 
 #include "resize_exports.h"
 #include "support/guard_buffer.h"
+#include "support/resample_reference.h"
 #include "vekcore.h"
 #include "vekr.h"
 #include "volume/resize_tables.h"
@@ -162,19 +163,6 @@ Box writtenBox(const ResizeCase& c)
     return box;
 }
 
-// Mitchell-Netravali (B, C) cubic, from its general form.
-double mitchellNetravali(double b, double c, double t)
-{
-    t = std::fabs(t);
-    if (t < 1)
-        return ((12 - 9 * b - 6 * c) * t * t * t + (-18 + 12 * b + 6 * c) * t * t + 6 - 2 * b) / 6;
-    if (t < 2)
-        return ((-b - 6 * c) * t * t * t + (6 * b + 30 * c) * t * t + (-12 * b - 48 * c) * t +
-                8 * b + 24 * c) /
-               6;
-    return 0;
-}
-
 // The taps of one destination index on one axis: source indices clamped to the volume, and
 // their weights in double.
 struct AxisTaps {
@@ -208,24 +196,7 @@ AxisTaps axisTaps(int kind, int i, double factor, double shift, int extent)
     for (int k = 0; k < 4; ++k) {
         const double at = k - 1;  // tap position relative to base
         taps.index[k] = clampIndex(base + at);
-        switch (kind) {
-            case InterpolationCubicLagrange: {  // product form through -1, 0, 1, 2
-                double w = 1;
-                for (int m = -1; m <= 2; ++m)
-                    if (m != at) w *= (f - m) / (at - m);
-                taps.weight[k] = w;
-                break;
-            }
-            case InterpolationCubicBSpline:
-                taps.weight[k] = mitchellNetravali(1, 0, at - f);
-                break;
-            case InterpolationCubicCatmullRom:
-                taps.weight[k] = mitchellNetravali(0, 0.5, at - f);
-                break;
-            default:
-                taps.weight[k] = mitchellNetravali(0.5, 0.3, at - f);
-                break;
-        }
+        taps.weight[k] = vekr::test::cubicReferenceWeight(kind, k - 1, f);
     }
     return taps;
 }
@@ -526,9 +497,9 @@ void expectAvxMatchesScalar(int kind)
         const Cuboid dstVOI = {srcWidth % 8, 0, 0, 64, 8, 8};
         const double factor[3] = {1.37, 0.8, 1.5}, shift[3] = {0.21 + dstVOI.x, -0.3, 0.4};
         volume::ResizeRegion region;
-        ASSERT_EQ(
-            volume::resolveResizeRegion(true, srcSize, srcVOI, dstVOI, factor, shift, kind, region),
-            StatusOk);
+        ASSERT_EQ(volume::resolveResizeRegion(true, srcSize, srcVOI, dstVOI, factor, shift,
+                                              volume::findInterpolationKernel(kind), region),
+                  StatusOk);
         std::vector<uint8_t> buffer(volume::resizeBufferBytesPerThread(64, 8, 8, kind));
         const int voxelBytes = int(sizeof(T));
         const auto srcView = volume::blockVolume(src.constPlanes()[0], src.rowBytes() / voxelBytes,
@@ -543,7 +514,8 @@ void expectAvxMatchesScalar(int kind)
             volume::resizeSlices(srcView, srcSize,
                                  volume::blockVolume(dst.block(), dst.rowBytes() / voxelBytes,
                                                      dst.planeBytes() / voxelBytes),
-                                 region, kind, buffer.data(), 0, depth, kernels);
+                                 region, *volume::findInterpolationKernel(kind), buffer.data(), 0,
+                                 depth, kernels);
         }
         for (size_t r = 1; r < results.size(); ++r)
             ASSERT_TRUE(results[r]->sameVoxels(*results[0]))
@@ -577,7 +549,8 @@ TEST(ResizeWorkspace, CarvedAreasFitTheReportedShareAtAnyAlignment)
                                            (64 - reinterpret_cast<uintptr_t>(storage.data()) % 64);
                         for (int misalign = 0; misalign < 64; ++misalign) {
                             const volume::ResizeWorkspace ws = volume::carveResizeWorkspace(
-                                aligned + misalign, width, height, depth, kind, fixedPointX);
+                                aligned + misalign, width, height, depth,
+                                *volume::findInterpolationKernel(kind), fixedPointX);
                             ASSERT_LE(ws.bytesUsed, budget)
                                 << "kind " << kind << ", box " << width << "x" << height << "x"
                                 << depth << ", misaligned by " << misalign;

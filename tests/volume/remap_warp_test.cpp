@@ -1,0 +1,560 @@
+// Remap and affine warp against a double-precision reference, with every plane between guard
+// pages and every byte around the written region compared; the inclusive bounds, the small-
+// source downgrades, the determinant limit, thread counts and the 32f linear row twins.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "resize_exports.h"
+#include "support/float_bits.h"
+#include "support/guard_buffer.h"
+#include "support/resample_reference.h"
+#include "vekr.h"
+#include "volume/remap_rows.h"
+
+using vekr::test::FlushEnd;
+using vekr::test::GuardedArray;
+using vekr::test::samplePointReference;
+using vekr::test::ThreadCountScope;
+namespace volume = vekr::volume;
+
+namespace {
+
+constexpr int kKinds[] = {InterpolationNearest,         InterpolationLinear,
+                          InterpolationCubicLagrange,   InterpolationCubicBSpline,
+                          InterpolationCubicCatmullRom, InterpolationCubicB05C03};
+
+// A planar volume, rows padded by 3 voxels, each plane in a mapping of its own flush against
+// a guard page; storage() is every element of every plane, padding included.
+template <class T>
+class Planes {
+public:
+    Planes(VolumeSize size, FlushEnd end = FlushEnd::Back) : size_(size), rowStep_(size.width + 3)
+    {
+        const size_t voxels = size_t(rowStep_) * (size.height - 1) + size.width;
+        for (int z = 0; z < size.depth; ++z) {
+            mappings_.push_back(std::make_unique<GuardedArray<T>>(voxels, end));
+            planes_.push_back(mappings_.back()->data());
+            std::memset(planes_.back(), 0xA5, voxels * sizeof(T));
+        }
+        constPlanes_.assign(planes_.begin(), planes_.end());
+    }
+    T& at(int x, int y, int z) { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
+    T at(int x, int y, int z) const { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
+    int rowBytes() const { return rowStep_ * int(sizeof(T)); }
+    T* const* planes() { return planes_.data(); }
+    const T* const* constPlanes() const { return constPlanes_.data(); }
+    VolumeSize size() const { return size_; }
+    int rowStep() const { return rowStep_; }
+    std::vector<T> storage() const
+    {
+        std::vector<T> all;
+        for (const auto& m : mappings_)
+            all.insert(all.end(), m->data(), m->data() + m->size());
+        return all;
+    }
+    template <class F>
+    void fill(F value)
+    {
+        for (int z = 0; z < size_.depth; ++z)
+            for (int y = 0; y < size_.height; ++y)
+                for (int x = 0; x < size_.width; ++x)
+                    at(x, y, z) = value(x, y, z);
+    }
+
+private:
+    VolumeSize size_;
+    int rowStep_;
+    std::vector<std::unique_ptr<GuardedArray<T>>> mappings_;
+    std::vector<T*> planes_;
+    std::vector<const T*> constPlanes_;
+};
+
+template <class T>
+T randomVoxel(std::mt19937& rng)
+{
+    if constexpr (std::is_same_v<T, float>)
+        return std::uniform_real_distribution<float>(-100.0f, 100.0f)(rng);
+    else
+        return T(std::uniform_int_distribution<int>(0, std::numeric_limits<T>::max())(rng));
+}
+
+// Allowed distance from the reference (clamped to the type's range for 8u and 16u). 32f: 2^-20
+// of the largest magnitude 100, a few float roundings of weights, products and sums. 8u, 16u:
+// half a unit of rounding plus that float error. Nearest copies exactly.
+template <class T>
+double tolerance(int kind)
+{
+    if (kind == InterpolationNearest) return 0;
+    constexpr double kMax = std::is_same_v<T, float> ? 100.0 : std::numeric_limits<T>::max();
+    return (std::is_same_v<T, float> ? 0.0 : 0.5) + 0x1p-20 * kMax;
+}
+
+// Every element of dst's storage against `before`: voxels of the region (0, 0, 0) + box whose
+// reference position lies inside the bounds hold the reference value, everything else (padding,
+// voxels outside the box or outside the bounds) is unchanged bit for bit. refAt returns nothing
+// for a voxel left alone; skip(x, y, z) excludes voxels the reference cannot decide.
+template <class T, class Ref, class Skip>
+void expectRegion(const Planes<T>& dst, const std::vector<T>& before, Cuboid box, int kind,
+                  Ref refAt, Skip skip)
+{
+    const std::vector<T> after = dst.storage();
+    const size_t planeVoxels = after.size() / size_t(dst.size().depth);
+    for (size_t e = 0; e < after.size(); ++e) {
+        const int z = int(e / planeVoxels), y = int(e % planeVoxels / dst.rowStep());
+        const int x = int(e % planeVoxels % dst.rowStep());
+        const bool inBox = x >= box.x && x < box.x + box.width && x < dst.size().width &&
+                           y >= box.y && y < box.y + box.height && z >= box.z &&
+                           z < box.z + box.depth;
+        if (inBox && skip(x, y, z)) continue;
+        const std::optional<double> ref = inBox ? refAt(x, y, z) : std::nullopt;
+        if (!ref) {
+            ASSERT_EQ(std::memcmp(&after[e], &before[e], sizeof(T)), 0)
+                << "kind " << kind << ": changed at " << x << "," << y << "," << z;
+            continue;
+        }
+        double expected = *ref;
+        if (!std::is_same_v<T, float>)
+            expected = std::clamp(expected, 0.0, double(std::numeric_limits<T>::max()));
+        ASSERT_NEAR(double(after[e]), expected, tolerance<T>(kind))
+            << "kind " << kind << " at " << x << "," << y << "," << z;
+    }
+}
+
+// --- Remap ----------------------------------------------------------------------------
+
+struct RemapCase {
+    const char* name;
+    VolumeSize src;
+    Cuboid srcVOI;
+    VolumeSize roi;
+};
+
+const RemapCase kRemapCases[] = {
+    {"InnerBox", {9, 8, 7}, {1, 1, 1, 7, 6, 5}, {21, 5, 4}},
+    {"BoxPastTheVolume", {6, 5, 4}, {2, 1, 0, 20, 20, 20}, {9, 6, 3}},
+    {"ThinBoxInALargeVolume", {8, 8, 8}, {2, 3, 4, 1, 2, 3}, {17, 4, 3}},
+};
+
+struct Maps {
+    Planes<float> x, y, z;
+    explicit Maps(VolumeSize roi, FlushEnd end = FlushEnd::Back)
+        : x(roi, end), y(roi, end), z(roi, end)
+    {
+    }
+};
+
+// Positions from a margin below the bounds to one above them, with every tenth coordinate on
+// an integer (the bounds among them), every 13th just past the maximum, every 37th NaN.
+Maps randomMaps(VolumeSize roi, const int lo[3], const int hi[3], unsigned seed,
+                FlushEnd end = FlushEnd::Back)
+{
+    std::mt19937 rng(seed);
+    Maps m(roi, end);
+    Planes<float>* axes[3] = {&m.x, &m.y, &m.z};
+    int n = 0;
+    for (int a = 0; a < 3; ++a)
+        axes[a]->fill([&](int, int, int) {
+            ++n;
+            if (n % 37 == 0) return std::numeric_limits<float>::quiet_NaN();
+            if (n % 13 == 0) return std::nextafter(float(hi[a]), INFINITY);
+            const int i = std::uniform_int_distribution<int>(lo[a] - 1, hi[a] + 1)(rng);
+            if (n % 10 == 0) return float(i);
+            return std::uniform_real_distribution<float>(lo[a] - 0.7f, hi[a] + 0.7f)(rng);
+        });
+    return m;
+}
+
+template <class T>
+Status remap(const Planes<T>& src, Cuboid srcVOI, Maps& maps, Planes<T>& dst, VolumeSize roi,
+             int kind)
+{
+    const float* const* mx = maps.x.constPlanes();
+    const float* const* my = maps.y.constPlanes();
+    const float* const* mz = maps.z.constPlanes();
+    if constexpr (std::is_same_v<T, uint8_t>)
+        return vekrRemap_8u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
+                                 maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
+    else if constexpr (std::is_same_v<T, uint16_t>)
+        return vekrRemap_16u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
+                                  maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
+    else
+        return vekrRemap_32f_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
+                                  maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
+}
+
+void clippedBounds(VolumeSize v, Cuboid box, int lo[3], int hi[3])
+{
+    lo[0] = box.x, lo[1] = box.y, lo[2] = box.z;
+    hi[0] = box.x + std::min(v.width - box.x, box.width) - 1;
+    hi[1] = box.y + std::min(v.height - box.y, box.height) - 1;
+    hi[2] = box.z + std::min(v.depth - box.z, box.depth) - 1;
+}
+
+// The destination is larger than the region on every axis, so bytes after it are compared too.
+VolumeSize around(VolumeSize roi)
+{
+    return {roi.width + 2, roi.height + 1, roi.depth + 1};
+}
+
+template <class T>
+void expectRemapNearReference(const RemapCase& c, unsigned seed, FlushEnd end)
+{
+    std::mt19937 rng(seed);
+    Planes<T> src(c.src, end);
+    src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+    int lo[3], hi[3];
+    clippedBounds(c.src, c.srcVOI, lo, hi);
+    Maps maps = randomMaps(c.roi, lo, hi, seed, end);
+    for (int kind : kKinds) {
+        Planes<T> dst(around(c.roi), end);
+        const std::vector<T> before = dst.storage();
+        ASSERT_EQ(remap(src, c.srcVOI, maps, dst, c.roi, kind), StatusOk);
+        auto refAt = [&](int x, int y, int z) {
+            const double pos[3] = {maps.x.at(x, y, z), maps.y.at(x, y, z), maps.z.at(x, y, z)};
+            return samplePointReference([&](int i, int j, int k) { return src.at(i, j, k); }, lo,
+                                        hi, kind, pos);
+        };
+        expectRegion(dst, before, {0, 0, 0, c.roi.width, c.roi.height, c.roi.depth}, kind, refAt,
+                     [](int, int, int) { return false; });
+    }
+}
+
+void PrintTo(const RemapCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class VolumeRemap : public testing::TestWithParam<RemapCase> {};
+
+TEST_P(VolumeRemap, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
+{
+    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+        expectRemapNearReference<uint8_t>(GetParam(), 1, end);
+        expectRemapNearReference<uint16_t>(GetParam(), 2, end);
+        expectRemapNearReference<float>(GetParam(), 3, end);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, VolumeRemap, testing::ValuesIn(kRemapCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A position exactly at the maximum is sampled (linear: voxels max - 1 and max with fraction 1,
+// the value at max; the interpolating cubics give it too); one a float step above it leaves
+// the voxel alone.
+TEST(VolumeRemapBounds, MaximumIsInsideAndTheNextFloatOutside)
+{
+    Planes<float> src({6, 5, 4});
+    src.fill([](int x, int y, int z) { return float(100 * z + 10 * y + x); });
+    const Cuboid box = {1, 1, 1, 4, 3, 2};  // x 1..4, y 1..3, z 1..2
+    Maps maps({2, 1, 1});
+    maps.x.at(0, 0, 0) = 4.0f, maps.y.at(0, 0, 0) = 3.0f, maps.z.at(0, 0, 0) = 2.0f;
+    maps.x.at(1, 0, 0) = std::nextafter(4.0f, 5.0f), maps.y.at(1, 0, 0) = 1.0f;
+    maps.z.at(1, 0, 0) = 1.0f;
+    for (int kind : kKinds) {
+        Planes<float> dst({2, 1, 1});
+        dst.fill([](int, int, int) { return -1.0f; });
+        ASSERT_EQ(remap(src, box, maps, dst, {2, 1, 1}, kind), StatusOk);
+        // The B-spline and B05C03 cubics smooth, so they only have to write something there.
+        const bool interpolating =
+            kind != InterpolationCubicBSpline && kind != InterpolationCubicB05C03;
+        if (interpolating) {
+            EXPECT_EQ(dst.at(0, 0, 0), 234.0f) << "kind " << kind;
+        }
+        EXPECT_NE(dst.at(0, 0, 0), -1.0f) << "kind " << kind;
+        EXPECT_EQ(dst.at(1, 0, 0), -1.0f) << "kind " << kind;
+    }
+}
+
+// The downgrades go by the whole volume: 3 deep makes cubic linear, 1 wide makes any kind
+// nearest, whatever the box.
+TEST(VolumeRemapBounds, SmallSourcesDowngradeTheKind)
+{
+    struct {
+        VolumeSize src;
+        int downgradedTo;
+        std::vector<int> kinds;
+    } const cases[] = {
+        {{7, 6, 3}, InterpolationLinear, {4, 5, 6, 7}},
+        {{1, 6, 5}, InterpolationNearest, {2, 4, 5, 6, 7}},
+    };
+    for (const auto& c : cases) {
+        std::mt19937 rng(5);
+        Planes<uint16_t> src(c.src);
+        src.fill([&](int, int, int) { return randomVoxel<uint16_t>(rng); });
+        const Cuboid box = {0, 0, 0, c.src.width, c.src.height, c.src.depth};
+        int lo[3], hi[3];
+        clippedBounds(c.src, box, lo, hi);
+        const VolumeSize roi = {19, 4, 3};
+        Maps maps = randomMaps(roi, lo, hi, 9);
+        Planes<uint16_t> expected(roi);
+        ASSERT_EQ(remap(src, box, maps, expected, roi, c.downgradedTo), StatusOk);
+        for (int kind : c.kinds) {
+            Planes<uint16_t> dst(roi);
+            ASSERT_EQ(remap(src, box, maps, dst, roi, kind), StatusOk);
+            EXPECT_EQ(dst.storage(), expected.storage()) << "kind " << kind;
+        }
+    }
+}
+
+// --- Affine warp ------------------------------------------------------------------------
+
+template <class T>
+Status warp(const Planes<T>& src, Cuboid srcVOI, Planes<T>& dst, Cuboid dstVOI,
+            const double* coeffs, int kind)
+{
+    if constexpr (std::is_same_v<T, uint8_t>)
+        return vekrWarpAffine_8u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
+                                      dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
+    else if constexpr (std::is_same_v<T, uint16_t>)
+        return vekrWarpAffine_16u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
+                                       dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
+    else
+        return vekrWarpAffine_32f_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
+                                       dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
+}
+
+// The source position of destination (x, y, z): the forward map solved by Cramer's rule in
+// long double, independent of the library's adjugate and of its stepping along rows.
+void inverseImage(const double a[12], int x, int y, int z, double pos[3])
+{
+    using L = long double;
+    const L m[3][3] = {{a[0], a[1], a[2]}, {a[4], a[5], a[6]}, {a[8], a[9], a[10]}};
+    const L r[3] = {x - L(a[3]), y - L(a[7]), z - L(a[11])};
+    auto det3 = [](const L c0[3], const L c1[3], const L c2[3]) {
+        return c0[0] * (c1[1] * c2[2] - c1[2] * c2[1]) - c1[0] * (c0[1] * c2[2] - c0[2] * c2[1]) +
+               c2[0] * (c0[1] * c1[2] - c0[2] * c1[1]);
+    };
+    const L col[3][3] = {
+        {m[0][0], m[1][0], m[2][0]}, {m[0][1], m[1][1], m[2][1]}, {m[0][2], m[1][2], m[2][2]}};
+    const L d = det3(col[0], col[1], col[2]);
+    for (int k = 0; k < 3; ++k) {
+        L c[3][3];
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                c[i][j] = i == k ? r[j] : col[i][j];
+        pos[k] = double(det3(c[0], c[1], c[2]) / d);
+    }
+}
+
+struct WarpCase {
+    const char* name;
+    VolumeSize src;
+    Cuboid srcVOI, dstVOI;
+    double coeffs[12];
+};
+
+const WarpCase kWarpCases[] = {
+    {"RotateScaleShear",
+     {10, 9, 8},
+     {1, 0, 1, 8, 9, 6},
+     {0, 1, 0, 14, 12, 10},
+     {0.8, -0.6, 0.1, 4.3, 0.55, 0.75, 0.2, -0.4, 0.05, 0.1, 1.3, 0.7}},
+    {"MirrorAndSwapAxes",
+     {7, 6, 5},
+     {0, 0, 0, 7, 6, 5},
+     {2, 1, 1, 9, 8, 7},
+     {0, 1.25, 0, 1.1, -1, 0, 0, 9.3, 0, 0, 1.1, 0.6}},
+    {"BoxPastTheVolume",
+     {6, 5, 4},
+     {2, 1, 1, 30, 30, 30},
+     {0, 0, 0, 11, 9, 7},
+     {1.5, 0, 0, 0.25, 0, 1.5, 0, 0.1, 0, 0, 1.5, 0.3}},
+};
+
+// Positions within this of a bound, or (nearest) of a half voxel, are decided by the last bits
+// of the stepping, which the long double reference does not reproduce: such voxels are skipped.
+constexpr double kUndecided = 1e-9;
+
+bool undecided(const double pos[3], const int lo[3], const int hi[3], int kind)
+{
+    for (int a = 0; a < 3; ++a) {
+        if (std::fabs(pos[a] - lo[a]) < kUndecided || std::fabs(pos[a] - hi[a]) < kUndecided)
+            return true;
+        const double frac = pos[a] - std::floor(pos[a]);
+        if (kind == InterpolationNearest && std::fabs(frac - 0.5) < kUndecided) return true;
+    }
+    return false;
+}
+
+template <class T>
+void expectWarpNearReference(const WarpCase& c, unsigned seed, FlushEnd end)
+{
+    std::mt19937 rng(seed);
+    Planes<T> src(c.src, end);
+    src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+    int lo[3], hi[3];
+    clippedBounds(c.src, c.srcVOI, lo, hi);
+    const VolumeSize dstSize = {c.dstVOI.x + c.dstVOI.width + 2, c.dstVOI.y + c.dstVOI.height + 1,
+                                c.dstVOI.z + c.dstVOI.depth + 1};
+    for (int kind : kKinds) {
+        Planes<T> dst(dstSize, end);
+        const std::vector<T> before = dst.storage();
+        ASSERT_EQ(warp(src, c.srcVOI, dst, c.dstVOI, c.coeffs, kind), StatusOk);
+        int written = 0;
+        auto refAt = [&](int x, int y, int z) {
+            double pos[3];
+            inverseImage(c.coeffs, x, y, z, pos);
+            auto r = samplePointReference([&](int i, int j, int k) { return src.at(i, j, k); }, lo,
+                                          hi, kind, pos);
+            written += r.has_value();
+            return r;
+        };
+        auto skip = [&](int x, int y, int z) {
+            double pos[3];
+            inverseImage(c.coeffs, x, y, z, pos);
+            return undecided(pos, lo, hi, kind);
+        };
+        expectRegion(dst, before, c.dstVOI, kind, refAt, skip);
+        EXPECT_GE(written, 30) << "kind " << kind;  // not vacuous
+    }
+}
+
+void PrintTo(const WarpCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class VolumeWarpAffine : public testing::TestWithParam<WarpCase> {};
+
+TEST_P(VolumeWarpAffine, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
+{
+    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+        expectWarpNearReference<uint8_t>(GetParam(), 1, end);
+        expectWarpNearReference<uint16_t>(GetParam(), 2, end);
+        expectWarpNearReference<float>(GetParam(), 3, end);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, VolumeWarpAffine, testing::ValuesIn(kWarpCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The identity puts every position on a voxel: nearest, linear and Catmull-Rom (weights 0, 1,
+// 0, 0) copy the part of dstVOI inside the source box exactly; the rest keeps its contents.
+TEST(VolumeWarpAffineIdentity, CopiesTheSourceBox)
+{
+    const double identity[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    std::mt19937 rng(4);
+    Planes<float> src({9, 7, 6});
+    src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
+    const Cuboid srcVOI = {2, 1, 1, 5, 5, 4}, dstVOI = {0, 0, 0, 9, 7, 6};
+    const float kUntouched = vekr::test::bitsToFloat(0xA5A5A5A5u);  // what Planes starts with
+    for (int kind : {InterpolationNearest, InterpolationLinear, InterpolationCubicCatmullRom}) {
+        Planes<float> dst({9, 7, 6});
+        ASSERT_EQ(warp(src, srcVOI, dst, dstVOI, identity, kind), StatusOk);
+        for (int z = 0; z < 6; ++z)
+            for (int y = 0; y < 7; ++y)
+                for (int x = 0; x < 9; ++x) {
+                    const bool inside = x >= 2 && x < 7 && y >= 1 && y < 6 && z >= 1 && z < 5;
+                    const float expected = inside ? src.at(x, y, z) : kUntouched;
+                    ASSERT_EQ(std::memcmp(&dst.at(x, y, z), &expected, 4), 0)
+                        << "kind " << kind << " at " << x << "," << y << "," << z;
+                }
+    }
+}
+
+// |det| = 1e-10 exactly is accepted; a zero third row and a determinant a little below 1e-10
+// are refused with nothing written.
+TEST(VolumeWarpAffineIdentity, DeterminantLimitIsStrict)
+{
+    Planes<uint8_t> src({4, 4, 4});
+    src.fill([](int x, int, int) { return uint8_t(x); });
+    const Cuboid box = {0, 0, 0, 4, 4, 4};
+    const double atLimit[12] = {1e-10, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    const double negativeAtLimit[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, -1e-10, 0};
+    const double below[12] = {0.99e-10, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    const double singular[12] = {1, 2, 3, 4, 0, 1, 0, 0, 0, 0, 0, 5};
+    for (const double* m : {atLimit, negativeAtLimit}) {
+        Planes<uint8_t> dst({4, 4, 4});
+        EXPECT_EQ(warp(src, box, dst, box, m, InterpolationLinear), StatusOk);
+    }
+    for (const double* m : {below, singular}) {
+        Planes<uint8_t> dst({4, 4, 4});
+        const std::vector<uint8_t> before = dst.storage();
+        EXPECT_EQ(warp(src, box, dst, box, m, InterpolationNearest), StatusBadCoefficients);
+        EXPECT_EQ(dst.storage(), before);
+    }
+}
+
+// --- Threads and twins ------------------------------------------------------------------
+
+// Regions of 16 and more on every axis fork a team; 1, 2 and 3 threads write the same bytes.
+template <class T>
+void expectSameBytesForAnyThreadCount()
+{
+    std::mt19937 rng(12);
+    Planes<T> src({12, 11, 10});
+    src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+    const Cuboid srcVOI = {1, 0, 1, 10, 11, 9};
+    int lo[3], hi[3];
+    clippedBounds(src.size(), srcVOI, lo, hi);
+    const VolumeSize roi = {17, 16, 19};
+    Maps maps = randomMaps(roi, lo, hi, 6);
+    const double coeffs[12] = {1.4, 0.2, 0, -1, -0.1, 1.5, 0.1, 0.5, 0.05, 0, 1.9, -0.7};
+    const Cuboid dstVOI = {1, 0, 2, 16, 18, 17};
+    for (int kind : kKinds) {
+        std::vector<T> remapOne, warpOne;
+        for (int threads : {1, 2, 3}) {
+            const ThreadCountScope scope(threads);
+            Planes<T> remapped(around(roi)), warped({18, 19, 20});
+            ASSERT_EQ(remap(src, srcVOI, maps, remapped, roi, kind), StatusOk);
+            ASSERT_EQ(warp(src, srcVOI, warped, dstVOI, coeffs, kind), StatusOk);
+            if (threads == 1) {
+                remapOne = remapped.storage(), warpOne = warped.storage();
+                continue;
+            }
+            EXPECT_EQ(remapped.storage(), remapOne) << "kind " << kind << ", threads " << threads;
+            EXPECT_EQ(warped.storage(), warpOne) << "kind " << kind << ", threads " << threads;
+        }
+    }
+}
+
+TEST(VolumeRemapWarpThreads, AnyThreadCountWritesTheSameBytes)
+{
+    expectSameBytesForAnyThreadCount<uint8_t>();
+    expectSameBytesForAnyThreadCount<uint16_t>();
+    expectSameBytesForAnyThreadCount<float>();
+}
+
+// Rows of 0 .. 40 voxels (8-lane steps and every tail) with positions inside, outside, on the
+// bounds, a float step past them and NaN; maps and output flush against guard pages at either
+// end. Bits equal, lanes left alone included.
+TEST(RemapRowKernels, LinearAvxMatchesScalarBitForBit)
+{
+    std::mt19937 rng(3);
+    Planes<float> src({7, 6, 5});
+    src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
+    volume::SourceWindow<float> window;
+    window.planes = src.constPlanes();
+    window.rowStep = src.rowStep();
+    const int lo[3] = {1, 0, 2}, hi[3] = {5, 5, 2};  // one plane deep on z
+    for (int a = 0; a < 3; ++a)
+        window.lo[a] = lo[a], window.hi[a] = hi[a];
+    const auto& kernel = *volume::findInterpolationKernel(InterpolationLinear);
+    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
+        for (int n = 0; n <= 40; ++n) {
+            const Maps maps = randomMaps({std::max(n, 1), 1, 1}, lo, hi, unsigned(n), end);
+            GuardedArray<float> scalar(size_t(n), end), avx(size_t(n), end);
+            for (int i = 0; i < n; ++i)
+                scalar.data()[i] = avx.data()[i] = -5.0f;
+            const float *mx = maps.x.constPlanes()[0], *my = maps.y.constPlanes()[0],
+                        *mz = maps.z.constPlanes()[0];
+            volume::remapLinearRow32fScalar(window, kernel, mx, my, mz, scalar.data(), n);
+            volume::remapLinearRow32fAvx(window, kernel, mx, my, mz, avx.data(), n);
+            for (int i = 0; i < n; ++i)
+                ASSERT_EQ(std::memcmp(scalar.data() + i, avx.data() + i, 4), 0)
+                    << "n " << n << ", voxel " << i;
+        }
+}
+
+}  // namespace
