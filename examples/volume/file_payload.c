@@ -24,9 +24,11 @@ int readHeaderLine(FILE* file, char* line)
 
 char* trimBlanks(char* text)
 {
-    while (isspace((unsigned char)*text)) ++text;
+    while (isspace((unsigned char)*text))
+        ++text;
     size_t length = strlen(text);
-    while (length > 0 && isspace((unsigned char)text[length - 1])) text[--length] = '\0';
+    while (length > 0 && isspace((unsigned char)text[length - 1]))
+        text[--length] = '\0';
     return text;
 }
 
@@ -41,7 +43,8 @@ int parseExtents(const char* text, int count, int* out)
         out[k] = (int)value;
         text = end;
     }
-    while (isspace((unsigned char)*text)) ++text;
+    while (isspace((unsigned char)*text))
+        ++text;
     return *text == '\0' ? 0 : -1;
 }
 
@@ -116,9 +119,9 @@ static int readCompressed(FILE* file, long skipBytes, Volume* v, char* error, si
             if (stream.avail_in == 0) break;
         }
         unsigned char* target = skipLeft > 0 ? discard : (unsigned char*)v->voxels + produced;
-        const size_t room = skipLeft > 0 ? (skipLeft < kChunk ? skipLeft : kChunk)
-                                         : (wanted - produced < (1u << 30) ? wanted - produced
-                                                                           : (1u << 30));
+        const size_t room = skipLeft > 0
+                                ? (skipLeft < kChunk ? skipLeft : kChunk)
+                                : (wanted - produced < (1u << 30) ? wanted - produced : (1u << 30));
         stream.next_out = target;
         stream.avail_out = (uInt)room;
         result = inflate(&stream, Z_NO_FLUSH);
@@ -135,16 +138,15 @@ static int readCompressed(FILE* file, long skipBytes, Volume* v, char* error, si
         snprintf(error, errorSize, "compressed data corrupt (%s)",
                  stream.msg != NULL ? stream.msg : zError(result));
     else if (produced < wanted)
-        snprintf(error, errorSize, "compressed data ends after %zu of %zu bytes", produced,
-                 wanted);
+        snprintf(error, errorSize, "compressed data ends after %zu of %zu bytes", produced, wanted);
     inflateEnd(&stream);
     free(input);
     free(discard);
     return failed || produced < wanted ? -1 : 0;
 }
 
-int readPayload(FILE* file, int compressed, long skipBytes, int bigEndian, Volume* v,
-                char* error, size_t errorSize)
+int readPayload(FILE* file, int compressed, long skipBytes, int bigEndian, Volume* v, char* error,
+                size_t errorSize)
 {
     const int read = compressed ? readCompressed(file, skipBytes, v, error, errorSize)
                                 : readRaw(file, skipBytes, v, error, errorSize);

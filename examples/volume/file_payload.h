@@ -27,7 +27,7 @@ int siblingPath(const char* headerPath, const char* name, char* out, size_t outS
  * after skipBytes more of the decoded stream, zlib- or gzip-compressed when compressed is set,
  * byte-swapped to this machine's little-endian order when bigEndian is set. Returns 0, or -1
  * with the problem in error. */
-int readPayload(FILE* file, int compressed, long skipBytes, int bigEndian, Volume* v,
-                char* error, size_t errorSize);
+int readPayload(FILE* file, int compressed, long skipBytes, int bigEndian, Volume* v, char* error,
+                size_t errorSize);
 
 #endif /* VEKR_FILE_PAYLOAD_H */

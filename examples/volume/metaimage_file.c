@@ -137,8 +137,7 @@ int loadMetaImage(FILE* file, const char* path, const char* firstLine, Volume* v
     next:;
         const int got = readHeaderLine(file, line);
         if (got < 0) {
-            snprintf(error, errorSize, "line %d: header line too long or not text",
-                     lineNumber + 1);
+            snprintf(error, errorSize, "line %d: header line too long or not text", lineNumber + 1);
             return -1;
         }
         if (got == 0) {
@@ -148,12 +147,14 @@ int loadMetaImage(FILE* file, const char* path, const char* firstLine, Volume* v
     }
     if (h.dimensionCount == 0 || !h.hasSizes || !h.hasType) {
         snprintf(error, errorSize, "header lacks the key '%s'",
-                 h.dimensionCount == 0 ? "NDims" : !h.hasSizes ? "DimSize" : "ElementType");
+                 h.dimensionCount == 0 ? "NDims"
+                 : !h.hasSizes         ? "DimSize"
+                                       : "ElementType");
         return -1;
     }
     if (volumeAllocate(v, (SampleType)h.type, h.sizes[0], h.sizes[1], h.sizes[2]) != 0) {
-        snprintf(error, errorSize, "cannot hold a %d x %d x %d volume of %s in memory",
-                 h.sizes[0], h.sizes[1], h.sizes[2], sampleTypeName((SampleType)h.type));
+        snprintf(error, errorSize, "cannot hold a %d x %d x %d volume of %s in memory", h.sizes[0],
+                 h.sizes[1], h.sizes[2], sampleTypeName((SampleType)h.type));
         return -1;
     }
     FILE* data = file;

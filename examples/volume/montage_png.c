@@ -24,9 +24,12 @@ static size_t sliceVoxel(const Volume* v, int column, int u, int row)
 {
     const size_t w = (size_t)v->width, h = (size_t)v->height;
     switch (column) {
-    case 0: return ((size_t)(v->depth / 2) * h + row) * w + u;
-    case 1: return ((size_t)(v->depth - 1 - row) * h + v->height / 2) * w + u;
-    default: return ((size_t)(v->depth - 1 - row) * h + u) * w + v->width / 2;
+        case 0:
+            return ((size_t)(v->depth / 2) * h + row) * w + u;
+        case 1:
+            return ((size_t)(v->depth - 1 - row) * h + v->height / 2) * w + u;
+        default:
+            return ((size_t)(v->depth - 1 - row) * h + u) * w + v->width / 2;
     }
 }
 
@@ -36,7 +39,8 @@ int montageZoom(const Volume* before, const Volume* after)
     const Volume* both[2] = {before, after};
     for (int k = 0; k < 2; ++k) {
         const int e[3] = {both[k]->width, both[k]->height, both[k]->depth};
-        for (int a = 0; a < 3; ++a) largest = e[a] > largest ? e[a] : largest;
+        for (int a = 0; a < 3; ++a)
+            largest = e[a] > largest ? e[a] : largest;
     }
     return kMontageTarget / largest > 1 ? kMontageTarget / largest : 1;
 }
@@ -66,7 +70,8 @@ static int savePng(const char* path, int width, int height, const unsigned char*
     png_set_IHDR(png, info, (png_uint_32)width, (png_uint_32)height, 8, PNG_COLOR_TYPE_RGB,
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
-    for (int row = 0; row < height; ++row) png_write_row(png, rgb + (size_t)row * width * 3);
+    for (int row = 0; row < height; ++row)
+        png_write_row(png, rgb + (size_t)row * width * 3);
     png_write_end(png, NULL);
     png_destroy_write_struct(&png, &info);
     if (fclose(file) != 0) {
@@ -102,7 +107,8 @@ int writeMontagePng(const char* path, const Volume* before, const Volume* after,
         fprintf(stderr, "%s: out of memory for the montage\n", path);
         return -1;
     }
-    for (size_t i = 0; i < (size_t)width * height; ++i) memcpy(rgb + 3 * i, kGround, 3);
+    for (size_t i = 0; i < (size_t)width * height; ++i)
+        memcpy(rgb + 3 * i, kGround, 3);
     const double scale = highest > lowest ? 255.0 / (highest - lowest) : 0;
     int top = kGap;
     for (int r = 0; r < 2; ++r) {
@@ -112,8 +118,8 @@ int writeMontagePng(const char* path, const Volume* before, const Volume* after,
             sliceExtent(rows[r], c, &w, &h);
             for (int row = 0; row < h * zoom; ++row)
                 for (int u = 0; u < w * zoom; ++u) {
-                    const double s = volumeSample(rows[r], sliceVoxel(rows[r], c, u / zoom,
-                                                                      row / zoom));
+                    const double s =
+                        volumeSample(rows[r], sliceVoxel(rows[r], c, u / zoom, row / zoom));
                     double grey = (s - lowest) * scale;
                     grey = isnan(grey) || grey < 0 ? 0 : grey > 255 ? 255 : grey;
                     unsigned char* pixel = rgb + ((size_t)(top + row) * width + left + u) * 3;

@@ -28,14 +28,22 @@ static int parseNrrdType(const char* text, SampleType* type)
         const char* name;
         SampleType type;
     } names[] = {
-        {"uchar", SampleUint8},          {"unsigned char", SampleUint8},
-        {"uint8", SampleUint8},          {"uint8_t", SampleUint8},
-        {"ushort", SampleUint16},        {"unsigned short", SampleUint16},
-        {"unsigned short int", SampleUint16}, {"uint16", SampleUint16},
-        {"uint16_t", SampleUint16},      {"short", SampleInt16},
-        {"short int", SampleInt16},      {"signed short", SampleInt16},
-        {"signed short int", SampleInt16}, {"int16", SampleInt16},
-        {"int16_t", SampleInt16},        {"float", SampleFloat},
+        {"uchar", SampleUint8},
+        {"unsigned char", SampleUint8},
+        {"uint8", SampleUint8},
+        {"uint8_t", SampleUint8},
+        {"ushort", SampleUint16},
+        {"unsigned short", SampleUint16},
+        {"unsigned short int", SampleUint16},
+        {"uint16", SampleUint16},
+        {"uint16_t", SampleUint16},
+        {"short", SampleInt16},
+        {"short int", SampleInt16},
+        {"signed short", SampleInt16},
+        {"signed short int", SampleInt16},
+        {"int16", SampleInt16},
+        {"int16_t", SampleInt16},
+        {"float", SampleFloat},
     };
     for (size_t k = 0; k < sizeof names / sizeof names[0]; ++k)
         if (strcmp(text, names[k].name) == 0) {
@@ -56,8 +64,7 @@ static int parseLong(const char* text, long lowest, long* out)
 }
 
 /* Applies one "field: value" line. Returns 0, or -1 with the problem in error. */
-static int applyField(NrrdHeader* h, const char* field, char* value, char* error,
-                      size_t errorSize)
+static int applyField(NrrdHeader* h, const char* field, char* value, char* error, size_t errorSize)
 {
     if (strcmp(field, "type") == 0) {
         SampleType type;
@@ -92,8 +99,7 @@ static int applyField(NrrdHeader* h, const char* field, char* value, char* error
         else if (strcmp(value, "gzip") == 0 || strcmp(value, "gz") == 0)
             h->compressed = 1;
         else {
-            snprintf(error, errorSize, "unsupported encoding '%s' (raw and gzip are read)",
-                     value);
+            snprintf(error, errorSize, "unsupported encoding '%s' (raw and gzip are read)", value);
             return -1;
         }
     } else if (strcmp(field, "endian") == 0) {
@@ -156,18 +162,21 @@ int loadNrrd(FILE* file, const char* path, Volume* v, char* error, size_t errorS
         if (line[0] == '#' || strstr(line, ":=") != NULL) continue; /* comments, key/values */
         char* colon = strstr(line, ": ");
         if (colon == NULL) {
-            snprintf(error, errorSize, "line %d: not a 'field: value' line: '%.60s'",
-                     lineNumber, line);
+            snprintf(error, errorSize, "line %d: not a 'field: value' line: '%.60s'", lineNumber,
+                     line);
             return -1;
         }
         *colon = '\0';
         char* field = trimBlanks(line);
-        for (char* c = field; *c; ++c) *c = (char)tolower((unsigned char)*c);
+        for (char* c = field; *c; ++c)
+            *c = (char)tolower((unsigned char)*c);
         if (applyField(&h, field, trimBlanks(colon + 2), error, errorSize) != 0) return -1;
     }
     if (!h.hasType || h.dimension == 0 || !h.hasSizes) {
         snprintf(error, errorSize, "header lacks the field '%s'",
-                 !h.hasType ? "type" : h.dimension == 0 ? "dimension" : "sizes");
+                 !h.hasType         ? "type"
+                 : h.dimension == 0 ? "dimension"
+                                    : "sizes");
         return -1;
     }
     if (!ended && h.dataFile[0] == '\0') {
@@ -175,8 +184,8 @@ int loadNrrd(FILE* file, const char* path, Volume* v, char* error, size_t errorS
         return -1;
     }
     if (volumeAllocate(v, (SampleType)h.type, h.sizes[0], h.sizes[1], h.sizes[2]) != 0) {
-        snprintf(error, errorSize, "cannot hold a %d x %d x %d volume of %s in memory",
-                 h.sizes[0], h.sizes[1], h.sizes[2], sampleTypeName((SampleType)h.type));
+        snprintf(error, errorSize, "cannot hold a %d x %d x %d volume of %s in memory", h.sizes[0],
+                 h.sizes[1], h.sizes[2], sampleTypeName((SampleType)h.type));
         return -1;
     }
     FILE* data = file;
@@ -205,8 +214,8 @@ int loadNrrd(FILE* file, const char* path, Volume* v, char* error, size_t errorS
         }
     }
     if (result == 0)
-        result = readPayload(data, h.compressed, h.byteSkip > 0 ? h.byteSkip : 0, h.bigEndian,
-                             v, error, errorSize);
+        result = readPayload(data, h.compressed, h.byteSkip > 0 ? h.byteSkip : 0, h.bigEndian, v,
+                             error, errorSize);
     if (data != file) fclose(data);
     if (result != 0) volumeRelease(v);
     return result;

@@ -52,8 +52,8 @@ static void progressUpdate(Progress* p, int done)
     const double elapsed = secondsNow() - p->start;
     if (elapsed < 1.0 || (elapsed - p->lastReport < 0.5 && done < p->total)) return;
     const int terminal = isatty(fileno(stderr));
-    fprintf(stderr, "%s%s: %d of %d slices (%.0f%%), %.1f s%s", terminal ? "\r" : "", p->name,
-            done, p->total, 100.0 * done / p->total, elapsed, terminal ? "" : "\n");
+    fprintf(stderr, "%s%s: %d of %d slices (%.0f%%), %.1f s%s", terminal ? "\r" : "", p->name, done,
+            p->total, 100.0 * done / p->total, elapsed, terminal ? "" : "\n");
     fflush(stderr);
     p->lastReport = elapsed;
     p->reported = 1;
@@ -64,7 +64,10 @@ static void progressEnd(const Progress* p)
     if (p->reported && isatty(fileno(stderr))) fputc('\n', stderr);
 }
 
-static int slabDepth(int depth) { return depth < 32 ? depth : (depth / 16 > 16 ? depth / 16 : 16); }
+static int slabDepth(int depth)
+{
+    return depth < 32 ? depth : (depth / 16 > 16 ? depth / 16 : 16);
+}
 
 /* --- Voxel conversion ----------------------------------------------------------------- */
 
@@ -76,7 +79,10 @@ static void storeSample(Volume* v, size_t i, double value)
     }
     const double lowest = v->type == SampleInt16 ? -32768 : 0;
     const double highest = v->type == SampleUint8 ? 255 : v->type == SampleInt16 ? 32767 : 65535;
-    value = isnan(value) ? 0 : value < lowest ? lowest : value > highest ? highest : nearbyint(value);
+    value = isnan(value)      ? 0
+            : value < lowest  ? lowest
+            : value > highest ? highest
+                              : nearbyint(value);
     if (v->type == SampleUint8)
         ((uint8_t*)v->voxels)[i] = (uint8_t)value;
     else if (v->type == SampleUint16)
@@ -89,13 +95,15 @@ static void storeSample(Volume* v, size_t i, double value)
 static void convertVoxels(const Volume* src, Volume* dst, double a, double b)
 {
     const size_t n = volumeVoxelCount(src);
-    for (size_t i = 0; i < n; ++i) storeSample(dst, i, a * volumeSample(src, i) + b);
+    for (size_t i = 0; i < n; ++i)
+        storeSample(dst, i, a * volumeSample(src, i) + b);
 }
 
 static void fillVolume(Volume* v, double value)
 {
     const size_t n = volumeVoxelCount(v);
-    for (size_t i = 0; i < n; ++i) storeSample(v, i, value);
+    for (size_t i = 0; i < n; ++i)
+        storeSample(v, i, value);
 }
 
 static int allocateLike(Volume* v, SampleType type, int width, int height, int depth)
@@ -109,29 +117,29 @@ static int allocateLike(Volume* v, SampleType type, int width, int height, int d
 /* --- Resize --------------------------------------------------------------------------- */
 
 static Status callResize(const Volume* src, void* const* srcPlanes, Cuboid srcVOI,
-                         const Volume* dst, void* const* dstPlanes, Cuboid dstVOI,
-                         const double* f, int interpolation, uint8_t* buffer)
+                         const Volume* dst, void* const* dstPlanes, Cuboid dstVOI, const double* f,
+                         int interpolation, uint8_t* buffer)
 {
     const VolumeSize size = {src->width, src->height, src->depth};
     const int srcStep = (int)volumeRowBytes(src), dstStep = (int)volumeRowBytes(dst);
     switch (src->type) {
-    case SampleUint8:
-        return vekrResize_8u_C1PV((const uint8_t* const*)srcPlanes, size, srcStep, srcVOI,
-                                  (uint8_t* const*)dstPlanes, dstStep, dstVOI, f[0], f[1], f[2],
-                                  0, 0, 0, interpolation, buffer);
-    case SampleUint16:
-        return vekrResize_16u_C1PV((const uint16_t* const*)srcPlanes, size, srcStep, srcVOI,
-                                   (uint16_t* const*)dstPlanes, dstStep, dstVOI, f[0], f[1],
-                                   f[2], 0, 0, 0, interpolation, buffer);
-    default:
-        return vekrResize_32f_C1PV((const float* const*)srcPlanes, size, srcStep, srcVOI,
-                                   (float* const*)dstPlanes, dstStep, dstVOI, f[0], f[1], f[2],
-                                   0, 0, 0, interpolation, buffer);
+        case SampleUint8:
+            return vekrResize_8u_C1PV((const uint8_t* const*)srcPlanes, size, srcStep, srcVOI,
+                                      (uint8_t* const*)dstPlanes, dstStep, dstVOI, f[0], f[1], f[2],
+                                      0, 0, 0, interpolation, buffer);
+        case SampleUint16:
+            return vekrResize_16u_C1PV((const uint16_t* const*)srcPlanes, size, srcStep, srcVOI,
+                                       (uint16_t* const*)dstPlanes, dstStep, dstVOI, f[0], f[1],
+                                       f[2], 0, 0, 0, interpolation, buffer);
+        default:
+            return vekrResize_32f_C1PV((const float* const*)srcPlanes, size, srcStep, srcVOI,
+                                       (float* const*)dstPlanes, dstStep, dstVOI, f[0], f[1], f[2],
+                                       0, 0, 0, interpolation, buffer);
     }
 }
 
-static int resizeVolume(const Operation* op, const Volume* src, void* const* srcPlanes,
-                        Volume* dst, OperationTiming* timing)
+static int resizeVolume(const Operation* op, const Volume* src, void* const* srcPlanes, Volume* dst,
+                        OperationTiming* timing)
 {
     const Cuboid srcVOI = {0, 0, 0, src->width, src->height, src->depth};
     Cuboid box;
@@ -164,8 +172,8 @@ static int resizeVolume(const Operation* op, const Volume* src, void* const* src
         const int n = dst->depth - z < slab ? dst->depth - z : slab;
         const Cuboid dstVOI = {0, 0, z, dst->width, dst->height, n};
         const double start = secondsNow();
-        const Status call = callResize(src, srcPlanes, srcVOI, dst, dstPlanes, dstVOI,
-                                       op->factors, op->interpolation, buffer);
+        const Status call = callResize(src, srcPlanes, srcVOI, dst, dstPlanes, dstVOI, op->factors,
+                                       op->interpolation, buffer);
         timing->seconds += secondsNow() - start;
         if (checkStatus(call, "resize") != 0) goto done;
         progressUpdate(&progress, z + n);
@@ -197,8 +205,8 @@ static void rotationCoefficients(const double degrees[3], const Volume* v, doubl
         double product[3][3];
         for (int row = 0; row < 3; ++row)
             for (int col = 0; col < 3; ++col)
-                product[row][col] = turn[row][0] * r[0][col] + turn[row][1] * r[1][col] +
-                                    turn[row][2] * r[2][col];
+                product[row][col] =
+                    turn[row][0] * r[0][col] + turn[row][1] * r[1][col] + turn[row][2] * r[2][col];
         memcpy(r, product, sizeof r);
     }
     const double centre[3] = {0.5 * (v->width - 1), 0.5 * (v->height - 1), 0.5 * (v->depth - 1)};
@@ -219,23 +227,23 @@ static Status callWarp(const Volume* src, void* const* srcPlanes, Cuboid srcVOI,
     const VolumeSize size = {src->width, src->height, src->depth};
     const int step = (int)volumeRowBytes(src);
     switch (src->type) {
-    case SampleUint8:
-        return vekrWarpAffine_8u_C1PV((const uint8_t* const*)srcPlanes, size, step, srcVOI,
-                                      (uint8_t* const*)dstPlanes, step, dstVOI, coeffs,
-                                      interpolation, buffer);
-    case SampleUint16:
-        return vekrWarpAffine_16u_C1PV((const uint16_t* const*)srcPlanes, size, step, srcVOI,
-                                       (uint16_t* const*)dstPlanes, step, dstVOI, coeffs,
-                                       interpolation, buffer);
-    default:
-        return vekrWarpAffine_32f_C1PV((const float* const*)srcPlanes, size, step, srcVOI,
-                                       (float* const*)dstPlanes, step, dstVOI, coeffs,
-                                       interpolation, buffer);
+        case SampleUint8:
+            return vekrWarpAffine_8u_C1PV((const uint8_t* const*)srcPlanes, size, step, srcVOI,
+                                          (uint8_t* const*)dstPlanes, step, dstVOI, coeffs,
+                                          interpolation, buffer);
+        case SampleUint16:
+            return vekrWarpAffine_16u_C1PV((const uint16_t* const*)srcPlanes, size, step, srcVOI,
+                                           (uint16_t* const*)dstPlanes, step, dstVOI, coeffs,
+                                           interpolation, buffer);
+        default:
+            return vekrWarpAffine_32f_C1PV((const float* const*)srcPlanes, size, step, srcVOI,
+                                           (float* const*)dstPlanes, step, dstVOI, coeffs,
+                                           interpolation, buffer);
     }
 }
 
-static int rotateVolume(const Operation* op, const Volume* src, void* const* srcPlanes,
-                        Volume* dst, OperationTiming* timing)
+static int rotateVolume(const Operation* op, const Volume* src, void* const* srcPlanes, Volume* dst,
+                        OperationTiming* timing)
 {
     if (allocateLike(dst, src->type, src->width, src->height, src->depth) != 0) return -1;
     double lowest, highest;
@@ -264,8 +272,8 @@ static int rotateVolume(const Operation* op, const Volume* src, void* const* src
         const int n = dst->depth - z < slab ? dst->depth - z : slab;
         const Cuboid dstVOI = {0, 0, z, dst->width, dst->height, n};
         const double start = secondsNow();
-        const Status call = callWarp(src, srcPlanes, srcVOI, dstPlanes, dstVOI, coeffs,
-                                     op->interpolation, buffer);
+        const Status call =
+            callWarp(src, srcPlanes, srcVOI, dstPlanes, dstVOI, coeffs, op->interpolation, buffer);
         timing->seconds += secondsNow() - start;
         if (checkStatus(call, "affine warp") != 0) goto done;
         progressUpdate(&progress, z + n);
@@ -307,8 +315,8 @@ static void swirlMaps(const Volume* v, double strengthDegrees, int z0, int n, fl
 }
 
 static Status callRemap(const Volume* src, void* const* srcPlanes, Cuboid srcVOI,
-                        float* const* maps[3], int mapStep, void* const* dstPlanes,
-                        VolumeSize roi, int interpolation)
+                        float* const* maps[3], int mapStep, void* const* dstPlanes, VolumeSize roi,
+                        int interpolation)
 {
     const VolumeSize size = {src->width, src->height, src->depth};
     const int step = (int)volumeRowBytes(src);
@@ -316,21 +324,21 @@ static Status callRemap(const Volume* src, void* const* srcPlanes, Cuboid srcVOI
     const float* const* y = (const float* const*)maps[1];
     const float* const* z = (const float* const*)maps[2];
     switch (src->type) {
-    case SampleUint8:
-        return vekrRemap_8u_C1PV((const uint8_t* const*)srcPlanes, size, step, srcVOI, x, y, z,
-                                 mapStep, (uint8_t* const*)dstPlanes, step, roi, interpolation);
-    case SampleUint16:
-        return vekrRemap_16u_C1PV((const uint16_t* const*)srcPlanes, size, step, srcVOI, x, y,
-                                  z, mapStep, (uint16_t* const*)dstPlanes, step, roi,
-                                  interpolation);
-    default:
-        return vekrRemap_32f_C1PV((const float* const*)srcPlanes, size, step, srcVOI, x, y, z,
-                                  mapStep, (float* const*)dstPlanes, step, roi, interpolation);
+        case SampleUint8:
+            return vekrRemap_8u_C1PV((const uint8_t* const*)srcPlanes, size, step, srcVOI, x, y, z,
+                                     mapStep, (uint8_t* const*)dstPlanes, step, roi, interpolation);
+        case SampleUint16:
+            return vekrRemap_16u_C1PV((const uint16_t* const*)srcPlanes, size, step, srcVOI, x, y,
+                                      z, mapStep, (uint16_t* const*)dstPlanes, step, roi,
+                                      interpolation);
+        default:
+            return vekrRemap_32f_C1PV((const float* const*)srcPlanes, size, step, srcVOI, x, y, z,
+                                      mapStep, (float* const*)dstPlanes, step, roi, interpolation);
     }
 }
 
-static int swirlVolume(const Operation* op, const Volume* src, void* const* srcPlanes,
-                       Volume* dst, OperationTiming* timing)
+static int swirlVolume(const Operation* op, const Volume* src, void* const* srcPlanes, Volume* dst,
+                       OperationTiming* timing)
 {
     if (allocateLike(dst, src->type, src->width, src->height, src->depth) != 0) return -1;
     double lowest, highest;
@@ -347,7 +355,8 @@ static int swirlVolume(const Operation* op, const Volume* src, void* const* srcP
         fprintf(stderr, "out of memory for the coordinate maps of %d slices\n", slab);
         goto done;
     }
-    for (int k = 0; k < 3 * slab; ++k) mapPlanes[k] = mapVoxels + (size_t)k * planeVoxels;
+    for (int k = 0; k < 3 * slab; ++k)
+        mapPlanes[k] = mapVoxels + (size_t)k * planeVoxels;
     float* const* maps[3] = {mapPlanes, mapPlanes + slab, mapPlanes + 2 * slab};
     Progress progress;
     progressStart(&progress, "swirl", dst->depth);
@@ -385,7 +394,8 @@ static int32_t* makeKernel(int side, int binomial, int* divisor)
     double rowSum = 0;
     for (int k = 0; k < side; ++k) {
         double c = 1; /* binomial coefficient (side - 1 choose k) */
-        for (int j = 0; j < k; ++j) c = c * (side - 1 - j) / (j + 1);
+        for (int j = 0; j < k; ++j)
+            c = c * (side - 1 - j) / (j + 1);
         row[k] = binomial ? c : 1;
         rowSum += row[k];
     }
@@ -415,12 +425,14 @@ static int padEdges(const Volume* v, int margin, Volume* padded)
     for (int z = 0; z < padded->depth; ++z) {
         const int sz = z - margin < 0 ? 0 : z - margin >= v->depth ? v->depth - 1 : z - margin;
         for (int y = 0; y < padded->height; ++y) {
-            const int sy =
-                y - margin < 0 ? 0 : y - margin >= v->height ? v->height - 1 : y - margin;
+            const int sy = y - margin < 0            ? 0
+                           : y - margin >= v->height ? v->height - 1
+                                                     : y - margin;
             const int16_t* row = in + ((size_t)sz * v->height + sy) * v->width;
             for (int x = 0; x < padded->width; ++x) {
-                const int sx =
-                    x - margin < 0 ? 0 : x - margin >= v->width ? v->width - 1 : x - margin;
+                const int sx = x - margin < 0           ? 0
+                               : x - margin >= v->width ? v->width - 1
+                                                        : x - margin;
                 *out++ = row[sx];
             }
         }
@@ -431,8 +443,7 @@ static int padEdges(const Volume* v, int margin, Volume* padded)
 /* Filters an int16 volume into dst (allocated here). The source handed to the library is the
  * padded copy, addressed from its first inner voxel: a margin of side - 1 on every side keeps
  * every tap of a kernel of that side inside the copy wherever its anchor lies. */
-static int filterInt16(const Operation* op, const Volume* src, Volume* dst,
-                       OperationTiming* timing)
+static int filterInt16(const Operation* op, const Volume* src, Volume* dst, OperationTiming* timing)
 {
     const int side = op->kernelSide, margin = side - 1, anchor = side / 2;
     Volume padded = {0};
@@ -498,8 +509,7 @@ static int smoothVolume(const Operation* op, const Volume* src, Volume* dst,
                         OperationTiming* timing)
 {
     if (op->kernelSide < 1 || op->kernelSide > kMaxKernelSide) {
-        fprintf(stderr, "smooth: kernel side %d outside 1 to %d\n", op->kernelSide,
-                kMaxKernelSide);
+        fprintf(stderr, "smooth: kernel side %d outside 1 to %d\n", op->kernelSide, kMaxKernelSide);
         return -1;
     }
     if (src->type == SampleInt16) return filterInt16(op, src, dst, timing);
@@ -533,22 +543,24 @@ void describeOperation(const Operation* op, const char* interpolationName, char*
                        size_t textSize)
 {
     switch (op->kind) {
-    case OperationNone: snprintf(text, textSize, "none (copy)"); break;
-    case OperationResize:
-        snprintf(text, textSize, "resize by %g, %g, %g (%s)", op->factors[0], op->factors[1],
-                 op->factors[2], interpolationName);
-        break;
-    case OperationRotate:
-        snprintf(text, textSize, "rotate by %g, %g, %g degrees about x, y, z (%s)",
-                 op->angles[0], op->angles[1], op->angles[2], interpolationName);
-        break;
-    case OperationSwirl:
-        snprintf(text, textSize, "swirl by %g degrees (%s)", op->strength, interpolationName);
-        break;
-    case OperationSmooth:
-        snprintf(text, textSize, "smooth with a %d x %d x %d %s kernel", op->kernelSide,
-                 op->kernelSide, op->kernelSide, op->binomial ? "binomial" : "box");
-        break;
+        case OperationNone:
+            snprintf(text, textSize, "none (copy)");
+            break;
+        case OperationResize:
+            snprintf(text, textSize, "resize by %g, %g, %g (%s)", op->factors[0], op->factors[1],
+                     op->factors[2], interpolationName);
+            break;
+        case OperationRotate:
+            snprintf(text, textSize, "rotate by %g, %g, %g degrees about x, y, z (%s)",
+                     op->angles[0], op->angles[1], op->angles[2], interpolationName);
+            break;
+        case OperationSwirl:
+            snprintf(text, textSize, "swirl by %g degrees (%s)", op->strength, interpolationName);
+            break;
+        case OperationSmooth:
+            snprintf(text, textSize, "smooth with a %d x %d x %d %s kernel", op->kernelSide,
+                     op->kernelSide, op->kernelSide, op->binomial ? "binomial" : "box");
+            break;
     }
 }
 
@@ -580,7 +592,7 @@ int applyOperation(const Operation* op, const Volume* src, Volume* dst, Operatio
         fprintf(stderr, "out of memory for plane pointers\n");
         goto done;
     }
-    const int ran = op->kind == OperationResize ? resizeVolume(op, in, srcPlanes, out, timing)
+    const int ran = op->kind == OperationResize   ? resizeVolume(op, in, srcPlanes, out, timing)
                     : op->kind == OperationRotate ? rotateVolume(op, in, srcPlanes, out, timing)
                                                   : swirlVolume(op, in, srcPlanes, out, timing);
     if (ran != 0) {

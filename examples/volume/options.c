@@ -14,12 +14,9 @@ static const struct {
     const char* name;
     int code;
 } kInterpolations[] = {
-    {"nearest", InterpolationNearest},
-    {"linear", InterpolationLinear},
-    {"cubic", InterpolationCubicLagrange},
-    {"catmull-rom", InterpolationCubicCatmullRom},
-    {"bspline", InterpolationCubicBSpline},
-    {"mitchell", InterpolationCubicB05C03},
+    {"nearest", InterpolationNearest},      {"linear", InterpolationLinear},
+    {"cubic", InterpolationCubicLagrange},  {"catmull-rom", InterpolationCubicCatmullRom},
+    {"bspline", InterpolationCubicBSpline}, {"mitchell", InterpolationCubicB05C03},
 };
 
 static void printUsage(FILE* out, const char* program)
@@ -75,7 +72,8 @@ static int parseNumbers(const char* text, int count, int allowOne, double* out)
     }
     if (k + 1 == count) return 0;
     if (k == 0 && allowOne) {
-        for (int j = 1; j < count; ++j) out[j] = out[0];
+        for (int j = 1; j < count; ++j)
+            out[j] = out[0];
         return 0;
     }
     return -1;
@@ -173,7 +171,8 @@ int parseOptions(int argc, char** argv, Options* o)
         } else if (strcmp(name, "--interp") == 0) {
             want = "nearest, linear, cubic, catmull-rom, bspline or mitchell";
             bad = 1;
-            for (size_t k = 0; value != NULL && k < sizeof kInterpolations / sizeof kInterpolations[0]; ++k)
+            for (size_t k = 0;
+                 value != NULL && k < sizeof kInterpolations / sizeof kInterpolations[0]; ++k)
                 if (strcmp(value, kInterpolations[k].name) == 0) {
                     op->interpolation = kInterpolations[k].code;
                     o->interpolationName = kInterpolations[k].name;

@@ -6,7 +6,10 @@
 #include <math.h>
 #include <stdint.h>
 
-static double square(double a) { return a * a; }
+static double square(double a)
+{
+    return a * a;
+}
 
 /* Inside the ellipsoid of centre c and semi-axes r, turned by angle about the z axis. */
 static int inEllipsoid(double x, double y, double z, const double c[3], const double r[3],
@@ -34,7 +37,8 @@ static double phantomValue(double x, double y, double z)
     static const double skull[3] = {0.82, 0.94, 0.84}, brain[3] = {0.74, 0.86, 0.76};
     double value = 0;
     if (inEllipsoid(x, y, z, origin, skull, 0)) value = 1.0;
-    if (inEllipsoid(x, y, z, origin, brain, 0)) value = 0.34 + 0.04 * sin(7 * x + 5 * y) * cos(6 * z);
+    if (inEllipsoid(x, y, z, origin, brain, 0))
+        value = 0.34 + 0.04 * sin(7 * x + 5 * y) * cos(6 * z);
     /* Two dark ventricles, turned towards each other. */
     static const double ventricleL[3] = {-0.22, 0.12, 0.1}, ventricleR[3] = {0.22, 0.12, 0.1};
     static const double ventricleSize[3] = {0.1, 0.34, 0.18};
@@ -81,14 +85,18 @@ int makePhantom(Volume* v, SampleType type, int width, int height, int depth)
                 }
                 const double value = sum / 8;
                 switch (type) {
-                case SampleUint8: ((uint8_t*)v->voxels)[i] = (uint8_t)lrint(250 * value); break;
-                case SampleUint16:
-                    ((uint16_t*)v->voxels)[i] = (uint16_t)lrint(4000 * value);
-                    break;
-                case SampleInt16:
-                    ((int16_t*)v->voxels)[i] = (int16_t)lrint(2000 * value - 1000);
-                    break;
-                case SampleFloat: ((float*)v->voxels)[i] = (float)value; break;
+                    case SampleUint8:
+                        ((uint8_t*)v->voxels)[i] = (uint8_t)lrint(250 * value);
+                        break;
+                    case SampleUint16:
+                        ((uint16_t*)v->voxels)[i] = (uint16_t)lrint(4000 * value);
+                        break;
+                    case SampleInt16:
+                        ((int16_t*)v->voxels)[i] = (int16_t)lrint(2000 * value - 1000);
+                        break;
+                    case SampleFloat:
+                        ((float*)v->voxels)[i] = (float)value;
+                        break;
                 }
             }
     return 0;

@@ -11,10 +11,13 @@
 size_t sampleBytes(SampleType type)
 {
     switch (type) {
-    case SampleUint8: return 1;
-    case SampleUint16:
-    case SampleInt16: return 2;
-    case SampleFloat: return 4;
+        case SampleUint8:
+            return 1;
+        case SampleUint16:
+        case SampleInt16:
+            return 2;
+        case SampleFloat:
+            return 4;
     }
     return 0;
 }
@@ -22,10 +25,14 @@ size_t sampleBytes(SampleType type)
 const char* sampleTypeName(SampleType type)
 {
     switch (type) {
-    case SampleUint8: return "uint8";
-    case SampleUint16: return "uint16";
-    case SampleInt16: return "int16";
-    case SampleFloat: return "float";
+        case SampleUint8:
+            return "uint8";
+        case SampleUint16:
+            return "uint16";
+        case SampleInt16:
+            return "int16";
+        case SampleFloat:
+            return "float";
     }
     return "?";
 }
@@ -54,11 +61,20 @@ void volumeRelease(Volume* v)
     memset(v, 0, sizeof *v);
 }
 
-size_t volumeVoxelCount(const Volume* v) { return (size_t)v->width * v->height * v->depth; }
+size_t volumeVoxelCount(const Volume* v)
+{
+    return (size_t)v->width * v->height * v->depth;
+}
 
-size_t volumeRowBytes(const Volume* v) { return (size_t)v->width * sampleBytes(v->type); }
+size_t volumeRowBytes(const Volume* v)
+{
+    return (size_t)v->width * sampleBytes(v->type);
+}
 
-size_t volumeBytes(const Volume* v) { return volumeVoxelCount(v) * sampleBytes(v->type); }
+size_t volumeBytes(const Volume* v)
+{
+    return volumeVoxelCount(v) * sampleBytes(v->type);
+}
 
 void* volumePlane(const Volume* v, int z)
 {
@@ -69,17 +85,22 @@ void** volumePlanePointers(const Volume* v)
 {
     void** planes = malloc((size_t)v->depth * sizeof *planes);
     if (planes == NULL) return NULL;
-    for (int z = 0; z < v->depth; ++z) planes[z] = volumePlane(v, z);
+    for (int z = 0; z < v->depth; ++z)
+        planes[z] = volumePlane(v, z);
     return planes;
 }
 
 double volumeSample(const Volume* v, size_t i)
 {
     switch (v->type) {
-    case SampleUint8: return ((const uint8_t*)v->voxels)[i];
-    case SampleUint16: return ((const uint16_t*)v->voxels)[i];
-    case SampleInt16: return ((const int16_t*)v->voxels)[i];
-    case SampleFloat: return ((const float*)v->voxels)[i];
+        case SampleUint8:
+            return ((const uint8_t*)v->voxels)[i];
+        case SampleUint16:
+            return ((const uint16_t*)v->voxels)[i];
+        case SampleInt16:
+            return ((const int16_t*)v->voxels)[i];
+        case SampleFloat:
+            return ((const float*)v->voxels)[i];
     }
     return 0;
 }

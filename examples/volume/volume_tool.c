@@ -55,7 +55,7 @@ int main(int argc, char** argv)
     if (applyOperation(&o.operation, &source, &result, &timing) != 0) goto done;
     printVolume("result", &result);
     if (o.operation.kind != OperationNone)
-        printf("time: %.4f s in the library, %.1f Mvoxels/s (%d threads)\n", timing.seconds,
+        printf("time: %.3f ms in the library, %.1f Mvoxels/s (%d threads)\n", 1e3 * timing.seconds,
                timing.seconds > 0 ? 1e-6 * (double)timing.voxels / timing.seconds : 0.0,
                vekGetNumThreads());
 
@@ -64,8 +64,8 @@ int main(int argc, char** argv)
     volumeRange(&source, &lowest, &highest);
     const int zoom = montageZoom(&source, &result);
     if (writeMontagePng(o.outputPath, &source, &result, lowest, highest, zoom) != 0) goto done;
-    printf("montage: %s (window [%g, %g], %d pixel%s per voxel)\n", o.outputPath, lowest,
-           highest, zoom, zoom == 1 ? "" : "s");
+    printf("montage: %s (window [%g, %g], %d pixel%s per voxel)\n", o.outputPath, lowest, highest,
+           zoom, zoom == 1 ? "" : "s");
     if (o.savePath != NULL) {
         if (saveVolumeNrrd(o.savePath, &result, error, sizeof error) != 0) {
             fprintf(stderr, "%s: %s\n", o.savePath, error);
