@@ -384,8 +384,8 @@ done:
 /* --- Smoothing ------------------------------------------------------------------------ */
 
 /* side^3 integer weights and their sum as the divisor. Box: all 1. Binomial: the products of
- * the rows of Pascal's triangle, scaled to a sum near 2^16 when the exact sum is larger, so
- * that a sum of weighted 16-bit samples stays within 32 bits. */
+ * the rows of Pascal's triangle (2^(3 (side - 1)) in all), scaled to a sum near 2^16 when the
+ * exact sum is larger, so that the divisor fits an int for every side. */
 static int32_t* makeKernel(int side, int binomial, int* divisor)
 {
     int32_t* kernel = malloc((size_t)side * side * side * sizeof *kernel);
