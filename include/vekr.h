@@ -403,9 +403,13 @@ Status vekrWarpAffine_32f_C1PV(const float* const pSrc[], VolumeSize srcVolume, 
                                Cuboid srcVOI, float* const pDst[], int dstStep, Cuboid dstVOI,
                                const double* coeffs, int interpolation, uint8_t* pBuffer);
 
-/* Filters a signed 16-bit planar volume with a 3-D kernel of 32-bit integers into dstRoiSize
- * voxels of the destination; see the README for the exact formula, the anchor and the source
- * voxels it reads. The work buffer has the size vekrFilterGetBufSize reports. */
+/* Convolves a signed 16-bit planar volume with a kw x kh x kd kernel of 32-bit integers K (x
+ * fastest, then y, then z) into voxels (0, 0, 0) .. (W-1, H-1, D-1) of pDst:
+ * dst(x,y,z) = round(sum K(i,j,k) * src(x+anchorX-i, y+anchorY-j, z+anchorZ-k) / divisor), the
+ * sum exact in 64 bits, halves rounded away from zero, saturated to -32768..32767, where
+ * src(x,y,z) = pSrc[z][y * srcStep / 2 + x]. It reads x from anchorX-kw+1 to W-1+anchorX, and so
+ * on y and z (plane indices below 0 included): pass pointers into a padded volume. pBuffer has
+ * the size vekrFilterGetBufSize reports. See the README, "Filtering a volume". */
 Status vekrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[],
                            int dstStep, VolumeSize dstRoiSize, const int32_t* pKernel,
                            VolumeSize kernelVolume, int anchorX, int anchorY, int anchorZ,

@@ -4,6 +4,7 @@
 
 #include "frame/entry_points.h"
 #include "vekcore.h"
+#include "volume_filter.h"
 #include "volume_geometry.h"
 #include "volume_resize.h"
 
@@ -208,8 +209,25 @@ Status entry::vekrWarpAffine_32f_C1PV(const float* const[], VolumeSize, int, Cub
 {
     return StatusOk;
 }
-Status entry::vekrFilter_16s_C1PV(const int16_t* const[], int, int16_t* const[], int, VolumeSize,
-                                  const int32_t*, VolumeSize, int, int, int, int, uint8_t*)
+Status entry::vekrFilter_16s_C1PV(const int16_t* const pSrc[], int srcStep, int16_t* const pDst[],
+                                  int dstStep, VolumeSize dstRoiSize, const int32_t* pKernel,
+                                  VolumeSize kernelVolume, int anchorX, int anchorY, int anchorZ,
+                                  int divisor, uint8_t* pBuffer)
 {
+    if (pSrc == nullptr || pDst == nullptr || pKernel == nullptr || pBuffer == nullptr)
+        return StatusNullPointer;
+    if (dstRoiSize.width < 1 || dstRoiSize.height < 1 || dstRoiSize.depth < 1 ||
+        kernelVolume.width < 1 || kernelVolume.height < 1 || kernelVolume.depth < 1 || divisor == 0)
+        return StatusBadSize;
+    const volume::FilterJob job{.srcPlanes = pSrc,
+                                .srcRowStep = srcStep >> 1,
+                                .dstPlanes = pDst,
+                                .dstRowStep = dstStep >> 1,
+                                .roi = dstRoiSize,
+                                .kernel = pKernel,
+                                .kernelExtent = kernelVolume,
+                                .anchor = {anchorX, anchorY, anchorZ},
+                                .divisor = divisor};
+    volume::filterVolume(job, pBuffer);
     return StatusOk;
 }
