@@ -27,7 +27,7 @@ int loadVolumeFile(const char* path, Volume* v, char* error, size_t errorSize)
     else if (strchr(line, '=') != NULL)
         result = loadMetaImage(file, path, line, v, error, errorSize);
     else
-        snprintf(error, errorSize, "not a NRRD or MetaImage header (first line '%.40s')", line);
+        snprintf(error, errorSize, "not a NRRD or MetaImage header");
     fclose(file);
     return result;
 }
