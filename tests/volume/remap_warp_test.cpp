@@ -8,128 +8,24 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <random>
 #include <string>
-#include <type_traits>
 #include <vector>
 
-#include "resize_exports.h"
 #include "support/float_bits.h"
-#include "support/guard_buffer.h"
 #include "support/resample_reference.h"
 #include "vekr.h"
 #include "volume/remap_rows.h"
+#include "volume_exports.h"
 
-using vekr::test::FlushEnd;
-using vekr::test::GuardedArray;
-using vekr::test::samplePointReference;
-using vekr::test::ThreadCountScope;
+using namespace vekr::test;
 namespace volume = vekr::volume;
 
 namespace {
 
-constexpr int kKinds[] = {InterpolationNearest,         InterpolationLinear,
-                          InterpolationCubicLagrange,   InterpolationCubicBSpline,
-                          InterpolationCubicCatmullRom, InterpolationCubicB05C03};
-
-// A planar volume, rows padded by 3 voxels, each plane in a mapping of its own flush against
-// a guard page; storage() is every element of every plane, padding included.
 template <class T>
-class Planes {
-public:
-    Planes(VolumeSize size, FlushEnd end = FlushEnd::Back) : size_(size), rowStep_(size.width + 3)
-    {
-        const size_t voxels = size_t(rowStep_) * (size.height - 1) + size.width;
-        for (int z = 0; z < size.depth; ++z) {
-            mappings_.push_back(std::make_unique<GuardedArray<T>>(voxels, end));
-            planes_.push_back(mappings_.back()->data());
-            std::memset(planes_.back(), 0xA5, voxels * sizeof(T));
-        }
-        constPlanes_.assign(planes_.begin(), planes_.end());
-    }
-    T& at(int x, int y, int z) { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
-    T at(int x, int y, int z) const { return planes_[size_t(z)][size_t(y) * rowStep_ + x]; }
-    int rowBytes() const { return rowStep_ * int(sizeof(T)); }
-    T* const* planes() { return planes_.data(); }
-    const T* const* constPlanes() const { return constPlanes_.data(); }
-    VolumeSize size() const { return size_; }
-    int rowStep() const { return rowStep_; }
-    std::vector<T> storage() const
-    {
-        std::vector<T> all;
-        for (const auto& m : mappings_)
-            all.insert(all.end(), m->data(), m->data() + m->size());
-        return all;
-    }
-    template <class F>
-    void fill(F value)
-    {
-        for (int z = 0; z < size_.depth; ++z)
-            for (int y = 0; y < size_.height; ++y)
-                for (int x = 0; x < size_.width; ++x)
-                    at(x, y, z) = value(x, y, z);
-    }
-
-private:
-    VolumeSize size_;
-    int rowStep_;
-    std::vector<std::unique_ptr<GuardedArray<T>>> mappings_;
-    std::vector<T*> planes_;
-    std::vector<const T*> constPlanes_;
-};
-
-template <class T>
-T randomVoxel(std::mt19937& rng)
-{
-    if constexpr (std::is_same_v<T, float>)
-        return std::uniform_real_distribution<float>(-100.0f, 100.0f)(rng);
-    else
-        return T(std::uniform_int_distribution<int>(0, std::numeric_limits<T>::max())(rng));
-}
-
-// Allowed distance from the reference (clamped to the type's range for 8u and 16u). 32f: 2^-20
-// of the largest magnitude 100, a few float roundings of weights, products and sums. 8u, 16u:
-// half a unit of rounding plus that float error. Nearest copies exactly.
-template <class T>
-double tolerance(int kind)
-{
-    if (kind == InterpolationNearest) return 0;
-    constexpr double kMax = std::is_same_v<T, float> ? 100.0 : std::numeric_limits<T>::max();
-    return (std::is_same_v<T, float> ? 0.0 : 0.5) + 0x1p-20 * kMax;
-}
-
-// Every element of dst's storage against `before`: voxels of the region (0, 0, 0) + box whose
-// reference position lies inside the bounds hold the reference value, everything else (padding,
-// voxels outside the box or outside the bounds) is unchanged bit for bit. refAt returns nothing
-// for a voxel left alone; skip(x, y, z) excludes voxels the reference cannot decide.
-template <class T, class Ref, class Skip>
-void expectRegion(const Planes<T>& dst, const std::vector<T>& before, Cuboid box, int kind,
-                  Ref refAt, Skip skip)
-{
-    const std::vector<T> after = dst.storage();
-    const size_t planeVoxels = after.size() / size_t(dst.size().depth);
-    for (size_t e = 0; e < after.size(); ++e) {
-        const int z = int(e / planeVoxels), y = int(e % planeVoxels / dst.rowStep());
-        const int x = int(e % planeVoxels % dst.rowStep());
-        const bool inBox = x >= box.x && x < box.x + box.width && x < dst.size().width &&
-                           y >= box.y && y < box.y + box.height && z >= box.z &&
-                           z < box.z + box.depth;
-        if (inBox && skip(x, y, z)) continue;
-        const std::optional<double> ref = inBox ? refAt(x, y, z) : std::nullopt;
-        if (!ref) {
-            ASSERT_EQ(std::memcmp(&after[e], &before[e], sizeof(T)), 0)
-                << "kind " << kind << ": changed at " << x << "," << y << "," << z;
-            continue;
-        }
-        double expected = *ref;
-        if (!std::is_same_v<T, float>)
-            expected = std::clamp(expected, 0.0, double(std::numeric_limits<T>::max()));
-        ASSERT_NEAR(double(after[e]), expected, tolerance<T>(kind))
-            << "kind " << kind << " at " << x << "," << y << "," << z;
-    }
-}
+using Planes = GuardedVolume<T>;
 
 // --- Remap ----------------------------------------------------------------------------
 
@@ -149,7 +45,7 @@ const RemapCase kRemapCases[] = {
 struct Maps {
     Planes<float> x, y, z;
     explicit Maps(VolumeSize roi, FlushEnd end = FlushEnd::Back)
-        : x(roi, end), y(roi, end), z(roi, end)
+        : x(roi, true, end), y(roi, true, end), z(roi, true, end)
     {
     }
 };
@@ -179,18 +75,10 @@ template <class T>
 Status remap(const Planes<T>& src, Cuboid srcVOI, Maps& maps, Planes<T>& dst, VolumeSize roi,
              int kind)
 {
-    const float* const* mx = maps.x.constPlanes();
-    const float* const* my = maps.y.constPlanes();
-    const float* const* mz = maps.z.constPlanes();
-    if constexpr (std::is_same_v<T, uint8_t>)
-        return vekrRemap_8u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
-                                 maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
-    else if constexpr (std::is_same_v<T, uint16_t>)
-        return vekrRemap_16u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
-                                  maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
-    else
-        return vekrRemap_32f_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI, mx, my, mz,
-                                  maps.x.rowBytes(), dst.planes(), dst.rowBytes(), roi, kind);
+    return VolumeExports<T>::kRemap(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
+                                    maps.x.constPlanes(), maps.y.constPlanes(),
+                                    maps.z.constPlanes(), maps.x.rowBytes(), dst.planes(),
+                                    dst.rowBytes(), roi, kind);
 }
 
 void clippedBounds(VolumeSize v, Cuboid box, int lo[3], int hi[3])
@@ -211,13 +99,13 @@ template <class T>
 void expectRemapNearReference(const RemapCase& c, unsigned seed, FlushEnd end)
 {
     std::mt19937 rng(seed);
-    Planes<T> src(c.src, end);
+    Planes<T> src(c.src, true, end);
     src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
     int lo[3], hi[3];
     clippedBounds(c.src, c.srcVOI, lo, hi);
     Maps maps = randomMaps(c.roi, lo, hi, seed, end);
     for (int kind : kKinds) {
-        Planes<T> dst(around(c.roi), end);
+        Planes<T> dst(around(c.roi), true, end);
         const std::vector<T> before = dst.storage();
         ASSERT_EQ(remap(src, c.srcVOI, maps, dst, c.roi, kind), StatusOk);
         auto refAt = [&](int x, int y, int z) {
@@ -225,8 +113,8 @@ void expectRemapNearReference(const RemapCase& c, unsigned seed, FlushEnd end)
             return samplePointReference([&](int i, int j, int k) { return src.at(i, j, k); }, lo,
                                         hi, kind, pos);
         };
-        expectRegion(dst, before, {0, 0, 0, c.roi.width, c.roi.height, c.roi.depth}, kind, refAt,
-                     [](int, int, int) { return false; });
+        expectRegion(dst, before, {0, 0, 0, c.roi.width, c.roi.height, c.roi.depth}, kind,
+                     tolerance<T>(kind), refAt);
     }
 }
 
@@ -239,11 +127,10 @@ class VolumeRemap : public testing::TestWithParam<RemapCase> {};
 
 TEST_P(VolumeRemap, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
 {
-    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-        expectRemapNearReference<uint8_t>(GetParam(), 1, end);
-        expectRemapNearReference<uint16_t>(GetParam(), 2, end);
-        expectRemapNearReference<float>(GetParam(), 3, end);
-    }
+    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
+        forEachVoxelType([&]<class T>(T, unsigned seed) {
+            expectRemapNearReference<T>(GetParam(), seed, end);
+        });
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, VolumeRemap, testing::ValuesIn(kRemapCases),
@@ -313,15 +200,8 @@ template <class T>
 Status warp(const Planes<T>& src, Cuboid srcVOI, Planes<T>& dst, Cuboid dstVOI,
             const double* coeffs, int kind)
 {
-    if constexpr (std::is_same_v<T, uint8_t>)
-        return vekrWarpAffine_8u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
-                                      dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
-    else if constexpr (std::is_same_v<T, uint16_t>)
-        return vekrWarpAffine_16u_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
-                                       dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
-    else
-        return vekrWarpAffine_32f_C1PV(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
-                                       dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
+    return VolumeExports<T>::kWarp(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
+                                   dst.planes(), dst.rowBytes(), dstVOI, coeffs, kind, nullptr);
 }
 
 // The source position of destination (x, y, z): the forward map solved by Cramer's rule in
@@ -391,31 +271,27 @@ template <class T>
 void expectWarpNearReference(const WarpCase& c, unsigned seed, FlushEnd end)
 {
     std::mt19937 rng(seed);
-    Planes<T> src(c.src, end);
+    Planes<T> src(c.src, true, end);
     src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
     int lo[3], hi[3];
     clippedBounds(c.src, c.srcVOI, lo, hi);
     const VolumeSize dstSize = {c.dstVOI.x + c.dstVOI.width + 2, c.dstVOI.y + c.dstVOI.height + 1,
                                 c.dstVOI.z + c.dstVOI.depth + 1};
     for (int kind : kKinds) {
-        Planes<T> dst(dstSize, end);
+        Planes<T> dst(dstSize, true, end);
         const std::vector<T> before = dst.storage();
         ASSERT_EQ(warp(src, c.srcVOI, dst, c.dstVOI, c.coeffs, kind), StatusOk);
         int written = 0;
-        auto refAt = [&](int x, int y, int z) {
+        auto refAt = [&](int x, int y, int z) -> std::optional<double> {
             double pos[3];
             inverseImage(c.coeffs, x, y, z, pos);
+            if (undecided(pos, lo, hi, kind)) return NAN;
             auto r = samplePointReference([&](int i, int j, int k) { return src.at(i, j, k); }, lo,
                                           hi, kind, pos);
             written += r.has_value();
             return r;
         };
-        auto skip = [&](int x, int y, int z) {
-            double pos[3];
-            inverseImage(c.coeffs, x, y, z, pos);
-            return undecided(pos, lo, hi, kind);
-        };
-        expectRegion(dst, before, c.dstVOI, kind, refAt, skip);
+        expectRegion(dst, before, c.dstVOI, kind, tolerance<T>(kind), refAt);
         EXPECT_GE(written, 30) << "kind " << kind;  // not vacuous
     }
 }
@@ -429,11 +305,10 @@ class VolumeWarpAffine : public testing::TestWithParam<WarpCase> {};
 
 TEST_P(VolumeWarpAffine, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
 {
-    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
-        expectWarpNearReference<uint8_t>(GetParam(), 1, end);
-        expectWarpNearReference<uint16_t>(GetParam(), 2, end);
-        expectWarpNearReference<float>(GetParam(), 3, end);
-    }
+    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
+        forEachVoxelType([&]<class T>(T, unsigned seed) {
+            expectWarpNearReference<T>(GetParam(), seed, end);
+        });
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, VolumeWarpAffine, testing::ValuesIn(kWarpCases),
@@ -488,43 +363,58 @@ TEST(VolumeWarpAffineIdentity, DeterminantLimitIsStrict)
 
 // --- Threads and twins ------------------------------------------------------------------
 
-// Regions of 16 and more on every axis fork a team; 1, 2 and 3 threads write the same bytes.
-template <class T>
-void expectSameBytesForAnyThreadCount()
+// Every argument set of every function writes the same bytes on 2 and 3 threads as on one,
+// whichever end its inputs or buffer sit flush against.
+TEST_P(VolumeThreads, AnyThreadCountWritesTheSameBytes)
 {
-    std::mt19937 rng(12);
-    Planes<T> src({12, 11, 10});
-    src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
-    const Cuboid srcVOI = {1, 0, 1, 10, 11, 9};
-    int lo[3], hi[3];
-    clippedBounds(src.size(), srcVOI, lo, hi);
-    const VolumeSize roi = {17, 16, 19};
-    Maps maps = randomMaps(roi, lo, hi, 6);
-    const double coeffs[12] = {1.4, 0.2, 0, -1, -0.1, 1.5, 0.1, 0.5, 0.05, 0, 1.9, -0.7};
-    const Cuboid dstVOI = {1, 0, 2, 16, 18, 17};
-    for (int kind : kKinds) {
-        std::vector<T> remapOne, warpOne;
-        for (int threads : {1, 2, 3}) {
-            const ThreadCountScope scope(threads);
-            Planes<T> remapped(around(roi)), warped({18, 19, 20});
-            ASSERT_EQ(remap(src, srcVOI, maps, remapped, roi, kind), StatusOk);
-            ASSERT_EQ(warp(src, srcVOI, warped, dstVOI, coeffs, kind), StatusOk);
-            if (threads == 1) {
-                remapOne = remapped.storage(), warpOne = warped.storage();
-                continue;
-            }
-            EXPECT_EQ(remapped.storage(), remapOne) << "kind " << kind << ", threads " << threads;
-            EXPECT_EQ(warped.storage(), warpOne) << "kind " << kind << ", threads " << threads;
+    const ThreadedCall& call = GetParam();
+    for (int v = 0; v < call.variants; ++v) {
+        std::vector<uint8_t> one;
+        {
+            const ThreadCountScope scope(1);
+            one = call.run(v, FlushEnd::Back);
         }
+        for (int threads : {2, 3})
+            for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front}) {
+                const ThreadCountScope scope(threads);
+                EXPECT_EQ(call.run(v, end), one) << "variant " << v << ", threads " << threads;
+            }
     }
 }
 
-TEST(VolumeRemapWarpThreads, AnyThreadCountWritesTheSameBytes)
+// Regions of 16 and more on every axis fork a team. Variant: type * 6 + kind index.
+template <bool kWarp>
+std::vector<uint8_t> remapOrWarpForTeams(int variant, FlushEnd end)
 {
-    expectSameBytesForAnyThreadCount<uint8_t>();
-    expectSameBytesForAnyThreadCount<uint16_t>();
-    expectSameBytesForAnyThreadCount<float>();
+    std::vector<uint8_t> bytes;
+    forVoxelType(variant / 6, [&]<class T>(T, unsigned) {
+        const int kind = kKinds[variant % 6];
+        std::mt19937 rng(12);
+        Planes<T> src({12, 11, 10}, true, end);
+        src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
+        const Cuboid srcVOI = {1, 0, 1, 10, 11, 9};
+        if constexpr (kWarp) {
+            const double coeffs[12] = {1.4, 0.2, 0, -1, -0.1, 1.5, 0.1, 0.5, 0.05, 0, 1.9, -0.7};
+            Planes<T> warped({18, 19, 20}, true, end);
+            EXPECT_EQ(warp(src, srcVOI, warped, {1, 0, 2, 16, 18, 17}, coeffs, kind), StatusOk);
+            bytes = bytesOf(warped.storage());
+        } else {
+            int lo[3], hi[3];
+            clippedBounds(src.size(), srcVOI, lo, hi);
+            const VolumeSize roi = {17, 16, 19};
+            Maps maps = randomMaps(roi, lo, hi, 6, end);
+            Planes<T> remapped(around(roi), true, end);
+            EXPECT_EQ(remap(src, srcVOI, maps, remapped, roi, kind), StatusOk);
+            bytes = bytesOf(remapped.storage());
+        }
+    });
+    return bytes;
 }
+
+INSTANTIATE_TEST_SUITE_P(RemapWarp, VolumeThreads,
+                         testing::Values(ThreadedCall{"Remap", 18, remapOrWarpForTeams<false>},
+                                         ThreadedCall{"WarpAffine", 18, remapOrWarpForTeams<true>}),
+                         threadedCallName);
 
 // Rows of 0 .. 40 voxels (8-lane steps and every tail) with positions inside, outside, on the
 // bounds, a float step past them and NaN; maps and output flush against guard pages at either

@@ -1,4 +1,5 @@
-// The four volume queries and the argument checks of the resize, remap and warp exports.
+// The four volume queries and the argument checks of the resize, remap, warp and filter
+// exports.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "resize_exports.h"
 #include "vekcore.h"
 #include "vekr.h"
+#include "volume_exports.h"
 
-using vekr::test::ResizeExports;
 using vekr::test::ThreadCountScope;
+using vekr::test::VolumeExports;
 
 namespace {
 
@@ -148,7 +149,6 @@ struct VolumeCall {
     double shift[3] = {0.5, -0.25, 0.0};
     int interpolation = InterpolationCubicCatmullRom;
     int nChannel = 1;
-    VolumeSize roi = {20, 4, 4}, kernel = {3, 3, 3};
     bool nullSrc = false, nullDst = false, nullBuffer = false, nullOut = false;
     // Remap: maps over the whole destination at 0.4 times the voxel index, so part of the
     // region falls inside srcVOI. Warp: the identity.
@@ -157,6 +157,12 @@ struct VolumeCall {
     std::vector<float> maps[3] = {coordinateMap(0), coordinateMap(1), coordinateMap(2)};
     double coeffs[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     bool nullCoeffs = false;
+    // Filter: a 20 x 4 x 4 region of dst16, anchor (1, 1, 1), a source of 22 x 6 x 6 around it.
+    VolumeSize roi = {20, 4, 4}, kernel = {3, 3, 3};
+    std::vector<int16_t> filterSrc = std::vector<int16_t>(22 * 6 * 6, 1);
+    std::vector<int32_t> filterKernel = std::vector<int32_t>(27, 1);
+    int divisor = 1;
+    bool nullKernel = false;
 
     std::vector<uint8_t> dst8 = std::vector<uint8_t>(kDstVoxels, kByteSentinel);
     std::vector<uint16_t> dst16 = std::vector<uint16_t>(kDstVoxels, 0xA5A5);
@@ -186,103 +192,94 @@ struct VolumeCall {
     }
 };
 
+// The planes of a call's source (all 1) and of its destination, both unpadded, or null where
+// the call asks for it.
 template <class T>
-T* dstOf(VolumeCall& c)
-{
-    if constexpr (sizeof(T) == 1)
-        return c.dst8.data();
-    else if constexpr (sizeof(T) == 2)
-        return c.dst16.data();
-    else
-        return c.dst32.data();
-}
+struct CallPlanes {
+    static constexpr VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
+    static constexpr int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
+    std::vector<T> source = std::vector<T>(VolumeCall::kSrcVoxels, T(1));
+    std::vector<const T*> srcPlanes;
+    std::vector<T*> dstPlanes;
+    std::vector<const float*> mapPlanes[3];
+    T* dst;
+    const T* const* src;
+    T* const* dstOrNull;
+    const float* const* map[3];
+    uint8_t* buffer;
+
+    explicit CallPlanes(VolumeCall& c)
+    {
+        if constexpr (sizeof(T) == 1)
+            dst = c.dst8.data();
+        else if constexpr (sizeof(T) == 2)
+            dst = c.dst16.data();
+        else
+            dst = c.dst32.data();
+        for (int z = 0; z < s.depth; ++z)
+            srcPlanes.push_back(source.data() + z * s.width * s.height);
+        for (int z = 0; z < d.depth; ++z) {
+            dstPlanes.push_back(dst + z * d.width * d.height);
+            for (int a = 0; a < 3; ++a)
+                mapPlanes[a].push_back(c.maps[a].data() + z * d.width * d.height);
+        }
+        src = c.nullSrc ? nullptr : srcPlanes.data();
+        dstOrNull = c.nullDst ? nullptr : dstPlanes.data();
+        for (int a = 0; a < 3; ++a)
+            map[a] = c.nullMap[a] ? nullptr : mapPlanes[a].data();
+        buffer = c.nullBuffer ? nullptr : c.buffer.data();
+    }
+};
 
 template <class T, bool kPlanar>
 Status runResize(VolumeCall& c)
 {
-    const VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
-    const std::vector<T> source(VolumeCall::kSrcVoxels, T(1));
-    T* dst = dstOf<T>(c);
-    const int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
-    uint8_t* buffer = c.nullBuffer ? nullptr : c.buffer.data();
-    if constexpr (kPlanar) {
-        std::vector<const T*> srcPlanes;
-        std::vector<T*> dstPlanes;
-        for (int z = 0; z < s.depth; ++z)
-            srcPlanes.push_back(source.data() + z * s.width * s.height);
-        for (int z = 0; z < d.depth; ++z)
-            dstPlanes.push_back(dst + z * d.width * d.height);
-        return ResizeExports<T>::kPV(c.nullSrc ? nullptr : srcPlanes.data(), c.srcVolume, srcRow,
-                                     c.srcVOI, c.nullDst ? nullptr : dstPlanes.data(), dstRow,
-                                     c.dstVOI, c.factor[0], c.factor[1], c.factor[2], c.shift[0],
-                                     c.shift[1], c.shift[2], c.interpolation, buffer);
-    } else {
-        return ResizeExports<T>::kV(
-            c.nullSrc ? nullptr : source.data(), c.srcVolume, srcRow, srcRow * s.height, c.srcVOI,
-            c.nullDst ? nullptr : dst, dstRow, dstRow * d.height, c.dstVOI, c.factor[0],
-            c.factor[1], c.factor[2], c.shift[0], c.shift[1], c.shift[2], c.interpolation, buffer);
-    }
+    using P = CallPlanes<T>;
+    P p(c);
+    if constexpr (kPlanar)
+        return VolumeExports<T>::kPV(p.src, c.srcVolume, P::srcRow, c.srcVOI, p.dstOrNull,
+                                     P::dstRow, c.dstVOI, c.factor[0], c.factor[1], c.factor[2],
+                                     c.shift[0], c.shift[1], c.shift[2], c.interpolation, p.buffer);
+    return VolumeExports<T>::kV(c.nullSrc ? nullptr : p.source.data(), c.srcVolume, P::srcRow,
+                                P::srcRow * P::s.height, c.srcVOI, c.nullDst ? nullptr : p.dst,
+                                P::dstRow, P::dstRow * P::d.height, c.dstVOI, c.factor[0],
+                                c.factor[1], c.factor[2], c.shift[0], c.shift[1], c.shift[2],
+                                c.interpolation, p.buffer);
 }
 
 template <class T>
 Status runRemap(VolumeCall& c)
 {
-    const VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
-    const std::vector<T> source(VolumeCall::kSrcVoxels, T(1));
-    std::vector<const T*> srcPlanes;
-    std::vector<T*> dstPlanes;
-    std::vector<const float*> mapPlanes[3];
-    for (int z = 0; z < s.depth; ++z)
-        srcPlanes.push_back(source.data() + z * s.width * s.height);
-    for (int z = 0; z < d.depth; ++z) {
-        dstPlanes.push_back(dstOf<T>(c) + z * d.width * d.height);
-        for (int a = 0; a < 3; ++a)
-            mapPlanes[a].push_back(c.maps[a].data() + z * d.width * d.height);
-    }
-    const float* const* map[3];
-    for (int a = 0; a < 3; ++a)
-        map[a] = c.nullMap[a] ? nullptr : mapPlanes[a].data();
-    const int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
-    const T* const* src = c.nullSrc ? nullptr : srcPlanes.data();
-    T* const* dst = c.nullDst ? nullptr : dstPlanes.data();
-    const int mapRow = d.width * int(sizeof(float));
-    if constexpr (sizeof(T) == 1)
-        return vekrRemap_8u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2], mapRow,
-                                 dst, dstRow, c.remapRoi, c.interpolation);
-    else if constexpr (sizeof(T) == 2)
-        return vekrRemap_16u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2],
-                                  mapRow, dst, dstRow, c.remapRoi, c.interpolation);
-    else
-        return vekrRemap_32f_C1PV(src, c.srcVolume, srcRow, c.srcVOI, map[0], map[1], map[2],
-                                  mapRow, dst, dstRow, c.remapRoi, c.interpolation);
+    using P = CallPlanes<T>;
+    P p(c);
+    return VolumeExports<T>::kRemap(p.src, c.srcVolume, P::srcRow, c.srcVOI, p.map[0], p.map[1],
+                                    p.map[2], P::d.width * int(sizeof(float)), p.dstOrNull,
+                                    P::dstRow, c.remapRoi, c.interpolation);
 }
 
 // The warp ignores its buffer: a null one is accepted.
 template <class T>
 Status runWarp(VolumeCall& c)
 {
-    const VolumeSize s = VolumeCall::kSrc, d = VolumeCall::kDst;
-    const std::vector<T> source(VolumeCall::kSrcVoxels, T(1));
-    std::vector<const T*> srcPlanes;
-    std::vector<T*> dstPlanes;
-    for (int z = 0; z < s.depth; ++z)
-        srcPlanes.push_back(source.data() + z * s.width * s.height);
-    for (int z = 0; z < d.depth; ++z)
-        dstPlanes.push_back(dstOf<T>(c) + z * d.width * d.height);
-    const int srcRow = s.width * int(sizeof(T)), dstRow = d.width * int(sizeof(T));
-    const T* const* src = c.nullSrc ? nullptr : srcPlanes.data();
-    T* const* dst = c.nullDst ? nullptr : dstPlanes.data();
-    const double* coeffs = c.nullCoeffs ? nullptr : c.coeffs;
-    uint8_t* buffer = c.nullBuffer ? nullptr : c.buffer.data();
-    if constexpr (sizeof(T) == 1)
-        return vekrWarpAffine_8u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
-                                      coeffs, c.interpolation, buffer);
-    else if constexpr (sizeof(T) == 2)
-        return vekrWarpAffine_16u_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
-                                       coeffs, c.interpolation, buffer);
-    else
-        return vekrWarpAffine_32f_C1PV(src, c.srcVolume, srcRow, c.srcVOI, dst, dstRow, c.dstVOI,
-                                       coeffs, c.interpolation, buffer);
+    using P = CallPlanes<T>;
+    P p(c);
+    return VolumeExports<T>::kWarp(p.src, c.srcVolume, P::srcRow, c.srcVOI, p.dstOrNull, P::dstRow,
+                                   c.dstVOI, c.nullCoeffs ? nullptr : c.coeffs, c.interpolation,
+                                   p.buffer);
+}
+
+Status runFilter(VolumeCall& c)
+{
+    std::vector<const int16_t*> src;  // planes -1 .. 4, each from row -1, column -1
+    std::vector<int16_t*> dst;
+    for (int z = 0; z < 6; ++z)
+        src.push_back(c.filterSrc.data() + z * 22 * 6 + 22 + 1);
+    for (int z = 0; z < 4; ++z)
+        dst.push_back(reinterpret_cast<int16_t*>(c.dst16.data()) + z * 20 * 4);
+    return vekrFilter_16s_C1PV(c.nullSrc ? nullptr : src.data() + 1, 22 * 2,
+                               c.nullDst ? nullptr : dst.data(), 20 * 2, c.roi,
+                               c.nullKernel ? nullptr : c.filterKernel.data(), c.kernel, 1, 1, 1,
+                               c.divisor, c.nullBuffer ? nullptr : c.buffer.data());
 }
 
 struct Check {
@@ -300,6 +297,15 @@ Checks operator+(Checks a, const Checks& b)
 
 const Checks kNullOut = {
     {"null output", [](VolumeCall& c) { c.nullOut = true; }, StatusNullPointer}};
+const Checks kNullSrcDst = {
+    {"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
+    {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer}};
+const Checks kNullBuffer = {
+    {"null buffer", [](VolumeCall& c) { c.nullBuffer = true; }, StatusNullPointer}};
+const Checks kSourceSize = {
+    {"source width 0", [](VolumeCall& c) { c.srcVolume.width = 0; }, StatusBadSize},
+    {"source height -2", [](VolumeCall& c) { c.srcVolume.height = -2; }, StatusBadSize},
+    {"source depth 0", [](VolumeCall& c) { c.srcVolume.depth = 0; }, StatusBadSize}};
 const Checks kSrcBox = {
     {"srcVOI.x -1", [](VolumeCall& c) { c.srcVOI.x = -1; }, StatusBadSize},
     {"srcVOI.width 0", [](VolumeCall& c) { c.srcVOI.width = 0; }, StatusBadSize},
@@ -323,27 +329,6 @@ const Checks kInterpolation = {
 const Checks kChannels = {{"nChannel 3", [](VolumeCall& c) { c.nChannel = 3; }, StatusBadChannels}};
 const Checks kShiftedAway = {
     {"box shifted below 0", [](VolumeCall& c) { c.shift[0] = -100.0; }, StatusWarnNoOperation}};
-
-const Checks kResizeChecks =
-    Checks{{"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
-           {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer},
-           {"null buffer", [](VolumeCall& c) { c.nullBuffer = true; }, StatusNullPointer},
-           {"source width 0", [](VolumeCall& c) { c.srcVolume.width = 0; }, StatusBadSize},
-           {"source height -2", [](VolumeCall& c) { c.srcVolume.height = -2; }, StatusBadSize},
-           {"source depth 0", [](VolumeCall& c) { c.srcVolume.depth = 0; }, StatusBadSize}} +
-    kSrcBox + kDstBox + kFactors + kInterpolation +
-    Checks{{"srcVOI.x at the source width", [](VolumeCall& c) { c.srcVOI.x = 6; },
-            StatusWarnVoiOutsideSource},
-           {"srcVOI.y at the source height", [](VolumeCall& c) { c.srcVOI.y = 5; },
-            StatusWarnVoiOutsideSource},
-           {"srcVOI.z at the source depth", [](VolumeCall& c) { c.srcVOI.z = 4; },
-            StatusWarnVoiOutsideSource}} +
-    kShiftedAway;
-
-const Checks kSourceSize = {
-    {"source width 0", [](VolumeCall& c) { c.srcVolume.width = 0; }, StatusBadSize},
-    {"source height -2", [](VolumeCall& c) { c.srcVolume.height = -2; }, StatusBadSize},
-    {"source depth 0", [](VolumeCall& c) { c.srcVolume.depth = 0; }, StatusBadSize}};
 const Checks kVoiOutsideSource = {
     {"srcVOI.x at the source width", [](VolumeCall& c) { c.srcVOI.x = 6; },
      StatusWarnVoiOutsideSource},
@@ -351,11 +336,19 @@ const Checks kVoiOutsideSource = {
      StatusWarnVoiOutsideSource},
     {"srcVOI.z at the source depth", [](VolumeCall& c) { c.srcVOI.z = 4; },
      StatusWarnVoiOutsideSource}};
+const Checks kFilterSizes = {
+    {"ROI width 0", [](VolumeCall& c) { c.roi.width = 0; }, StatusBadSize},
+    {"ROI height -1", [](VolumeCall& c) { c.roi.height = -1; }, StatusBadSize},
+    {"ROI depth 0", [](VolumeCall& c) { c.roi.depth = 0; }, StatusBadSize},
+    {"kernel width 0", [](VolumeCall& c) { c.kernel.width = 0; }, StatusBadSize},
+    {"kernel height 0", [](VolumeCall& c) { c.kernel.height = 0; }, StatusBadSize},
+    {"kernel depth -2", [](VolumeCall& c) { c.kernel.depth = -2; }, StatusBadSize}};
 
+const Checks kResizeChecks = kNullSrcDst + kNullBuffer + kSourceSize + kSrcBox + kDstBox +
+                             kFactors + kInterpolation + kVoiOutsideSource + kShiftedAway;
 const Checks kRemapChecks =
-    Checks{{"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
-           {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer},
-           {"null x map", [](VolumeCall& c) { c.nullMap[0] = true; }, StatusNullPointer},
+    kNullSrcDst +
+    Checks{{"null x map", [](VolumeCall& c) { c.nullMap[0] = true; }, StatusNullPointer},
            {"null y map", [](VolumeCall& c) { c.nullMap[1] = true; }, StatusNullPointer},
            {"null z map", [](VolumeCall& c) { c.nullMap[2] = true; }, StatusNullPointer}} +
     kSourceSize + kSrcBox +
@@ -363,25 +356,18 @@ const Checks kRemapChecks =
            {"ROI height -1", [](VolumeCall& c) { c.remapRoi.height = -1; }, StatusBadSize},
            {"ROI depth 0", [](VolumeCall& c) { c.remapRoi.depth = 0; }, StatusBadSize}} +
     kInterpolation + kVoiOutsideSource;
-
 const Checks kWarpChecks =
-    Checks{{"null source", [](VolumeCall& c) { c.nullSrc = true; }, StatusNullPointer},
-           {"null destination", [](VolumeCall& c) { c.nullDst = true; }, StatusNullPointer},
-           {"null coefficients", [](VolumeCall& c) { c.nullCoeffs = true; }, StatusNullPointer}} +
+    kNullSrcDst +
+    Checks{{"null coefficients", [](VolumeCall& c) { c.nullCoeffs = true; }, StatusNullPointer}} +
     kSourceSize + kSrcBox + kDstBox + kInterpolation +
     Checks{{"zero third row", [](VolumeCall& c) { c.coeffs[8] = c.coeffs[9] = c.coeffs[10] = 0; },
             StatusBadCoefficients}} +
     kVoiOutsideSource;
-
 const Checks kFilterChecks =
-    kNullOut +
-    Checks{{"ROI width 0", [](VolumeCall& c) { c.roi.width = 0; }, StatusBadSize},
-           {"ROI height -1", [](VolumeCall& c) { c.roi.height = -1; }, StatusBadSize},
-           {"ROI depth 0", [](VolumeCall& c) { c.roi.depth = 0; }, StatusBadSize},
-           {"kernel width 0", [](VolumeCall& c) { c.kernel.width = 0; }, StatusBadSize},
-           {"kernel height 0", [](VolumeCall& c) { c.kernel.height = 0; }, StatusBadSize},
-           {"kernel depth -2", [](VolumeCall& c) { c.kernel.depth = -2; }, StatusBadSize},
-           {"nChannel 0", [](VolumeCall& c) { c.nChannel = 0; }, StatusBadChannels}};
+    kNullSrcDst +
+    Checks{{"null kernel", [](VolumeCall& c) { c.nullKernel = true; }, StatusNullPointer}} +
+    kNullBuffer + kFilterSizes +
+    Checks{{"divisor 0", [](VolumeCall& c) { c.divisor = 0; }, StatusBadSize}};
 
 // Alone on a valid call, for every function that takes an interpolation code.
 const Checks kInterpolationAlone = {
@@ -394,6 +380,13 @@ const Checks kInterpolationAlone = {
 const Checks kWarpAlone =
     kInterpolationAlone +
     Checks{{"null buffer", [](VolumeCall& c) { c.nullBuffer = true; }, StatusOk}};
+
+// The filter's sizes at the other side of the limit.
+const Checks kFilterAlone = {
+    {"ROI height 0", [](VolumeCall& c) { c.roi.height = 0; }, StatusBadSize},
+    {"ROI depth -1", [](VolumeCall& c) { c.roi.depth = -1; }, StatusBadSize},
+    {"kernel height -2", [](VolumeCall& c) { c.kernel.height = -2; }, StatusBadSize},
+    {"kernel depth 0", [](VolumeCall& c) { c.kernel.depth = 0; }, StatusBadSize}};
 
 struct Contract {
     const char* name;
@@ -434,7 +427,8 @@ std::vector<Contract> contracts()
              return vekrFilterGetBufSize(c.roi, c.kernel, c.nChannel,
                                          c.nullOut ? nullptr : &c.size);
          },
-         kFilterChecks,
+         kNullOut + kFilterSizes +
+             Checks{{"nChannel 0", [](VolumeCall& c) { c.nChannel = 0; }, StatusBadChannels}},
          {}},
         {"Resize8uV", runResize<uint8_t, false>, kResizeChecks, kInterpolationAlone},
         {"Resize16uV", runResize<uint16_t, false>, kResizeChecks, kInterpolationAlone},
@@ -448,9 +442,9 @@ std::vector<Contract> contracts()
         {"WarpAffine8u", runWarp<uint8_t>, kWarpChecks, kWarpAlone},
         {"WarpAffine16u", runWarp<uint16_t>, kWarpChecks, kWarpAlone},
         {"WarpAffine32f", runWarp<float>, kWarpChecks, kWarpAlone},
+        {"Filter16s", runFilter, kFilterChecks, kFilterAlone},
     };
 }
-
 class VolumeChecks : public testing::TestWithParam<Contract> {};
 
 }  // namespace
