@@ -17,7 +17,8 @@ namespace vekr::test {
 template <class T>
 class GuardedVolume {
 public:
-    GuardedVolume(VolumeSize size, bool planar = true, FlushEnd end = FlushEnd::Back, int rowPad = 3)
+    explicit GuardedVolume(VolumeSize size, bool planar = true, FlushEnd end = FlushEnd::Back,
+                           int rowPad = 3)
         : size_(size), rowStep_(size.width + rowPad), pool_{end, {}}
     {
         const size_t planeVoxels = size_t(rowStep_) * (size.height - 1) + size.width;

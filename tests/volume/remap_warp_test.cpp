@@ -234,23 +234,16 @@ struct WarpCase {
     double coeffs[12];
 };
 
+// clang-format off
 const WarpCase kWarpCases[] = {
-    {"RotateScaleShear",
-     {10, 9, 8},
-     {1, 0, 1, 8, 9, 6},
-     {0, 1, 0, 14, 12, 10},
+    {"RotateScaleShear", {10, 9, 8}, {1, 0, 1, 8, 9, 6}, {0, 1, 0, 14, 12, 10},
      {0.8, -0.6, 0.1, 4.3, 0.55, 0.75, 0.2, -0.4, 0.05, 0.1, 1.3, 0.7}},
-    {"MirrorAndSwapAxes",
-     {7, 6, 5},
-     {0, 0, 0, 7, 6, 5},
-     {2, 1, 1, 9, 8, 7},
+    {"MirrorAndSwapAxes", {7, 6, 5}, {0, 0, 0, 7, 6, 5}, {2, 1, 1, 9, 8, 7},
      {0, 1.25, 0, 1.1, -1, 0, 0, 9.3, 0, 0, 1.1, 0.6}},
-    {"BoxPastTheVolume",
-     {6, 5, 4},
-     {2, 1, 1, 30, 30, 30},
-     {0, 0, 0, 11, 9, 7},
+    {"BoxPastTheVolume", {6, 5, 4}, {2, 1, 1, 30, 30, 30}, {0, 0, 0, 11, 9, 7},
      {1.5, 0, 0, 0.25, 0, 1.5, 0, 0.1, 0, 0, 1.5, 0.3}},
 };
+// clang-format on
 
 // Positions within this of a bound, or (nearest) of a half voxel, are decided by the last bits
 // of the stepping, which the long double reference does not reproduce: such voxels are skipped.

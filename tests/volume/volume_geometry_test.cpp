@@ -37,51 +37,25 @@ struct CuboidExample {
 
 const Cuboid kCuboidSentinel = {-7, -7, -7, -7, -7, -7};
 
+// clang-format off
 const CuboidExample kCuboidExamples[] = {
-    {"halving a 10-cube",
-     {0, 0, 0, 10, 10, 10},
-     {0.5, 0.5, 0.5},
-     {0, 0, 0},
-     StatusOk,
+    {"halving a 10-cube", {0, 0, 0, 10, 10, 10}, {0.5, 0.5, 0.5}, {0, 0, 0}, StatusOk,
      {0, 0, 0, 5, 5, 5}},
-    {"a quarter of width 2 ends at 1",
-     {0, 0, 0, 2, 10, 10},
-     {0.25, 0.5, 0.5},
-     {0, 0, 0},
-     StatusOk,
+    {"a quarter of width 2 ends at 1", {0, 0, 0, 2, 10, 10}, {0.25, 0.5, 0.5}, {0, 0, 0}, StatusOk,
      {0, 0, 0, 1, 5, 5}},
-    {"start on a half voxel rounds down, end rounds up",
-     {1, 0, 0, 2, 4, 4},
-     {0.5, 1, 1},
-     {0, 0, 0},
-     StatusOk,
-     {0, 0, 0, 2, 4, 4}},
-    {"shifts after scaling",
-     {3, 2, 1, 4, 4, 4},
-     {2, 1, 1},
-     {0.3, -0.7, 0.25},
-     StatusOk,
+    {"start on a half voxel rounds down, end rounds up", {1, 0, 0, 2, 4, 4}, {0.5, 1, 1},
+     {0, 0, 0}, StatusOk, {0, 0, 0, 2, 4, 4}},
+    {"shifts after scaling", {3, 2, 1, 4, 4, 4}, {2, 1, 1}, {0.3, -0.7, 0.25}, StatusOk,
      {6, 1, 1, 8, 4, 4}},
-    {"a start below 0 clamps to 0",
-     {0, 0, 0, 4, 4, 4},
-     {1, 1, 1},
-     {-1.7, 0, 0},
-     StatusOk,
+    {"a start below 0 clamps to 0", {0, 0, 0, 4, 4, 4}, {1, 1, 1}, {-1.7, 0, 0}, StatusOk,
      {0, 0, 0, 2, 4, 4}},
     // Each rounding constant decides: 0.5 at either end would give width 4 on x, 5 - 1 on y.
-    {"the rounding constants 0.4999999999 and 0.5000000001",
-     {0, 0, 0, 4, 4, 4},
-     {1, 1, 1},
-     {0.49999999995, 0.50000000005, 0},
-     StatusOk,
-     {0, 0, 0, 5, 5, 4}},
-    {"a box shifted below 0 is empty",
-     {0, 0, 0, 4, 4, 4},
-     {1, 1, 1},
-     {0, 0, -5},
-     StatusWarnNoOperation,
-     kCuboidSentinel},
+    {"the rounding constants 0.4999999999 and 0.5000000001", {0, 0, 0, 4, 4, 4}, {1, 1, 1},
+     {0.49999999995, 0.50000000005, 0}, StatusOk, {0, 0, 0, 5, 5, 4}},
+    {"a box shifted below 0 is empty", {0, 0, 0, 4, 4, 4}, {1, 1, 1}, {0, 0, -5},
+     StatusWarnNoOperation, kCuboidSentinel},
 };
+// clang-format on
 
 TEST(VolumeQueries, ResizeCuboidMatchesTheDocumentedExamples)
 {
