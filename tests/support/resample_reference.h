@@ -1,8 +1,10 @@
 // Double-precision references of the volume interpolation kinds: the cubic weights from their
-// textbook forms (Lagrange product, general Mitchell-Netravali polynomial) and sampling a volume
-// at one position with inclusive bounds, the way remap and the affine warp are documented.
+// textbook forms (Lagrange product, general Mitchell-Netravali polynomial), the taps of a resize,
+// and sampling a volume at one position with inclusive bounds, the way remap and the affine warp
+// are documented.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -42,6 +44,63 @@ inline double cubicReferenceWeight(int kind, int at, double f)
     }
 }
 
+// The taps of one sample on one axis: source indices and their weights in double.
+struct AxisTaps {
+    int count = 0;
+    int index[4];
+    double weight[4];
+};
+
+// The sum of voxel(x, y, z) weighted by the taps of the three axes, in double.
+template <class Voxel>
+double sumOverTaps(Voxel voxel, const AxisTaps t[3])
+{
+    double sum = 0;
+    for (int k = 0; k < t[2].count; ++k)
+        for (int j = 0; j < t[1].count; ++j)
+            for (int i = 0; i < t[0].count; ++i)
+                sum += t[2].weight[k] * t[1].weight[j] * t[0].weight[i] *
+                       double(voxel(t[0].index[i], t[1].index[j], t[2].index[k]));
+    return sum;
+}
+
+// Linear weights 1 - f and f at offsets 0 and 1, cubic ones at -1 .. 2 from the base, each
+// index through clampIndex.
+template <class Clamp>
+void interpolatingTaps(AxisTaps& t, int kind, double base, double f, Clamp clampIndex)
+{
+    for (int k = 0; k < t.count; ++k) {
+        const int at = t.count == 2 ? k : k - 1;
+        t.index[k] = clampIndex(base + at);
+        t.weight[k] = t.count == 2 ? (k == 0 ? 1 - f : f) : cubicReferenceWeight(kind, at, f);
+    }
+}
+
+inline int tapCount(int kind)
+{
+    return kind == InterpolationNearest ? 1 : kind == InterpolationLinear ? 2 : 4;
+}
+
+// Resize: the taps of destination index i on an axis of `extent` source voxels, clamped to it.
+// Nearest: the voxel holding the centre (i + 0.5) / factor - shift / factor, a hair below it.
+// Otherwise the centre less half a voxel, its floor the base.
+inline AxisTaps resizeAxisTaps(int kind, int i, double factor, double shift, int extent)
+{
+    const double inverse = 1.0 / factor, offset = -shift / factor;
+    auto clampIndex = [extent](double s) { return int(std::clamp(s, 0.0, extent - 1.0)); };
+    AxisTaps t;
+    t.count = tapCount(kind);
+    if (t.count == 1) {
+        t.index[0] = clampIndex(std::trunc((i + 0.5) * inverse + offset - 1e-10));
+        t.weight[0] = 1;
+        return t;
+    }
+    const double p = (i + 0.5) * inverse + offset - 0.5;
+    const double base = std::floor(p);
+    interpolatingTaps(t, kind, base, p - base, clampIndex);
+    return t;
+}
+
 // The value at pos of a volume read through voxel(x, y, z), in double, or nothing when pos lies
 // outside the inclusive bounds lo .. hi (NaN included). Nearest: rint per axis. Linear: base
 // trunc, one lower at the maximum, weights 1 - f and f. Cubic: base trunc, taps base-1 ..
@@ -52,32 +111,21 @@ std::optional<double> samplePointReference(Voxel voxel, const int lo[3], const i
 {
     for (int a = 0; a < 3; ++a)
         if (!(pos[a] >= lo[a] && pos[a] <= hi[a])) return std::nullopt;
-    int index[3][4];
-    double weight[3][4];
-    int taps = kind == InterpolationNearest ? 1 : kind == InterpolationLinear ? 2 : 4;
+    AxisTaps taps[3];
     for (int a = 0; a < 3; ++a) {
-        auto clamp = [&](int t) { return t < lo[a] ? lo[a] : t > hi[a] ? hi[a] : t; };
+        AxisTaps& t = taps[a];
+        t.count = tapCount(kind);
+        auto clamp = [&](int s) { return s < lo[a] ? lo[a] : s > hi[a] ? hi[a] : s; };
         int base = int(std::trunc(pos[a]));
-        if (taps == 1) {
-            index[a][0] = int(std::nearbyint(pos[a]));
-            weight[a][0] = 1;
+        if (t.count == 1) {
+            t.index[0] = int(std::nearbyint(pos[a]));
+            t.weight[0] = 1;
             continue;
         }
-        if (taps == 2 && base == hi[a]) --base;
-        const double f = pos[a] - base;
-        for (int t = 0; t < taps; ++t) {
-            const int at = taps == 2 ? t : t - 1;
-            index[a][t] = clamp(base + at);
-            weight[a][t] = taps == 2 ? (t == 0 ? 1 - f : f) : cubicReferenceWeight(kind, at, f);
-        }
+        if (t.count == 2 && base == hi[a]) --base;
+        interpolatingTaps(t, kind, base, pos[a] - base, [&](double s) { return clamp(int(s)); });
     }
-    double sum = 0;
-    for (int k = 0; k < taps; ++k)
-        for (int j = 0; j < taps; ++j)
-            for (int i = 0; i < taps; ++i)
-                sum += weight[2][k] * weight[1][j] * weight[0][i] *
-                       double(voxel(index[0][i], index[1][j], index[2][k]));
-    return sum;
+    return sumOverTaps(voxel, taps);
 }
 
 }  // namespace vekr::test

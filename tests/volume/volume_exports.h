@@ -144,6 +144,11 @@ struct ThreadedCall {
     std::vector<uint8_t> (*run)(int variant, FlushEnd end);
 };
 
+inline void PrintTo(const ThreadedCall& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
 }  // namespace vekr::test
 
 // Defined once in remap_warp_test.cpp, instantiated by each function's file.

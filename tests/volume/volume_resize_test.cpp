@@ -88,57 +88,14 @@ Cuboid writtenBox(const ResizeCase& c)
     return {start[0], start[1], start[2], end[0] - start[0], end[1] - start[1], end[2] - start[2]};
 }
 
-// The taps of one destination index on one axis: source indices clamped to the volume, and
-// their weights in double.
-struct AxisTaps {
-    int count = 0;
-    int index[4];
-    double weight[4];
-};
-
-AxisTaps axisTaps(int kind, int i, double factor, double shift, int extent)
-{
-    const double inverse = 1.0 / factor, offset = -shift / factor;
-    auto clampIndex = [extent](double s) { return int(std::clamp(s, 0.0, extent - 1.0)); };
-    AxisTaps taps;
-    if (kind == InterpolationNearest) {
-        taps.count = 1;
-        taps.index[0] = clampIndex(std::trunc((i + 0.5) * inverse + offset - 1e-10));
-        taps.weight[0] = 1;
-        return taps;
-    }
-    const double p = (i + 0.5) * inverse + offset - 0.5;
-    const double base = std::floor(p), f = p - base;
-    if (kind == InterpolationLinear) {
-        taps.count = 2;
-        taps.index[0] = clampIndex(base);
-        taps.index[1] = clampIndex(base + 1);
-        taps.weight[0] = 1 - f;
-        taps.weight[1] = f;
-        return taps;
-    }
-    taps.count = 4;
-    for (int k = 0; k < 4; ++k) {
-        const double at = k - 1;  // tap position relative to base
-        taps.index[k] = clampIndex(base + at);
-        taps.weight[k] = vekr::test::cubicReferenceWeight(kind, k - 1, f);
-    }
-    return taps;
-}
-
 template <class T>
 double referenceValue(const TestVolume<T>& src, const ResizeCase& c, int kind, int x, int y, int z)
 {
-    const AxisTaps tx = axisTaps(kind, x, c.factor[0], c.shift[0], c.src.width);
-    const AxisTaps ty = axisTaps(kind, y, c.factor[1], c.shift[1], c.src.height);
-    const AxisTaps tz = axisTaps(kind, z, c.factor[2], c.shift[2], c.src.depth);
-    double sum = 0;
-    for (int k = 0; k < tz.count; ++k)
-        for (int j = 0; j < ty.count; ++j)
-            for (int i = 0; i < tx.count; ++i)
-                sum += tz.weight[k] * ty.weight[j] * tx.weight[i] *
-                       double(src.at(tx.index[i], ty.index[j], tz.index[k]));
-    return sum;
+    const int at[3] = {x, y, z}, extent[3] = {c.src.width, c.src.height, c.src.depth};
+    AxisTaps taps[3];
+    for (int a = 0; a < 3; ++a)
+        taps[a] = resizeAxisTaps(kind, at[a], c.factor[a], c.shift[a], extent[a]);
+    return sumOverTaps([&](int i, int j, int k) { return src.at(i, j, k); }, taps);
 }
 
 // The shared tolerance, but for 8u within half a unit plus the 2^-14 steps of the fixed-point
