@@ -11,15 +11,28 @@ template <class T>
 using RemapRowKernel = void (*)(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                                 const float* mx, const float* my, const float* mz, T* out, int n);
 
-// The kernel of a voxel type and kind: the per-voxel samplers in a loop, or for 32f linear the
-// Avx twin below.
+// The kernel of a voxel type and kind: the Avx twin for nearest and linear,
+// the per-voxel samplers in a loop for the cubic kinds.
 template <class T>
 RemapRowKernel<T> remapRowKernel(const InterpolationKernel& kernel);
 
-// 32f trilinear twins. The Avx twin runs 8 voxels at a time: bounds, bases and fractions in
-// lanes, the eight taps of each lane inside the bounds read one by one (no gathers in AVX),
-// the blends in lanes in the scalar order, and a masked store of the lanes inside. The tail
-// goes through the Scalar twin.
+// Twins for 8u, 16u and 32f. Scalar is the per-voxel sampler in a loop. Avx runs 8 voxels at a
+// time (sample_lanes.h) and the tail through Scalar; for a window the lanes cannot take (one
+// voxel wide, or bounds past 2^24) the whole row goes through Scalar.
+template <class T>
+void remapNearestRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                           const float* mx, const float* my, const float* mz, T* out, int n);
+template <class T>
+void remapNearestRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                        const float* mx, const float* my, const float* mz, T* out, int n);
+template <class T>
+void remapLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                          const float* mx, const float* my, const float* mz, T* out, int n);
+template <class T>
+void remapLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                       const float* mx, const float* my, const float* mz, T* out, int n);
+
+// The 32f linear pair under its own names.
 void remapLinearRow32fScalar(const SourceWindow<float>& src, const InterpolationKernel& kernel,
                              const float* mx, const float* my, const float* mz, float* out, int n);
 void remapLinearRow32fAvx(const SourceWindow<float>& src, const InterpolationKernel& kernel,

@@ -3,9 +3,130 @@
 #include <algorithm>
 
 #include "frame/parallel_region.h"
+#include "sample_lanes.h"
 #include "vekcore.h"
 
 namespace vekr::volume {
+
+// --- Warp row kernels ----------------------------------------------------------------------
+namespace {
+
+// Voxels stepped per stretch: three rows of positions in double stay within 6 KiB of stack.
+constexpr int kWarpStretch = 256;
+
+template <class T, void (*kSample)(const SourceWindow<T>&, const InterpolationKernel&, double,
+                                   double, double, T*)>
+void warpRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                   const double start[3], const double step[3], T* out, int n)
+{
+    double x = start[0], y = start[1], z = start[2];
+    for (int i = 0; i < n; ++i) {
+        kSample(src, kernel, x, y, z, out + i);
+        x += step[0];
+        y += step[1];
+        z += step[2];
+    }
+}
+
+// Stretches of the row: positions stepped sequentially into the buffer, the full groups of 8
+// through sampleLanes, the rest of each stretch through the per-voxel sampler.
+template <class T, bool kLinear,
+          void (*kSample)(const SourceWindow<T>&, const InterpolationKernel&, double, double,
+                          double, T*)>
+void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                  const double start[3], const double step[3], T* out, int n)
+{
+    if (!lanesFit(src)) {
+        warpRowScalar<T, kSample>(src, kernel, start, step, out, n);
+        return;
+    }
+    const DoubleLaneBounds bounds = doubleLaneBounds(src.lo, src.hi);
+    const std::ptrdiff_t yStep = src.hi[1] > src.lo[1] ? src.rowStep : 0;
+    const int zStep = src.hi[2] > src.lo[2] ? 1 : 0;
+    alignas(32) double pos[3][kWarpStretch];
+    double x = start[0], y = start[1], z = start[2];
+    LanePoints pt;
+    for (int done = 0; done < n; done += kWarpStretch) {
+        const int m = std::min(kWarpStretch, n - done);
+        for (int i = 0; i < m; ++i) {
+            pos[0][i] = x;
+            pos[1][i] = y;
+            pos[2][i] = z;
+            x += step[0];
+            y += step[1];
+            z += step[2];
+        }
+        T* stretch = out + done;
+        int i = 0;
+        for (; i + 8 <= m; i += 8) {
+            resolveLanes<kLinear>(bounds, pos[0] + i, pos[1] + i, pos[2] + i, pt);
+            if (pt.laneMask == 0) continue;
+            if constexpr (kLinear)
+                storeLanes(blendLinearLanes(src, yStep, zStep, pt), pt, stretch + i);
+            else
+                copyNearestLanes(src, pt, stretch + i);
+        }
+        for (; i < m; ++i)
+            kSample(src, kernel, pos[0][i], pos[1][i], pos[2][i], stretch + i);
+    }
+}
+
+}  // namespace
+
+template <class T>
+void warpNearestRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                          const double start[3], const double step[3], T* out, int n)
+{
+    warpRowScalar<T, sampleNearest<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+void warpNearestRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                       const double start[3], const double step[3], T* out, int n)
+{
+    warpRowLanes<T, false, sampleNearest<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+void warpLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                         const double start[3], const double step[3], T* out, int n)
+{
+    warpRowScalar<T, sampleLinear<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+void warpLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                      const double start[3], const double step[3], T* out, int n)
+{
+    warpRowLanes<T, true, sampleLinear<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
+{
+    if (kernel.taps == 1) return warpNearestRowAvx<T>;
+    if (kernel.taps == 2) return warpLinearRowAvx<T>;
+    return warpRowScalar<T, sampleCubic<T, double>>;
+}
+
+#define VEKR_WARP_ROWS(T)                                                                      \
+    template WarpRowKernel<T> warpRowKernel<T>(const InterpolationKernel&);                    \
+    template void warpNearestRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,  \
+                                          const double[3], const double[3], T*, int);          \
+    template void warpNearestRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,     \
+                                       const double[3], const double[3], T*, int);             \
+    template void warpLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
+                                         const double[3], const double[3], T*, int);           \
+    template void warpLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \
+                                      const double[3], const double[3], T*, int);
+VEKR_WARP_ROWS(uint8_t)
+VEKR_WARP_ROWS(uint16_t)
+VEKR_WARP_ROWS(float)
+#undef VEKR_WARP_ROWS
+
+
+// --- Slices, threads, remap and warp --------------------------------------------------------
+
 namespace {
 
 // The team pays off only for boxes this large on every axis.
@@ -38,33 +159,6 @@ void writeSlices(const VolumeView<T>& dst, Cuboid box, int sliceBegin, int slice
         for (int j = 0; j < box.height; ++j)
             writeRow(k, j, plane + std::ptrdiff_t(box.y + j) * dst.rowStep);
     }
-}
-
-template <class T>
-using WarpRowKernel = void (*)(const SourceWindow<T>&, const InterpolationKernel&,
-                               const double start[3], const double step[3], T* out, int n);
-
-// Positions start, start + step, start + 2 step, ... by repeated addition in double.
-template <class T, void (*kSample)(const SourceWindow<T>&, const InterpolationKernel&, double,
-                                   double, double, T*)>
-void warpRow(const SourceWindow<T>& src, const InterpolationKernel& kernel, const double start[3],
-             const double step[3], T* out, int n)
-{
-    double x = start[0], y = start[1], z = start[2];
-    for (int i = 0; i < n; ++i) {
-        kSample(src, kernel, x, y, z, out + i);
-        x += step[0];
-        y += step[1];
-        z += step[2];
-    }
-}
-
-template <class T>
-WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
-{
-    if (kernel.taps == 1) return warpRow<T, sampleNearest<T, double>>;
-    if (kernel.taps == 2) return warpRow<T, sampleLinear<T, double>>;
-    return warpRow<T, sampleCubic<T, double>>;
 }
 
 const InterpolationKernel& kernelOf(int code)

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "remap_rows.h"
+#include "warp_rows.h"
 #include "volume_resize.h"
 
 namespace vekr::volume {

@@ -1,0 +1,161 @@
+// The remap and warp row kernels: each Avx twin against its Scalar twin, bit for bit, for rows
+// of 0 .. 40 voxels and one long row, with maps and output flush against guard pages.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "support/guard_buffer.h"
+#include "volume/remap_rows.h"
+#include "volume/resample_kernels.h"
+#include "volume/warp_rows.h"
+#include "vekr.h"
+
+namespace {
+
+using namespace vekr;
+using test::FlushEnd;
+using test::GuardedArray;
+
+constexpr int kLongRow = 1000;
+
+// A 9 x 7 x 6 source in one guarded block, its last voxel against the guard page, with a
+// window whose x maximum is the last voxel of every row: a pair read past it faults.
+template <class T>
+struct Source {
+    static constexpr int kWidth = 9, kHeight = 7, kDepth = 6;
+    GuardedArray<T> voxels{size_t(kWidth) * kHeight * kDepth};
+    std::vector<const T*> planes;
+
+    explicit Source(std::mt19937& rng)
+    {
+        std::uniform_real_distribution<float> value(0.0f, 255.0f);
+        for (size_t i = 0; i < voxels.size(); ++i)
+            voxels.data()[i] = T(value(rng));
+        for (int z = 0; z < kDepth; ++z)
+            planes.push_back(voxels.data() + size_t(z) * kWidth * kHeight);
+    }
+    // lo and hi inclusive; thin = one voxel thick on y and z.
+    volume::SourceWindow<T> window(bool thin) const
+    {
+        volume::SourceWindow<T> w;
+        w.planes = planes.data();
+        w.rowStep = kWidth;
+        const int32_t lo[3] = {1, thin ? 3 : 0, thin ? 5 : 2};
+        const int32_t hi[3] = {kWidth - 1, thin ? 3 : kHeight - 1, thin ? 5 : kDepth - 1};
+        for (int a = 0; a < 3; ++a)
+            w.lo[a] = lo[a], w.hi[a] = hi[a];
+        return w;
+    }
+};
+
+// Positions around the window on one axis: mostly inside, some a little outside, exactly on
+// either bound, the next float above the maximum, and NaN.
+float randomCoordinate(std::mt19937& rng, int32_t lo, int32_t hi)
+{
+    switch (std::uniform_int_distribution<int>(0, 9)(rng)) {
+    case 0: return float(lo);
+    case 1: return float(hi);
+    case 2: return std::nextafter(float(hi), 1e9f);
+    case 3: return std::numeric_limits<float>::quiet_NaN();
+    default: return std::uniform_real_distribution<float>(lo - 1.0f, hi + 1.0f)(rng);
+    }
+}
+
+template <class T>
+void expectSameBytes(const T* scalar, const T* avx, int n, const char* what)
+{
+    for (int i = 0; i < n; ++i)
+        ASSERT_EQ(std::memcmp(scalar + i, avx + i, sizeof(T)), 0)
+            << what << ", n " << n << ", voxel " << i;
+}
+
+template <class T>
+void checkRemapTwins(volume::RemapRowKernel<T> scalarRow, volume::RemapRowKernel<T> avxRow,
+                     const volume::InterpolationKernel& kernel, const char* what)
+{
+    std::mt19937 rng(7);
+    const Source<T> src(rng);
+    for (bool thin : {false, true}) {
+        const volume::SourceWindow<T> window = src.window(thin);
+        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
+            for (int n = 0; n <= 41; ++n) {
+                const int count = n == 41 ? kLongRow : n;
+                GuardedArray<float> map[3] = {GuardedArray<float>(count, end),
+                                              GuardedArray<float>(count, end),
+                                              GuardedArray<float>(count, end)};
+                for (int a = 0; a < 3; ++a)
+                    for (int i = 0; i < count; ++i)
+                        map[a].data()[i] = randomCoordinate(rng, window.lo[a], window.hi[a]);
+                GuardedArray<T> scalar(count, end), avx(count, end);
+                for (int i = 0; i < count; ++i)
+                    scalar.data()[i] = avx.data()[i] = T(7);
+                scalarRow(window, kernel, map[0].data(), map[1].data(), map[2].data(),
+                          scalar.data(), count);
+                avxRow(window, kernel, map[0].data(), map[1].data(), map[2].data(), avx.data(),
+                       count);
+                expectSameBytes(scalar.data(), avx.data(), count, what);
+            }
+    }
+}
+
+// Rows that start outside the window and cross it on a slant, so each row has voxels outside,
+// inside and on the way out; the long row takes a smaller step to stay near the box.
+template <class T>
+void checkWarpTwins(volume::WarpRowKernel<T> scalarRow, volume::WarpRowKernel<T> avxRow,
+                    const volume::InterpolationKernel& kernel, const char* what)
+{
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<double> jitter(-0.5, 0.5);
+    const Source<T> src(rng);
+    for (bool thin : {false, true}) {
+        const volume::SourceWindow<T> window = src.window(thin);
+        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
+            for (int n = 0; n <= 41; ++n) {
+                const int count = n == 41 ? kLongRow : n;
+                const double scale = count > 40 ? 0.01 : 0.3;
+                double start[3], step[3];
+                for (int a = 0; a < 3; ++a) {
+                    start[a] = window.lo[a] - 1.0 + jitter(rng);
+                    step[a] = scale * (window.hi[a] - window.lo[a] + 1.5 + jitter(rng)) / 3;
+                }
+                if (thin) step[1] = step[2] = 0.0;  // stay on the one plane and row
+                if (thin) start[1] = window.lo[1], start[2] = window.hi[2];
+                GuardedArray<T> scalar(count, end), avx(count, end);
+                for (int i = 0; i < count; ++i)
+                    scalar.data()[i] = avx.data()[i] = T(7);
+                scalarRow(window, kernel, start, step, scalar.data(), count);
+                avxRow(window, kernel, start, step, avx.data(), count);
+                expectSameBytes(scalar.data(), avx.data(), count, what);
+            }
+    }
+}
+
+const volume::InterpolationKernel& nearest()
+{
+    return *volume::findInterpolationKernel(InterpolationNearest);
+}
+const volume::InterpolationKernel& linear()
+{
+    return *volume::findInterpolationKernel(InterpolationLinear);
+}
+
+template <class T>
+void checkAllTwins()
+{
+    using namespace volume;
+    checkRemapTwins<T>(remapNearestRowScalar<T>, remapNearestRowAvx<T>, nearest(), "remap nearest");
+    checkRemapTwins<T>(remapLinearRowScalar<T>, remapLinearRowAvx<T>, linear(), "remap linear");
+    checkWarpTwins<T>(warpNearestRowScalar<T>, warpNearestRowAvx<T>, nearest(), "warp nearest");
+    checkWarpTwins<T>(warpLinearRowScalar<T>, warpLinearRowAvx<T>, linear(), "warp linear");
+}
+
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit8u) { checkAllTwins<uint8_t>(); }
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit16u) { checkAllTwins<uint16_t>(); }
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit32f) { checkAllTwins<float>(); }
+
+}  // namespace
