@@ -1,5 +1,5 @@
-/* The before-and-after montage, written through libpng as 8-bit RGB: grey slices on a dark
- * blue-grey ground. */
+/* The before-and-after montage as 8-bit RGB, written by the renderer's PNG writer: grey slices
+ * on a dark blue-grey ground. */
 #include "montage_png.h"
 
 #include <errno.h>
@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <png.h>
+#include "png_output.h"
 
 enum { kGap = 6, kMontageTarget = 256 };
 static const unsigned char kGround[3] = {30, 34, 46};
@@ -43,42 +43,6 @@ int montageZoom(const Volume* before, const Volume* after)
             largest = e[a] > largest ? e[a] : largest;
     }
     return kMontageTarget / largest > 1 ? kMontageTarget / largest : 1;
-}
-
-static int savePng(const char* path, int width, int height, const unsigned char* rgb)
-{
-    FILE* file = fopen(path, "wb");
-    if (file == NULL) {
-        fprintf(stderr, "%s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, NULL, NULL, NULL);
-    png_infop info = png != NULL ? png_create_info_struct(png) : NULL;
-    if (info == NULL) {
-        fprintf(stderr, "%s: cannot set up the PNG writer\n", path);
-        png_destroy_write_struct(&png, NULL);
-        fclose(file);
-        return -1;
-    }
-    /* libpng reports its own errors on stderr before jumping back here. */
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_write_struct(&png, &info);
-        fclose(file);
-        return -1;
-    }
-    png_init_io(png, file);
-    png_set_IHDR(png, info, (png_uint_32)width, (png_uint_32)height, 8, PNG_COLOR_TYPE_RGB,
-                 PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    for (int row = 0; row < height; ++row)
-        png_write_row(png, rgb + (size_t)row * width * 3);
-    png_write_end(png, NULL);
-    png_destroy_write_struct(&png, &info);
-    if (fclose(file) != 0) {
-        fprintf(stderr, "%s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
 }
 
 int writeMontagePng(const char* path, const Volume* before, const Volume* after, double lowest,
@@ -129,7 +93,12 @@ int writeMontagePng(const char* path, const Volume* before, const Volume* after,
         }
         top += rowHeight[r] * zoom + kGap;
     }
-    const int result = savePng(path, width, height, rgb);
+    FILE* file = fopen(path, "wb");
+    int result = -1;
+    if (file == NULL)
+        fprintf(stderr, "%s: %s\n", path, strerror(errno));
+    else
+        result = writePng(file, path, width, height, rgb);
     free(rgb);
     return result;
 }
