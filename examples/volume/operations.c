@@ -69,6 +69,57 @@ static int slabDepth(int depth)
     return depth < 32 ? depth : (depth / 16 > 16 ? depth / 16 : 16);
 }
 
+/* --- Slabs ---------------------------------------------------------------------------- */
+
+/* Everything one slab's library call needs; each operation fills the fields it uses. */
+typedef struct SlabJob {
+    const Operation* op;
+    const Volume* src;
+    void* const* srcPlanes; /* resampling: the source's plane pointers */
+    Cuboid srcVOI;
+    const Volume* dst;
+    void* const* dstPlanes;
+    uint8_t* buffer;
+    double coeffs[12];                  /* rotate: the forward map */
+    float* const* maps[3];              /* swirl: the x, y, z maps of one slab */
+    const int16_t* const* filterPlanes; /* smooth: padded source planes, from slice 0's */
+    int filterRowBytes;
+    const int32_t* kernel;
+    int divisor;
+} SlabJob;
+
+static Status runSlab(const SlabJob* job, int z, int n);
+static void swirlMaps(const Volume* v, double strengthDegrees, int z0, int n, float* xMap,
+                      float* yMap, float* zMap);
+
+/* Runs the job's library call over the destination's slices in slabs, reporting progress and
+ * adding the time spent in the library to timing. The swirl's maps for a slab are made
+ * outside that time. Returns 0, or -1 after a failing call's status was reported. */
+static int runInSlabs(const SlabJob* job, OperationTiming* timing)
+{
+    static const char* const kNames[] = {"copy", "resize", "rotate", "swirl", "smooth"};
+    static const char* const kCalls[] = {"", "resize", "affine warp", "remap",
+                                         "vekrFilter_16s_C1PV"};
+    const int depth = job->dst->depth, slab = slabDepth(depth);
+    Progress progress;
+    progressStart(&progress, kNames[job->op->kind], depth);
+    int result = 0;
+    for (int z = 0; z < depth && result == 0; z += slab) {
+        const int n = depth - z < slab ? depth - z : slab;
+        if (job->op->kind == OperationSwirl)
+            swirlMaps(job->src, job->op->strength, z, n, job->maps[0][0], job->maps[1][0],
+                      job->maps[2][0]);
+        const double start = secondsNow();
+        const Status call = runSlab(job, z, n);
+        timing->seconds += secondsNow() - start;
+        result = checkStatus(call, kCalls[job->op->kind]) != 0 ? -1 : 0;
+        if (result == 0) progressUpdate(&progress, z + n);
+    }
+    progressEnd(&progress);
+    if (result == 0) timing->voxels = volumeVoxelCount(job->dst);
+    return result;
+}
+
 /* --- Voxel conversion ----------------------------------------------------------------- */
 
 static void storeSample(Volume* v, size_t i, double value)
@@ -166,21 +217,14 @@ static int resizeVolume(const Operation* op, const Volume* src, void* const* src
         fprintf(stderr, "out of memory for a %d-byte resize buffer\n", bytes);
         goto done;
     }
-    Progress progress;
-    progressStart(&progress, "resize", dst->depth);
-    for (int z = 0; z < dst->depth; z += slab) {
-        const int n = dst->depth - z < slab ? dst->depth - z : slab;
-        const Cuboid dstVOI = {0, 0, z, dst->width, dst->height, n};
-        const double start = secondsNow();
-        const Status call = callResize(src, srcPlanes, srcVOI, dst, dstPlanes, dstVOI, op->factors,
-                                       op->interpolation, buffer);
-        timing->seconds += secondsNow() - start;
-        if (checkStatus(call, "resize") != 0) goto done;
-        progressUpdate(&progress, z + n);
-    }
-    progressEnd(&progress);
-    timing->voxels = volumeVoxelCount(dst);
-    result = 0;
+    const SlabJob job = {.op = op,
+                         .src = src,
+                         .srcPlanes = srcPlanes,
+                         .srcVOI = srcVOI,
+                         .dst = dst,
+                         .dstPlanes = dstPlanes,
+                         .buffer = buffer};
+    result = runInSlabs(&job, timing);
 done:
     vekFree(buffer);
     free(dstPlanes);
@@ -266,21 +310,15 @@ static int rotateVolume(const Operation* op, const Volume* src, void* const* src
         fprintf(stderr, "out of memory for a %d-byte warp buffer\n", bytes);
         goto done;
     }
-    Progress progress;
-    progressStart(&progress, "rotate", dst->depth);
-    for (int z = 0; z < dst->depth; z += slab) {
-        const int n = dst->depth - z < slab ? dst->depth - z : slab;
-        const Cuboid dstVOI = {0, 0, z, dst->width, dst->height, n};
-        const double start = secondsNow();
-        const Status call =
-            callWarp(src, srcPlanes, srcVOI, dstPlanes, dstVOI, coeffs, op->interpolation, buffer);
-        timing->seconds += secondsNow() - start;
-        if (checkStatus(call, "affine warp") != 0) goto done;
-        progressUpdate(&progress, z + n);
-    }
-    progressEnd(&progress);
-    timing->voxels = volumeVoxelCount(dst);
-    result = 0;
+    SlabJob job = {.op = op,
+                   .src = src,
+                   .srcPlanes = srcPlanes,
+                   .srcVOI = srcVOI,
+                   .dst = dst,
+                   .dstPlanes = dstPlanes,
+                   .buffer = buffer};
+    memcpy(job.coeffs, coeffs, sizeof coeffs);
+    result = runInSlabs(&job, timing);
 done:
     vekFree(buffer);
     free(dstPlanes);
@@ -358,22 +396,14 @@ static int swirlVolume(const Operation* op, const Volume* src, void* const* srcP
     for (int k = 0; k < 3 * slab; ++k)
         mapPlanes[k] = mapVoxels + (size_t)k * planeVoxels;
     float* const* maps[3] = {mapPlanes, mapPlanes + slab, mapPlanes + 2 * slab};
-    Progress progress;
-    progressStart(&progress, "swirl", dst->depth);
-    for (int z = 0; z < dst->depth; z += slab) {
-        const int n = dst->depth - z < slab ? dst->depth - z : slab;
-        swirlMaps(src, op->strength, z, n, mapPlanes[0], mapPlanes[slab], mapPlanes[2 * slab]);
-        const VolumeSize roi = {dst->width, dst->height, n};
-        const double start = secondsNow();
-        const Status call = callRemap(src, srcPlanes, srcVOI, maps, dst->width * (int)sizeof(float),
-                                      dstPlanes + z, roi, op->interpolation);
-        timing->seconds += secondsNow() - start;
-        if (checkStatus(call, "remap") != 0) goto done;
-        progressUpdate(&progress, z + n);
-    }
-    progressEnd(&progress);
-    timing->voxels = volumeVoxelCount(dst);
-    result = 0;
+    const SlabJob job = {.op = op,
+                         .src = src,
+                         .srcPlanes = srcPlanes,
+                         .srcVOI = srcVOI,
+                         .dst = dst,
+                         .dstPlanes = dstPlanes,
+                         .maps = {maps[0], maps[1], maps[2]}};
+    result = runInSlabs(&job, timing);
 done:
     free(mapPlanes);
     free(mapVoxels);
@@ -445,7 +475,7 @@ static int padEdges(const Volume* v, int margin, Volume* padded)
  * every tap of a kernel of that side inside the copy wherever its anchor lies. */
 static int filterInt16(const Operation* op, const Volume* src, Volume* dst, OperationTiming* timing)
 {
-    const int side = op->kernelSide, margin = side - 1, anchor = side / 2;
+    const int side = op->kernelSide, margin = side - 1;
     Volume padded = {0};
     int divisor = 0;
     int32_t* kernel = makeKernel(side, op->binomial, &divisor);
@@ -476,22 +506,15 @@ static int filterInt16(const Operation* op, const Volume* src, Volume* dst, Oper
         fprintf(stderr, "out of memory for a %d-byte filter buffer\n", bytes);
         goto done;
     }
-    Progress progress;
-    progressStart(&progress, "smooth", dst->depth);
-    for (int z = 0; z < dst->depth; z += slab) {
-        const int n = dst->depth - z < slab ? dst->depth - z : slab;
-        const VolumeSize roi = {dst->width, dst->height, n};
-        const double start = secondsNow();
-        const Status call = vekrFilter_16s_C1PV(
-            srcPlanes + margin + z, (int)rowBytes, dstPlanes + z, (int)volumeRowBytes(dst), roi,
-            kernel, kernelSize, anchor, anchor, anchor, divisor, buffer);
-        timing->seconds += secondsNow() - start;
-        if (checkStatus(call, "vekrFilter_16s_C1PV") != 0) goto done;
-        progressUpdate(&progress, z + n);
-    }
-    progressEnd(&progress);
-    timing->voxels = volumeVoxelCount(dst);
-    result = 0;
+    const SlabJob job = {.op = op,
+                         .dst = dst,
+                         .dstPlanes = (void* const*)dstPlanes,
+                         .buffer = buffer,
+                         .filterPlanes = srcPlanes + margin,
+                         .filterRowBytes = (int)rowBytes,
+                         .kernel = kernel,
+                         .divisor = divisor};
+    result = runInSlabs(&job, timing);
 done:
     if (result != 0) volumeRelease(dst);
     vekFree(buffer);
@@ -535,6 +558,38 @@ done:
     volumeRelease(&filtered);
     volumeRelease(&work);
     return result;
+}
+
+/* --- One slab --------------------------------------------------------------------- */
+
+static Status runSlab(const SlabJob* job, int z, int n)
+{
+    const Volume* dst = job->dst;
+    const Operation* op = job->op;
+    const Cuboid dstVOI = {0, 0, z, dst->width, dst->height, n};
+    const VolumeSize roi = {dst->width, dst->height, n};
+    switch (op->kind) {
+        case OperationResize:
+            return callResize(job->src, job->srcPlanes, job->srcVOI, dst, job->dstPlanes, dstVOI,
+                              op->factors, op->interpolation, job->buffer);
+        case OperationRotate:
+            return callWarp(job->src, job->srcPlanes, job->srcVOI, job->dstPlanes, dstVOI,
+                            job->coeffs, op->interpolation, job->buffer);
+        case OperationSwirl: {
+            float* const* maps[3] = {job->maps[0], job->maps[1], job->maps[2]};
+            return callRemap(job->src, job->srcPlanes, job->srcVOI, maps,
+                             dst->width * (int)sizeof(float), job->dstPlanes + z, roi,
+                             op->interpolation);
+        }
+        default: {
+            const int side = op->kernelSide, anchor = side / 2;
+            const VolumeSize kernelSize = {side, side, side};
+            return vekrFilter_16s_C1PV(job->filterPlanes + z, job->filterRowBytes,
+                                       (int16_t* const*)job->dstPlanes + z,
+                                       (int)volumeRowBytes(dst), roi, job->kernel, kernelSize,
+                                       anchor, anchor, anchor, job->divisor, job->buffer);
+        }
+    }
 }
 
 /* --- Dispatch ------------------------------------------------------------------------- */
