@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "resample_kernels.h"
+#include "voxel_rounding.h"
 
 namespace vekr::volume {
 
@@ -92,20 +93,6 @@ inline float cubicBlend(const float s[4], const float w[4])
     return (w[1] * s[1] + w[0] * s[0]) + (w[3] * s[3] + w[2] * s[2]);
 }
 
-// Round to nearest (ties to even) with saturation; NaN gives 0. 32f passes through.
-template <class T>
-inline T saturateToVoxel(float v)
-{
-    if constexpr (std::is_same_v<T, float>) {
-        return v;
-    } else {
-        constexpr float kMax = float(std::numeric_limits<T>::max());
-        float c = v > 0.0f ? v : 0.0f;
-        c = c < kMax ? c : kMax;
-        return T(std::nearbyint(c));
-    }
-}
-
 // --- Per-voxel samplers: write *out only when (x, y, z) lies inside the bounds -------------
 
 template <class T, class C>
@@ -135,7 +122,7 @@ inline void sampleLinear(const SourceWindow<T>& s, const InterpolationKernel&, C
         }
         alongY[k] = linearBlend(alongX[0], alongX[1], py.fraction);
     }
-    *out = saturateToVoxel<T>(linearBlend(alongY[0], alongY[1], pz.fraction));
+    *out = roundToVoxel<T>(linearBlend(alongY[0], alongY[1], pz.fraction));
 }
 
 // Tricubic with the kernel's four weights per axis: along x, then y, then z.
@@ -162,7 +149,7 @@ inline void sampleCubic(const SourceWindow<T>& s, const InterpolationKernel& ker
         }
         alongY[k] = cubicBlend(alongX, wy);
     }
-    *out = saturateToVoxel<T>(cubicBlend(alongY, wz));
+    *out = roundToVoxel<T>(cubicBlend(alongY, wz));
 }
 
 }  // namespace vekr::volume

@@ -7,6 +7,8 @@
 #include <limits>
 #include <type_traits>
 
+#include "voxel_rounding.h"
+
 namespace vekr::volume {
 namespace {
 
@@ -30,21 +32,6 @@ inline float cubicSum(float s0, float s1, float s2, float s3, const float* w)
 inline float fixedLerp(uint8_t a, uint8_t b, const int16_t* w)
 {
     return float(int32_t(w[0]) * a + int32_t(w[1]) * b) * kFixedWeightScale;
-}
-
-// Clamp, then round to nearest in the current mode, as _mm256_max_ps / _mm256_min_ps /
-// _mm256_cvtps_epi32 do: a NaN fails the first comparison and gives 0.
-template <class T>
-inline T roundToVoxel(float v)
-{
-    if constexpr (std::is_same_v<T, float>) {
-        return v;
-    } else {
-        constexpr float kMax = float(std::numeric_limits<T>::max());
-        float c = v > 0.0f ? v : 0.0f;
-        c = c < kMax ? c : kMax;
-        return T(std::nearbyint(c));
-    }
 }
 
 inline uint8_t cubicTo8u(float v)

@@ -231,7 +231,7 @@ inline __m256 blendLinearLanes(const SourceWindow<T>& s, std::ptrdiff_t yStep, i
     return linearBlendLanes(alongY0, alongY1, pt.fraction[2]);
 }
 
-// saturateToVoxel in lanes: max(v, 0) gives 0 for NaN as v > 0 ? v : 0 does, then the
+// roundToVoxel in lanes: max(v, 0) gives 0 for NaN as v > 0 ? v : 0 does, then the
 // minimum, then rint in the default rounding mode. The lanes of the inside mask are stored.
 template <class T>
 inline void storeLanes(__m256 v, const LanePoints& pt, T* out)
