@@ -151,15 +151,10 @@ void intersectLayeredTile(const SceneView& scene, const LayeredRayBlock& block, 
     TileRays rays;
     TileHits hits;
     __m256 tNear[2], tFar[2];
-    startTileHits(block.dist, rowStart, width, hits);
-    for (int h = 0; h < 2; ++h) {
-        for (int k = 0; k < 3; ++k) {
-            rays.origin[k][h] = _mm256_set1_ps(block.origin[k]);
-            rays.dir[k][h] = loadTwoRows(block.dir[k], rowStart[h], width);
-        }
-        tNear[h] = _mm256_setzero_ps();
-        tFar[h] = hits.dist[h];
-    }
+    const float* origin = block.origin;
+    loadNearestHitTile(
+        block.dir, block.dist, rowStart, width,
+        [origin](int k, int64_t) { return _mm256_set1_ps(origin[k]); }, rays, hits, tNear, tFar);
     int active = clipTileToBox(scene.box, rays, tNear, tFar);
     const __m256 noTriangle = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
     LayerTileAcceptance acceptance;

@@ -203,9 +203,26 @@ struct NearestHitPlanes {
     int width, height;
 };
 
+// Loads a tile's rays (tileOrigin(k, rowStart) gives the origins of half of a tile on axis
+// k) and starts its hits from the maximum distances: the interval is [0, dist] before the clip.
+template <class TileOrigin>
+inline void loadNearestHitTile(const float* const* dir, const float* dist,
+                               const int64_t rowStart[2], int64_t width, TileOrigin tileOrigin,
+                               TileRays& rays, TileHits& hits, __m256 tNear[2], __m256 tFar[2])
+{
+    startTileHits(dist, rowStart, width, hits);
+    for (int h = 0; h < 2; ++h) {
+        for (int k = 0; k < 3; ++k) {
+            rays.origin[k][h] = tileOrigin(k, rowStart[h]);
+            rays.dir[k][h] = loadTwoRows(dir[k], rowStart[h], width);
+        }
+        tNear[h] = _mm256_setzero_ps();
+        tFar[h] = hits.dist[h];
+    }
+}
+
 // The tile path of a nearest-hit block: triIndex is filled with -1, then each tile loads its
-// rays (tileOrigin(k, rowStart) gives the origins of half of a tile on axis k), clips them to
-// the box with clip, walks the tree and stores its hits.
+// rays, clips them to the box with clip, walks the tree and stores its hits.
 template <class TileAcceptance, class TileOrigin, class Clip>
 void intersectNearestTiles(const SceneView& scene, const NearestHitPlanes& planes,
                            TileOrigin tileOrigin, Clip clip)
@@ -219,15 +236,8 @@ void intersectNearestTiles(const SceneView& scene, const NearestHitPlanes& plane
             TileRays rays;
             TileHits hits;
             __m256 tNear[2], tFar[2];
-            startTileHits(planes.dist, rowStart, width, hits);
-            for (int h = 0; h < 2; ++h) {
-                for (int k = 0; k < 3; ++k) {
-                    rays.origin[k][h] = tileOrigin(k, rowStart[h]);
-                    rays.dir[k][h] = loadTwoRows(planes.dir[k], rowStart[h], width);
-                }
-                tNear[h] = _mm256_setzero_ps();
-                tFar[h] = hits.dist[h];
-            }
+            loadNearestHitTile(planes.dir, planes.dist, rowStart, width, tileOrigin, rays, hits,
+                               tNear, tFar);
             const int entering = clip(scene.box, rays, tNear, tFar);
             if (entering == 0) continue;
             NearestHitTileRule<TileAcceptance> rule{scene.triangles, rays, hits, {}};
