@@ -29,7 +29,11 @@ struct FilterJob {
 // What a row kernel reads for one destination row. Tap t meets the t-th source voxel in reading
 // order (x fastest, then rows, then planes, each ascending), so the taps are the kernel reversed.
 struct FilterRowSource {
-    const int32_t* taps;           // each tap in four equal 32-bit lanes, 16-byte aligned
+    // Each tap in four equal 32-bit lanes, 16-byte aligned; or, when pairedTaps, taps 2p and
+    // 2p + 1 as the low and high 16 bits of every 32-bit lane of pair p (an odd last tap paired
+    // with 0).
+    const int32_t* taps;
+    bool pairedTaps;
     VolumeSize kernelExtent;       // kw, kh, kd
     const int16_t* const* planes;  // the kd planes the row reads, lowest first
     std::ptrdiff_t firstOffset;    // voxels from each plane pointer to the first voxel x = 0 reads
@@ -37,18 +41,25 @@ struct FilterRowSource {
     int32_t divisor;
 };
 
+// Whether every partial sum of a kernel fits in a signed 32-bit integer with its taps in 16 bits:
+// each tap in -32768 .. 32767 and the sum of their magnitudes at most 65535, so that no sum of
+// products with 16-bit voxels reaches 2^31; and at most 512 elements.
+bool fitsPairedTaps(const int32_t* kernel, VolumeSize kernelExtent);
+
 // round(sum / divisor), half away from zero, saturated to -32768 .. 32767. The sum is any
 // 64-bit value; the divisor is nonzero.
 int16_t roundDivideSaturate(int64_t sum, int32_t divisor);
 
-// Destination voxels 0 .. width - 1 of one row. The two agree bit for bit: both sum exactly.
+// Destination voxels 0 .. width - 1 of one row. The two agree bit for bit: both sum exactly,
+// Scalar in 64-bit integers, Avx in 64-bit lanes or, for paired taps, in 32-bit lanes.
 using FilterRowKernel = void (*)(const FilterRowSource& src, int16_t* dst, int32_t width);
 void filterRowScalar(const FilterRowSource& src, int16_t* dst, int32_t width);
 void filterRowAvx(const FilterRowSource& src, int16_t* dst, int32_t width);
 
 // Writes the taps of the row kernels at the first 64-byte boundary of share (16 bytes per
-// kernel element) and returns them.
-const int32_t* layOutFilterTaps(const int32_t* kernel, VolumeSize kernelExtent, uint8_t* share);
+// kernel element, or per pair of elements when paired) and returns them.
+const int32_t* layOutFilterTaps(const int32_t* kernel, VolumeSize kernelExtent, bool paired,
+                                uint8_t* share);
 
 // Destination slices sliceBegin .. sliceEnd - 1 with one thread's share of the work buffer.
 void filterSlices(const FilterJob& job, uint8_t* share, int32_t sliceBegin, int32_t sliceEnd,
