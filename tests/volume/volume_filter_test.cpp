@@ -182,6 +182,9 @@ const FilterCase kCases[] = {
     {"SingleTapNegated", {21, 2, 2}, {1, 1, 1}, {0, 0, 0}, -1, 1, 32768},
     {"WideSums", {11, 3, 2}, {4, 2, 3}, {2, 1, 1}, kInt32Min, kInt32Max, 32768},
     {"Saturating", {10, 3, 3}, {3, 3, 2}, {1, 2, 0}, 3, 30000, 32768},
+    // Small kernels sum in 32-bit lanes: ties of an even divisor, and sums near 2^31.
+    {"EvenDivisorTies", {19, 3, 2}, {3, 3, 3}, {1, 1, 1}, -4, 3, 100},
+    {"PairedSumsNear2To31", {24, 2, 2}, {1, 2, 1}, {0, 1, 0}, 6, 32767, 32768},
 };
 
 TEST(VolumeFilter, MatchesTheFormulaOnBothRowKernelsReadingOnlyItsVoxels)
@@ -238,6 +241,24 @@ TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
                   StatusOk);
         EXPECT_EQ(out, r.expected);
         EXPECT_EQ(out, roundedQuotient(__int128(r.voxel) * r.tap, r.divisor));
+    }
+    // Every 16-bit value in one row through the eight-voxel divide: exact multiples and ties.
+    std::vector<int16_t> all(65536), out(65536);
+    for (int v = 0; v < 65536; ++v)
+        all[size_t(v)] = int16_t(v - 32768);
+    const int16_t* srcPlane = all.data();
+    int16_t* dstPlane = out.data();
+    int bytes = 0;
+    ASSERT_EQ(vekrFilterGetBufSize({65536, 1, 1}, {1, 1, 1}, 1, &bytes), StatusOk);
+    std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
+    const int32_t tap = 1;
+    for (int divisor : {1, 2, 3, 7, 10, 27, 255, 1000, -2, -3}) {
+        ASSERT_EQ(vekrFilter_16s_C1PV(&srcPlane, 131072, &dstPlane, 131072, {65536, 1, 1}, &tap,
+                                      {1, 1, 1}, 0, 0, 0, divisor, buffer.data()),
+                  StatusOk);
+        for (int v = 0; v < 65536; ++v)
+            if (out[size_t(v)] != roundedQuotient(all[size_t(v)], divisor))
+                FAIL() << all[size_t(v)] << " / " << divisor << " gave " << out[size_t(v)];
     }
 }
 
