@@ -2,10 +2,10 @@
 #include "vekcore.h"
 
 #include <cpuid.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <initializer_list>
+#include <cstring>
 
 namespace {
 
@@ -58,6 +58,65 @@ unsigned long long detectCpuFeatures()
     return bits;
 }
 
+// Bytes of the cache one deterministic-cache-parameters subleaf describes (CPUID leaf 4 on
+// Intel, 0x8000001D on AMD; both share the layout): ways * partitions * line size * sets, each
+// field stored minus one. Instruction caches (type 2) count as 0.
+unsigned long long dataCacheBytes(const CpuidRegs& r)
+{
+    const unsigned type = r.eax & 0x1F;
+    if (type != 1 && type != 3) return 0;
+    const unsigned long long ways = (r.ebx >> 22) + 1;
+    const unsigned long long partitions = ((r.ebx >> 12) & 0x3FF) + 1;
+    const unsigned long long lineBytes = (r.ebx & 0xFFF) + 1;
+    const unsigned long long sets = r.ecx + 1ull;
+    return ways * partitions * lineBytes * sets;
+}
+
+// The subleaves list the caches until one of type 0. A processor has a handful; the bound only
+// stops a hypervisor that never reports the end. An absent leaf reads as zeros, so as no cache.
+unsigned long long largestDeterministicCache(unsigned leaf)
+{
+    constexpr unsigned kMaxCacheSubleaves = 16;
+    unsigned long long largest = 0;
+    for (unsigned subleaf = 0; subleaf < kMaxCacheSubleaves; ++subleaf) {
+        const CpuidRegs r = readCpuid(leaf, subleaf);
+        if ((r.eax & 0x1F) == 0) break;
+        largest = std::max(largest, dataCacheBytes(r));
+    }
+    return largest;
+}
+
+bool isAmdCompatible()
+{
+    const CpuidRegs l0 = readCpuid(0, 0);
+    char vendor[12];
+    std::memcpy(vendor, &l0.ebx, 4);
+    std::memcpy(vendor + 4, &l0.edx, 4);
+    std::memcpy(vendor + 8, &l0.ecx, 4);
+    return std::memcmp(vendor, "AuthenticAMD", 12) == 0 ||
+           std::memcmp(vendor, "HygonGenuine", 12) == 0;
+}
+
+// Read from the processor itself, so that the figure does not depend on the C library (some
+// report no cache sizes at all). AMD lists its caches in leaf 0x8000001D when it has the
+// topology extensions (CPUID 0x80000001:ECX bit 22); its leaf 4 is reserved.
+unsigned long long detectLargestCacheBytes()
+{
+    unsigned long long largest = 0;
+    if (!isAmdCompatible())
+        largest = largestDeterministicCache(4);
+    else if (readCpuid(0x80000001, 0).ecx & (1u << 22))
+        largest = largestDeterministicCache(0x8000001D);
+    if (largest == 0) {
+        // Without those leaves (older processors, or a hypervisor hiding them), leaf 0x80000006
+        // gives the second level in KiB (ECX bits 31:16) and, on AMD, the third in 512 KiB
+        // units (EDX bits 31:18); both read as 0 where they are reserved.
+        const CpuidRegs l = readCpuid(0x80000006, 0);
+        largest = std::max((l.ecx >> 16) * 1024ull, (l.edx >> 18) * 512ull * 1024ull);
+    }
+    return largest;
+}
+
 }  // namespace
 
 extern "C" {
@@ -72,15 +131,7 @@ unsigned long long vekGetEnabledCpuFeatures(void)
 // callers ask on every call of a kernel.
 int vekGetMaxCacheSizeB(void)
 {
-    static const int largestBytes = [] {
-        long largest = 0;
-        for (int name : {_SC_LEVEL1_DCACHE_SIZE, _SC_LEVEL2_CACHE_SIZE, _SC_LEVEL3_CACHE_SIZE,
-                         _SC_LEVEL4_CACHE_SIZE}) {
-            const long bytes = sysconf(name);
-            if (bytes > largest) largest = bytes;
-        }
-        return largest > 0x7FFFFFFF ? 0x7FFFFFFF : int(largest);
-    }();
+    static const int largestBytes = int(std::min(detectLargestCacheBytes(), 0x7FFFFFFFull));
     return largestBytes;
 }
 
