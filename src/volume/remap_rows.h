@@ -11,8 +11,7 @@ template <class T>
 using RemapRowKernel = void (*)(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                                 const float* mx, const float* my, const float* mz, T* out, int n);
 
-// The kernel of a voxel type and kind: the Avx twin for nearest and linear,
-// the per-voxel samplers in a loop for the cubic kinds.
+// The kernel of a voxel type and kind: the Avx twin.
 template <class T>
 RemapRowKernel<T> remapRowKernel(const InterpolationKernel& kernel);
 
@@ -31,6 +30,13 @@ void remapLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel&
 template <class T>
 void remapLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                        const float* mx, const float* my, const float* mz, T* out, int n);
+
+template <class T>
+void remapCubicRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                         const float* mx, const float* my, const float* mz, T* out, int n);
+template <class T>
+void remapCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                      const float* mx, const float* my, const float* mz, T* out, int n);
 
 // The 32f linear pair under its own names.
 void remapLinearRow32fScalar(const SourceWindow<float>& src, const InterpolationKernel& kernel,

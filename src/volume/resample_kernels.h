@@ -1,6 +1,8 @@
 // The interpolation kernels of the volume functions, one entry per public interpolation code.
 #pragma once
 
+#include <immintrin.h>
+
 namespace vekr::volume {
 
 // One interpolation kind: how many source voxels along an axis feed a sample, and the weight
@@ -10,6 +12,9 @@ struct InterpolationKernel {
     int code;  // the public Interpolation* value
     int taps;  // 1, 2 or 4
     double (*weight)(double t);
+    // The cubics' weights of computeCubicWeights for eight lanes of fractions on each of three
+    // axes, bit for bit.
+    void (*cubicWeightLanes)(const __m256 fraction[3], __m256 weights[3][4]);
 };
 
 // The kernel of a public code; null for an unknown code (3 included).

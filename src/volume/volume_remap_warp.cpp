@@ -29,18 +29,18 @@ void warpRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel
 }
 
 // Stretches of the row: positions stepped sequentially into the buffer, the full groups of 8
-// through sampleLanes, the rest of each stretch through the per-voxel sampler.
-template <class T, bool kLinear,
+// through the lanes, the rest of each stretch through the per-voxel sampler.
+template <class T, LaneKind kKind,
           void (*kSample)(const SourceWindow<T>&, const InterpolationKernel&, double, double,
                           double, T*)>
 void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                   const double start[3], const double step[3], T* out, int n)
 {
-    if (!lanesFit(src)) {
+    if (kKind == LaneKind::Cubic ? !cubicLanesFit(src) : !lanesFit(src)) {
         warpRowScalar<T, kSample>(src, kernel, start, step, out, n);
         return;
     }
-    const DoubleLaneBounds bounds = doubleLaneBounds(src.lo, src.hi);
+    const DoubleLaneBounds bounds = doubleLaneBounds(src.lo, src.hi, src.rowStep);
     const std::ptrdiff_t yStep = src.hi[1] > src.lo[1] ? src.rowStep : 0;
     const int zStep = src.hi[2] > src.lo[2] ? 1 : 0;
     alignas(32) double pos[3][kWarpStretch];
@@ -59,12 +59,15 @@ void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
         T* stretch = out + done;
         int i = 0;
         for (; i + 8 <= m; i += 8) {
-            resolveLanes<kLinear>(bounds, pos[0] + i, pos[1] + i, pos[2] + i, pt);
+            resolveLanes<kKind>(bounds, pos[0] + i, pos[1] + i, pos[2] + i, pt);
             if (pt.laneMask == 0) continue;
-            if constexpr (kLinear)
+            if constexpr (kKind == LaneKind::Linear) {
                 storeLanes(blendLinearLanes(src, yStep, zStep, pt), pt, stretch + i);
-            else
+            } else if constexpr (kKind == LaneKind::Cubic) {
+                storeLanes(blendCubicLanes(src, kernel, pt), pt, stretch + i);
+            } else {
                 copyNearestLanes(src, pt, stretch + i);
+            }
         }
         for (; i < m; ++i)
             kSample(src, kernel, pos[0][i], pos[1][i], pos[2][i], stretch + i);
@@ -84,7 +87,7 @@ template <class T>
 void warpNearestRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                        const double start[3], const double step[3], T* out, int n)
 {
-    warpRowLanes<T, false, sampleNearest<T, double>>(src, kernel, start, step, out, n);
+    warpRowLanes<T, LaneKind::Nearest, sampleNearest<T, double>>(src, kernel, start, step, out, n);
 }
 
 template <class T>
@@ -98,7 +101,21 @@ template <class T>
 void warpLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                       const double start[3], const double step[3], T* out, int n)
 {
-    warpRowLanes<T, true, sampleLinear<T, double>>(src, kernel, start, step, out, n);
+    warpRowLanes<T, LaneKind::Linear, sampleLinear<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+void warpCubicRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                        const double start[3], const double step[3], T* out, int n)
+{
+    warpRowScalar<T, sampleCubic<T, double>>(src, kernel, start, step, out, n);
+}
+
+template <class T>
+void warpCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                     const double start[3], const double step[3], T* out, int n)
+{
+    warpRowLanes<T, LaneKind::Cubic, sampleCubic<T, double>>(src, kernel, start, step, out, n);
 }
 
 template <class T>
@@ -106,7 +123,7 @@ WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
 {
     if (kernel.taps == 1) return warpNearestRowAvx<T>;
     if (kernel.taps == 2) return warpLinearRowAvx<T>;
-    return warpRowScalar<T, sampleCubic<T, double>>;
+    return warpCubicRowAvx<T>;
 }
 
 #define VEKR_WARP_ROWS(T)                                                                      \
@@ -118,7 +135,11 @@ WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
     template void warpLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
                                          const double[3], const double[3], T*, int);           \
     template void warpLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \
-                                      const double[3], const double[3], T*, int);
+                                      const double[3], const double[3], T*, int);              \
+    template void warpCubicRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,    \
+                                        const double[3], const double[3], T*, int);            \
+    template void warpCubicRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,       \
+                                     const double[3], const double[3], T*, int);
 VEKR_WARP_ROWS(uint8_t)
 VEKR_WARP_ROWS(uint16_t)
 VEKR_WARP_ROWS(float)

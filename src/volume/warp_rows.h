@@ -13,8 +13,7 @@ template <class T>
 using WarpRowKernel = void (*)(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                                const double start[3], const double step[3], T* out, int n);
 
-// The kernel of a voxel type and kind: the Avx twin for nearest and linear, the per-voxel
-// samplers in a loop for the cubic kinds.
+// The kernel of a voxel type and kind: the Avx twin.
 template <class T>
 WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel);
 
@@ -34,5 +33,11 @@ void warpLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel& 
 template <class T>
 void warpLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                       const double start[3], const double step[3], T* out, int n);
+template <class T>
+void warpCubicRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                        const double start[3], const double step[3], T* out, int n);
+template <class T>
+void warpCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
+                     const double start[3], const double step[3], T* out, int n);
 
 }  // namespace vekr::volume
