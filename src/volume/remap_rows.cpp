@@ -81,11 +81,12 @@ void remapCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& ker
     int i = 0;
     if (cubicLanesFit(src)) {
         const FloatLaneBounds bounds = floatLaneBounds(src.lo, src.hi, src.rowStep);
+        CubicWeightLanes weights(kernel);
         LanePoints pt;
         for (; i + 8 <= n; i += 8) {
             resolveLanes<LaneKind::Cubic>(bounds, mx + i, my + i, mz + i, pt);
             if (pt.laneMask == 0) continue;
-            storeLanes(blendCubicLanes(src, kernel, pt), pt, out + i);
+            storeLanes(blendCubicLanes(src, weights, pt), pt, out + i);
         }
     }
     remapCubicRowScalar(src, kernel, mx + i, my + i, mz + i, out + i, n - i);

@@ -122,18 +122,15 @@ inline void cubicWeightQuad(__m256d f, __m256d weights[4])
     weights[3] = _mm256_andnot_pd(atZero, w3);
 }
 
-// Eight lanes on three axes: each axis in two quads of double, each weight rounded to float.
+// Eight lanes of one axis: two quads of double, each weight rounded to float.
 template <class Cubic>
-void cubicWeightLanes(const __m256 fraction[3], __m256 weights[3][4])
+void cubicWeightLanes(__m256 fraction, __m256 weights[4])
 {
-    for (int a = 0; a < 3; ++a) {
-        __m256d half[2][4];
-        cubicWeightQuad<Cubic>(_mm256_cvtps_pd(_mm256_castps256_ps128(fraction[a])), half[0]);
-        cubicWeightQuad<Cubic>(_mm256_cvtps_pd(_mm256_extractf128_ps(fraction[a], 1)), half[1]);
-        for (int k = 0; k < 4; ++k)
-            weights[a][k] =
-                _mm256_set_m128(_mm256_cvtpd_ps(half[1][k]), _mm256_cvtpd_ps(half[0][k]));
-    }
+    __m256d half[2][4];
+    cubicWeightQuad<Cubic>(_mm256_cvtps_pd(_mm256_castps256_ps128(fraction)), half[0]);
+    cubicWeightQuad<Cubic>(_mm256_cvtps_pd(_mm256_extractf128_ps(fraction, 1)), half[1]);
+    for (int k = 0; k < 4; ++k)
+        weights[k] = _mm256_set_m128(_mm256_cvtpd_ps(half[1][k]), _mm256_cvtpd_ps(half[0][k]));
 }
 
 constexpr InterpolationKernel kKernels[] = {

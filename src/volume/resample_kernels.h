@@ -12,9 +12,8 @@ struct InterpolationKernel {
     int code;  // the public Interpolation* value
     int taps;  // 1, 2 or 4
     double (*weight)(double t);
-    // The cubics' weights of computeCubicWeights for eight lanes of fractions on each of three
-    // axes, bit for bit.
-    void (*cubicWeightLanes)(const __m256 fraction[3], __m256 weights[3][4]);
+    // The cubics' four weights of computeCubicWeights for eight lanes of fractions, bit for bit.
+    void (*cubicWeightLanes)(__m256 fraction, __m256 weights[4]);
 };
 
 // The kernel of a public code; null for an unknown code (3 included).

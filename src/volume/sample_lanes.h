@@ -410,16 +410,40 @@ inline __m128i clampedTap(__m128i base, int k, __m128i lo, __m128i hi)
     return _mm_min_epi32(_mm_max_epi32(_mm_add_epi32(base, _mm_set1_epi32(k - 1)), lo), hi);
 }
 
+// The cubic weights of the last group on each axis, kept for the next group with the same
+// fractions (along a row of a warp about an axis, or of a remap on a grid, one axis or two keep
+// theirs).
+struct CubicWeightLanes {
+    const InterpolationKernel& kernel;
+    __m256 fraction[3];
+    __m256 weight[3][4];
+
+    explicit CubicWeightLanes(const InterpolationKernel& k) : kernel(k)
+    {
+        for (int a = 0; a < 3; ++a)
+            fraction[a] = _mm256_set1_ps(std::numeric_limits<float>::quiet_NaN());
+    }
+    void update(const __m256 f[3])
+    {
+        for (int a = 0; a < 3; ++a) {
+            const __m256 same = _mm256_cmp_ps(f[a], fraction[a], _CMP_EQ_OQ);
+            if (_mm256_movemask_ps(same) == 0xff) continue;
+            fraction[a] = f[a];
+            kernel.cubicWeightLanes(f[a], weight[a]);
+        }
+    }
+};
+
 // Tricubic blend of eight lanes, as sampleCubic: along x, then y, then z, with the taps
 // clamped to the bounds. Unless kEdge, every inside lane's x taps lie inside the window and are
 // read as one run (outside lanes, whose base is lo, read the first four voxels); with kEdge each
 // is read on its own.
 template <bool kEdge, class T>
-inline __m256 blendCubicLanes(const SourceWindow<T>& s, const InterpolationKernel& kernel,
+inline __m256 blendCubicLanes(const SourceWindow<T>& s, CubicWeightLanes& weights,
                               const LanePoints& pt)
 {
-    __m256 w[3][4];
-    kernel.cubicWeightLanes(pt.fraction, w);
+    weights.update(pt.fraction);
+    const __m256(&w)[3][4] = weights.weight;
     alignas(16) int32_t rowOffset[4][8], plane[4][8], xTap[4][8];
     const __m128i rowStep = _mm_set1_epi32(int32_t(s.rowStep));
     __m128i lo[3], hi[3];
@@ -466,11 +490,11 @@ inline __m256 blendCubicLanes(const SourceWindow<T>& s, const InterpolationKerne
 
 // A group of eight cubic lanes: the runs of x taps where every lane allows them.
 template <class T>
-inline __m256 blendCubicLanes(const SourceWindow<T>& s, const InterpolationKernel& kernel,
+inline __m256 blendCubicLanes(const SourceWindow<T>& s, CubicWeightLanes& weights,
                               const LanePoints& pt)
 {
-    return xTapsAtEdge(pt, s.lo[0], s.hi[0]) ? blendCubicLanes<true>(s, kernel, pt)
-                                             : blendCubicLanes<false>(s, kernel, pt);
+    return xTapsAtEdge(pt, s.lo[0], s.hi[0]) ? blendCubicLanes<true>(s, weights, pt)
+                                             : blendCubicLanes<false>(s, weights, pt);
 }
 
 // Nearest: the voxel of each inside lane copied as it is.

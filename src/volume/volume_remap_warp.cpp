@@ -44,6 +44,7 @@ void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
     const std::ptrdiff_t yStep = src.hi[1] > src.lo[1] ? src.rowStep : 0;
     const int zStep = src.hi[2] > src.lo[2] ? 1 : 0;
     alignas(32) double pos[3][kWarpStretch];
+    CubicWeightLanes weights(kernel);
     double x = start[0], y = start[1], z = start[2];
     LanePoints pt;
     for (int done = 0; done < n; done += kWarpStretch) {
@@ -64,7 +65,7 @@ void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
             if constexpr (kKind == LaneKind::Linear) {
                 storeLanes(blendLinearLanes(src, yStep, zStep, pt), pt, stretch + i);
             } else if constexpr (kKind == LaneKind::Cubic) {
-                storeLanes(blendCubicLanes(src, kernel, pt), pt, stretch + i);
+                storeLanes(blendCubicLanes(src, weights, pt), pt, stretch + i);
             } else {
                 copyNearestLanes(src, pt, stretch + i);
             }
