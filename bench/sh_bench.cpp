@@ -50,9 +50,12 @@ void setDirectionThroughput(benchmark::State& state, int64_t directions, int64_t
     state.SetBytesProcessed(int64_t(state.iterations()) * directions * floatsEach * 4);
 }
 
-// Arguments: order, directions. kScalarTwin times the scalar twin of the method instead of
-// the exported function, to show what the vector paths gain.
-template <int kMethod, bool kScalarTwin>
+// What BM_SH times: the exported function, the scalar twin of the method (to show what the
+// vector paths gain), or the vector twin with streaming stores whatever the size.
+enum class ShPath { Export, ScalarTwin, StreamedTwin };
+
+// Arguments: order, directions.
+template <int kMethod, ShPath kPath>
 void BM_SH(benchmark::State& state)
 {
     const unsigned order = unsigned(state.range(0));
@@ -62,14 +65,19 @@ void BM_SH(benchmark::State& state)
     const int64_t perDirection = int64_t(order + 1) * (order + 1);
     std::vector<float> dst(size_t(n * perDirection), 0.0f);
     const vekr::sh::Directions view{dirs.x.data(), dirs.y.data(), dirs.z.data(), n};
+    const vekr::sh::RecurrenceTables tables = vekr::sh::recurrenceTables(*sh.state);
     for (auto _ : state) {
-        if (!kScalarTwin)
+        if (kPath == ShPath::Export)
             vekrSH_32f(view.x, view.y, view.z, n, dst.data(), order, sh.state);
-        else if (kMethod == SHMethodDirect)
+        else if (kPath == ShPath::ScalarTwin && kMethod == SHMethodDirect)
             vekr::sh::evalBasisDirectScalar(view, order, dst.data());
+        else if (kPath == ShPath::ScalarTwin)
+            vekr::sh::evalBasisRecurrenceScalar(view, order, tables, dst.data());
+        else if (kMethod == SHMethodDirect)
+            vekr::sh::evalBasisDirectAvx(view, order, dst.data(), vekr::sh::Stores::Streaming);
         else
-            vekr::sh::evalBasisRecurrenceScalar(view, order, vekr::sh::recurrenceTables(*sh.state),
-                                                dst.data());
+            vekr::sh::evalBasisRecurrenceAvx(view, order, tables, dst.data(),
+                                             vekr::sh::Stores::Streaming);
         benchmark::ClobberMemory();
     }
     setDirectionThroughput(state, n, perDirection);
@@ -94,16 +102,23 @@ void shArgs(benchmark::internal::Benchmark* b)
             b->Args({order, n});
 }
 
-BENCHMARK(BM_SH<SHMethodDirect, false>)->Name("BM_SHDirect")->Apply(shArgs);
-BENCHMARK(BM_SH<SHMethodRecurrence, false>)->Name("BM_SHRecurrence")->Apply(shArgs);
-BENCHMARK(BM_SH<SHMethodDirect, true>)
+BENCHMARK(BM_SH<SHMethodDirect, ShPath::Export>)->Name("BM_SHDirect")->Apply(shArgs);
+BENCHMARK(BM_SH<SHMethodRecurrence, ShPath::Export>)->Name("BM_SHRecurrence")->Apply(shArgs);
+BENCHMARK(BM_SH<SHMethodDirect, ShPath::ScalarTwin>)
     ->Name("BM_SHDirectScalar")
     ->Args({2, 1000})
     ->Args({15, 1000});
-BENCHMARK(BM_SH<SHMethodRecurrence, true>)
+BENCHMARK(BM_SH<SHMethodRecurrence, ShPath::ScalarTwin>)
     ->Name("BM_SHRecurrenceScalar")
     ->Args({2, 1000})
     ->Args({15, 1000});
+// Streaming stores whatever the size, to show what they gain or cost against the size rule.
+BENCHMARK(BM_SH<SHMethodDirect, ShPath::StreamedTwin>)
+    ->Name("BM_SHDirectStreamed")
+    ->Args({15, 100000});
+BENCHMARK(BM_SH<SHMethodRecurrence, ShPath::StreamedTwin>)
+    ->Name("BM_SHRecurrenceStreamed")
+    ->Args({15, 100000});
 BENCHMARK(BM_StreamingWrite)->Arg(1000)->Arg(100000);
 
 // Arguments: band, directions.

@@ -5,21 +5,19 @@
 #include <cstdint>
 #include <cstring>
 
-#include "vekcore.h"
+#include "streaming_stores.h"
 
 namespace vekr::frame {
 
 namespace {
 
-constexpr size_t kStreamingMinBytes = 0x200000;
 constexpr size_t kLineBytes = 64;
 
 }  // namespace
 
 void clearBlock(void* p, size_t bytes)
 {
-    const int cacheBytes = vekGetMaxCacheSizeB();
-    if (bytes <= kStreamingMinBytes || (cacheBytes > 0 && bytes <= size_t(cacheBytes))) {
+    if (!streamsPastCaches(bytes)) {
         std::memset(p, 0, bytes);
         return;
     }

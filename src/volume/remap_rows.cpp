@@ -112,8 +112,8 @@ RemapRowKernel<T> remapRowKernel(const InterpolationKernel& kernel)
     return remapCubicRowAvx<T>;
 }
 
-#define VEKR_REMAP_ROWS(T)                                                                   \
-    template RemapRowKernel<T> remapRowKernel<T>(const InterpolationKernel&);                \
+#define VEKR_REMAP_ROWS(T)                                                                     \
+    template RemapRowKernel<T> remapRowKernel<T>(const InterpolationKernel&);                  \
     template void remapNearestRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&, \
                                            const float*, const float*, const float*, T*, int); \
     template void remapNearestRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,    \
@@ -121,7 +121,7 @@ RemapRowKernel<T> remapRowKernel(const InterpolationKernel& kernel)
     template void remapLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,  \
                                           const float*, const float*, const float*, T*, int);  \
     template void remapLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,     \
-                                       const float*, const float*, const float*, T*, int);    \
+                                       const float*, const float*, const float*, T*, int);     \
     template void remapCubicRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
                                          const float*, const float*, const float*, T*, int);   \
     template void remapCubicRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \

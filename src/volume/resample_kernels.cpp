@@ -27,13 +27,34 @@ double linearWeight(double t)
 struct DoubleLanes {
     __m256d v;
 };
-inline DoubleLanes operator+(DoubleLanes a, double b) { return {_mm256_add_pd(a.v, _mm256_set1_pd(b))}; }
-inline DoubleLanes operator-(DoubleLanes a, DoubleLanes b) { return {_mm256_sub_pd(a.v, b.v)}; }
-inline DoubleLanes operator+(DoubleLanes a, DoubleLanes b) { return {_mm256_add_pd(a.v, b.v)}; }
-inline DoubleLanes operator*(DoubleLanes a, DoubleLanes b) { return {_mm256_mul_pd(a.v, b.v)}; }
-inline DoubleLanes operator*(double a, DoubleLanes b) { return {_mm256_mul_pd(_mm256_set1_pd(a), b.v)}; }
-inline DoubleLanes operator/(DoubleLanes a, double b) { return {_mm256_div_pd(a.v, _mm256_set1_pd(b))}; }
-inline DoubleLanes operator-(DoubleLanes a) { return {_mm256_xor_pd(a.v, _mm256_set1_pd(-0.0))}; }
+inline DoubleLanes operator+(DoubleLanes a, double b)
+{
+    return {_mm256_add_pd(a.v, _mm256_set1_pd(b))};
+}
+inline DoubleLanes operator-(DoubleLanes a, DoubleLanes b)
+{
+    return {_mm256_sub_pd(a.v, b.v)};
+}
+inline DoubleLanes operator+(DoubleLanes a, DoubleLanes b)
+{
+    return {_mm256_add_pd(a.v, b.v)};
+}
+inline DoubleLanes operator*(DoubleLanes a, DoubleLanes b)
+{
+    return {_mm256_mul_pd(a.v, b.v)};
+}
+inline DoubleLanes operator*(double a, DoubleLanes b)
+{
+    return {_mm256_mul_pd(_mm256_set1_pd(a), b.v)};
+}
+inline DoubleLanes operator/(DoubleLanes a, double b)
+{
+    return {_mm256_div_pd(a.v, _mm256_set1_pd(b))};
+}
+inline DoubleLanes operator-(DoubleLanes a)
+{
+    return {_mm256_xor_pd(a.v, _mm256_set1_pd(-0.0))};
+}
 
 // The cubics: w(t) = near(t) for t < 1, far(t) for 1 <= t < 2, 0 beyond. The polynomials are
 // evaluated term by term as written, t^3 as t * t * t.
@@ -113,9 +134,10 @@ inline void cubicWeightQuad(__m256d f, __m256d weights[4])
     const __m256d atZero = _mm256_cmp_pd(f, zero, _CMP_EQ_OQ);
     const DoubleLanes t = {f};
     const __m256d w0 = Cubic::far(DoubleLanes{_mm256_add_pd(one, f)}).v;   // 2 at f = 1: 0
-    const __m256d w1 = Cubic::near(t).v;                                     // 1 at f = 1: far
-    const __m256d w2 = Cubic::near(DoubleLanes{_mm256_sub_pd(one, f)}).v;   // 1 at f = 0: far
-    const __m256d w3 = Cubic::far(DoubleLanes{_mm256_sub_pd(_mm256_set1_pd(2.0), f)}).v;  // 2 at f = 0: 0
+    const __m256d w1 = Cubic::near(t).v;                                   // 1 at f = 1: far
+    const __m256d w2 = Cubic::near(DoubleLanes{_mm256_sub_pd(one, f)}).v;  // 1 at f = 0: far
+    const __m256d w3 =
+        Cubic::far(DoubleLanes{_mm256_sub_pd(_mm256_set1_pd(2.0), f)}).v;  // 2 at f = 0: 0
     weights[0] = _mm256_andnot_pd(atOne, w0);
     weights[1] = _mm256_blendv_pd(w1, farAtOne, atOne);
     weights[2] = _mm256_blendv_pd(w2, farAtOne, atZero);

@@ -165,8 +165,8 @@ inline void resolveLanes(const DoubleLaneBounds& b, const double* px, const doub
     for (int h = 0; h < 2; ++h) {
         inside[h] = _mm256_castsi256_pd(_mm256_set1_epi32(-1));
         for (int a = 0; a < 3; ++a)
-            inside[h] = _mm256_and_pd(
-                inside[h], insideLanes(_mm256_loadu_pd(p[a] + 4 * h), b.lo[a], b.hi[a]));
+            inside[h] = _mm256_and_pd(inside[h],
+                                      insideLanes(_mm256_loadu_pd(p[a] + 4 * h), b.lo[a], b.hi[a]));
     }
     out.laneMask = _mm256_movemask_pd(inside[0]) | _mm256_movemask_pd(inside[1]) << 4;
     if (out.laneMask == 0) return;
@@ -313,7 +313,8 @@ inline void storeLanes(__m256 v, const LanePoints& pt, T* out)
         const __m256 kMax = _mm256_set1_ps(float(std::numeric_limits<T>::max()));
         const __m256i c =
             _mm256_cvtps_epi32(_mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), kMax));
-        __m128i packed = _mm_packus_epi32(_mm256_castsi256_si128(c), _mm256_extractf128_si256(c, 1));
+        __m128i packed =
+            _mm_packus_epi32(_mm256_castsi256_si128(c), _mm256_extractf128_si256(c, 1));
         if constexpr (sizeof(T) == 1) packed = _mm_packus_epi16(packed, packed);
         if (pt.laneMask == 0xff) {
             if constexpr (sizeof(T) == 1)

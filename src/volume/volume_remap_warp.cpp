@@ -127,25 +127,24 @@ WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
     return warpCubicRowAvx<T>;
 }
 
-#define VEKR_WARP_ROWS(T)                                                                      \
-    template WarpRowKernel<T> warpRowKernel<T>(const InterpolationKernel&);                    \
-    template void warpNearestRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,  \
-                                          const double[3], const double[3], T*, int);          \
-    template void warpNearestRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,     \
-                                       const double[3], const double[3], T*, int);             \
-    template void warpLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
-                                         const double[3], const double[3], T*, int);           \
-    template void warpLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \
-                                      const double[3], const double[3], T*, int);              \
-    template void warpCubicRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,    \
-                                        const double[3], const double[3], T*, int);            \
-    template void warpCubicRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,       \
+#define VEKR_WARP_ROWS(T)                                                                     \
+    template WarpRowKernel<T> warpRowKernel<T>(const InterpolationKernel&);                   \
+    template void warpNearestRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&, \
+                                          const double[3], const double[3], T*, int);         \
+    template void warpNearestRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,    \
+                                       const double[3], const double[3], T*, int);            \
+    template void warpLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,  \
+                                         const double[3], const double[3], T*, int);          \
+    template void warpLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,     \
+                                      const double[3], const double[3], T*, int);             \
+    template void warpCubicRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
+                                        const double[3], const double[3], T*, int);           \
+    template void warpCubicRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \
                                      const double[3], const double[3], T*, int);
 VEKR_WARP_ROWS(uint8_t)
 VEKR_WARP_ROWS(uint16_t)
 VEKR_WARP_ROWS(float)
 #undef VEKR_WARP_ROWS
-
 
 // --- Slices, threads, remap and warp --------------------------------------------------------
 

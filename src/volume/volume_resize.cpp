@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "frame/parallel_region.h"
+#include "frame/streaming_stores.h"
 #include "resize_tables.h"
 #include "vekcore.h"
 
@@ -13,9 +14,6 @@ namespace {
 
 // The team pays off only for boxes this large on every axis.
 constexpr int32_t kMinParallelExtent = 16;
-
-// Destinations larger than this and than the largest cache are written with streaming stores.
-constexpr std::size_t kStreamingMinBytes = 0x200000;
 
 int32_t regionExtent(const ResizeRegion& region, int a)
 {
@@ -159,16 +157,12 @@ void resampleSlices(const VolumeView<const T>& src, const VolumeView<T>& dst,
 }
 
 // With ordinary stores a destination that no cache holds evicts the intermediate planes it is
-// blended from; streaming stores keep them cached and skip reading the destination lines. A
-// destination that a cache could hold is left there for the caller: the same rule as for
-// clearing blocks, more than 2 MiB and more than the largest cache.
+// blended from; streaming stores keep them cached.
 bool preferStreamingStores(const ResizeRegion& region, std::size_t voxelBytes)
 {
-    const std::size_t bytes = std::size_t(regionExtent(region, 0)) *
-                              std::size_t(regionExtent(region, 1)) *
-                              std::size_t(regionExtent(region, 2)) * voxelBytes;
-    const int cacheBytes = vekGetMaxCacheSizeB();
-    return bytes > kStreamingMinBytes && (cacheBytes <= 0 || bytes > std::size_t(cacheBytes));
+    return frame::streamsPastCaches(std::size_t(regionExtent(region, 0)) *
+                                    std::size_t(regionExtent(region, 1)) *
+                                    std::size_t(regionExtent(region, 2)) * voxelBytes);
 }
 
 }  // namespace
@@ -216,26 +210,31 @@ void resizeVolumeInTeam(const VolumeView<const float>& src, VolumeSize srcVolume
         const int share = depth / teamSize;
         const int begin = member * share;
         const int end = member == teamSize - 1 ? depth : begin + share;
-        resizeSlices(src, srcVolume, dst, region, kernel,
-                     buffer + std::size_t(member) * shareBytes, begin, end, kernels);
+        resizeSlices(src, srcVolume, dst, region, kernel, buffer + std::size_t(member) * shareBytes,
+                     begin, end, kernels);
     });
 }
 
 template void resizeVolume<uint8_t>(const VolumeView<const uint8_t>&, VolumeSize,
-                                    const VolumeView<uint8_t>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*);
+                                    const VolumeView<uint8_t>&, const ResizeRegion&,
+                                    const InterpolationKernel&, uint8_t*);
 template void resizeVolume<uint16_t>(const VolumeView<const uint16_t>&, VolumeSize,
                                      const VolumeView<uint16_t>&, const ResizeRegion&,
                                      const InterpolationKernel&, uint8_t*);
 template void resizeVolume<float>(const VolumeView<const float>&, VolumeSize,
-                                  const VolumeView<float>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*);
+                                  const VolumeView<float>&, const ResizeRegion&,
+                                  const InterpolationKernel&, uint8_t*);
 template void resizeSlices<uint8_t>(const VolumeView<const uint8_t>&, VolumeSize,
-                                    const VolumeView<uint8_t>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*,
-                                    int, int, const ResizeRowKernels<uint8_t>&);
+                                    const VolumeView<uint8_t>&, const ResizeRegion&,
+                                    const InterpolationKernel&, uint8_t*, int, int,
+                                    const ResizeRowKernels<uint8_t>&);
 template void resizeSlices<uint16_t>(const VolumeView<const uint16_t>&, VolumeSize,
                                      const VolumeView<uint16_t>&, const ResizeRegion&,
-                                     const InterpolationKernel&, uint8_t*, int, int, const ResizeRowKernels<uint16_t>&);
+                                     const InterpolationKernel&, uint8_t*, int, int,
+                                     const ResizeRowKernels<uint16_t>&);
 template void resizeSlices<float>(const VolumeView<const float>&, VolumeSize,
-                                  const VolumeView<float>&, const ResizeRegion&, const InterpolationKernel&, uint8_t*, int,
-                                  int, const ResizeRowKernels<float>&);
+                                  const VolumeView<float>&, const ResizeRegion&,
+                                  const InterpolationKernel&, uint8_t*, int, int,
+                                  const ResizeRowKernels<float>&);
 
 }  // namespace vekr::volume

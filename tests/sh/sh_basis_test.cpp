@@ -292,7 +292,8 @@ TEST(ShKernels, DoubleBandPolynomialsMatchTheReferenceAndTheClosedForms)
     }
 }
 
-// Every length across the vector groups, inputs and outputs flush against guard pages.
+// Every length across the vector groups, inputs and outputs flush against guard pages, with
+// ordinary and streaming stores.
 TEST(ShKernels, VectorBasisAndBandMatchTheScalarTwinsBitForBit)
 {
     const Directions all = testDirections(20, 7);
@@ -316,15 +317,17 @@ TEST(ShKernels, VectorBasisAndBandMatchTheScalarTwinsBitForBit)
                     ASSERT_EQ(std::memcmp(actual.data(), expected.data(), actual.size() * 4), 0)
                         << what << ", order " << order << " length " << n;
                 };
-                sh::evalBasisDirectScalar(dirs, order, expected.data());
-                sh::evalBasisDirectAvx(dirs, order, out.data());
-                expectSame(out, "direct");
-                sh::evalBasisRecurrenceScalar(dirs, order, tables, expected.data());
-                sh::evalBasisRecurrenceAvx(dirs, order, tables, out.data());
-                expectSame(out, "recurrence");
-                sh::evalBandDirectScalar(dirs, order, expected.data());
-                sh::evalBandDirectAvx(dirs, order, outBand.data());
-                expectSame(outBand, "band");
+                for (sh::Stores stores : {sh::Stores::BySize, sh::Stores::Streaming}) {
+                    sh::evalBasisDirectScalar(dirs, order, expected.data());
+                    sh::evalBasisDirectAvx(dirs, order, out.data(), stores);
+                    expectSame(out, "direct");
+                    sh::evalBasisRecurrenceScalar(dirs, order, tables, expected.data());
+                    sh::evalBasisRecurrenceAvx(dirs, order, tables, out.data(), stores);
+                    expectSame(out, "recurrence");
+                    sh::evalBandDirectScalar(dirs, order, expected.data());
+                    sh::evalBandDirectAvx(dirs, order, outBand.data(), stores);
+                    expectSame(outBand, "band");
+                }
             }
     }
 }

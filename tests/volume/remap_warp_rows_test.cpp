@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "support/guard_buffer.h"
+#include "vekr.h"
 #include "volume/remap_rows.h"
 #include "volume/resample_kernels.h"
 #include "volume/warp_rows.h"
-#include "vekr.h"
 
 namespace {
 
@@ -58,11 +58,16 @@ struct Source {
 float randomCoordinate(std::mt19937& rng, int32_t lo, int32_t hi)
 {
     switch (std::uniform_int_distribution<int>(0, 9)(rng)) {
-    case 0: return float(lo);
-    case 1: return float(hi);
-    case 2: return std::nextafter(float(hi), 1e9f);
-    case 3: return std::numeric_limits<float>::quiet_NaN();
-    default: return std::uniform_real_distribution<float>(lo - 1.0f, hi + 1.0f)(rng);
+        case 0:
+            return float(lo);
+        case 1:
+            return float(hi);
+        case 2:
+            return std::nextafter(float(hi), 1e9f);
+        case 3:
+            return std::numeric_limits<float>::quiet_NaN();
+        default:
+            return std::uniform_real_distribution<float>(lo - 1.0f, hi + 1.0f)(rng);
     }
 }
 
@@ -93,9 +98,9 @@ void checkRemapTwins(volume::RemapRowKernel<T> scalarRow, volume::RemapRowKernel
                                                                 window.hi[0] - 2.0f);
                 for (int a = 0; a < 3; ++a)
                     for (int i = 0; i < count; ++i)
-                        map[a].data()[i] = a == 0 && n % 2 ? interiorX(rng)
-                                                           : randomCoordinate(rng, window.lo[a],
-                                                                              window.hi[a]);
+                        map[a].data()[i] = a == 0 && n % 2
+                                               ? interiorX(rng)
+                                               : randomCoordinate(rng, window.lo[a], window.hi[a]);
                 GuardedArray<T> scalar(count, end), avx(count, end);
                 for (int i = 0; i < count; ++i)
                     scalar.data()[i] = avx.data()[i] = T(7);
@@ -165,8 +170,17 @@ void checkAllTwins()
     checkWarpTwins<T>(warpLinearRowScalar<T>, warpLinearRowAvx<T>, linear(), "warp linear");
 }
 
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit8u) { checkAllTwins<uint8_t>(); }
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit16u) { checkAllTwins<uint16_t>(); }
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit32f) { checkAllTwins<float>(); }
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit8u)
+{
+    checkAllTwins<uint8_t>();
+}
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit16u)
+{
+    checkAllTwins<uint16_t>();
+}
+TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit32f)
+{
+    checkAllTwins<float>();
+}
 
 }  // namespace
