@@ -15,6 +15,9 @@
 
 namespace vekr::volume {
 
+// The two twins of a row kernel: per voxel, or eight voxels at a time in AVX lanes.
+enum class RowPath { Scalar, Avx };
+
 // The source as sampled: planes, a row step in voxels, and the inclusive bounds of the source
 // box (already clipped to the volume) on x, y, z.
 template <class T>

@@ -506,4 +506,41 @@ inline void copyNearestLanes(const SourceWindow<T>& s, const LanePoints& pt, T* 
         if (pt.laneMask >> l & 1) out[l] = s.planes[pt.plane[l]][pt.offset[l]];
 }
 
+// One row's sampling in groups of eight of a kind, shared by remap and warp: which windows the
+// lanes take, and what a resolved group writes (the linear taps' steps on y and z and the cubic
+// weights are kept from group to group).
+template <class T, LaneKind kKind>
+class LaneSampler {
+public:
+    LaneSampler(const SourceWindow<T>& src, const InterpolationKernel& kernel)
+        : src_(src),
+          yStep_(src.hi[1] > src.lo[1] ? src.rowStep : 0),
+          zStep_(src.hi[2] > src.lo[2] ? 1 : 0),
+          weights_(kernel)
+    {
+    }
+
+    static bool takes(const SourceWindow<T>& s)
+    {
+        return kKind == LaneKind::Cubic ? cubicLanesFit(s) : lanesFit(s);
+    }
+
+    void write(const LanePoints& pt, T* out)
+    {
+        if (pt.laneMask == 0) return;
+        if constexpr (kKind == LaneKind::Linear)
+            storeLanes(blendLinearLanes(src_, yStep_, zStep_, pt), pt, out);
+        else if constexpr (kKind == LaneKind::Cubic)
+            storeLanes(blendCubicLanes(src_, weights_, pt), pt, out);
+        else
+            copyNearestLanes(src_, pt, out);
+    }
+
+private:
+    const SourceWindow<T>& src_;
+    std::ptrdiff_t yStep_;
+    int zStep_;
+    CubicWeightLanes weights_;
+};
+
 }  // namespace vekr::volume

@@ -83,8 +83,8 @@ private:
         const __m256d sum = _mm256_cvtepi32_pd(sums);
         const __m256d sign = _mm256_xor_pd(_mm256_and_pd(sum, signBit), negate_);
         const __m256d n = _mm256_add_pd(_mm256_andnot_pd(signBit, sum), half_);
-        __m256d q = _mm256_round_pd(_mm256_mul_pd(n, reciprocal_),
-                                    _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+        __m256d q =
+            _mm256_round_pd(_mm256_mul_pd(n, reciprocal_), _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
         const __m256d r = _mm256_sub_pd(n, _mm256_mul_pd(q, d_));
         q = _mm256_sub_pd(q, _mm256_and_pd(_mm256_cmp_pd(r, _mm256_setzero_pd(), _CMP_LT_OQ), one));
         q = _mm256_add_pd(q, _mm256_and_pd(_mm256_cmp_pd(r, d_, _CMP_GE_OQ), one));
@@ -136,8 +136,7 @@ void filterRowPairedAvx(const FilterRowSource& src, int16_t* dst, int32_t width)
 
 bool fitsPairedTaps(const int32_t* kernel, VolumeSize kernelExtent)
 {
-    const int64_t count =
-        int64_t(kernelExtent.width) * kernelExtent.height * kernelExtent.depth;
+    const int64_t count = int64_t(kernelExtent.width) * kernelExtent.height * kernelExtent.depth;
     int64_t magnitudes = 0;
     for (int64_t t = 0; t < count; ++t) {
         const int64_t k = kernel[t];

@@ -36,15 +36,13 @@ template <class T, LaneKind kKind,
 void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                   const double start[3], const double step[3], T* out, int n)
 {
-    if (kKind == LaneKind::Cubic ? !cubicLanesFit(src) : !lanesFit(src)) {
+    if (!LaneSampler<T, kKind>::takes(src)) {
         warpRowScalar<T, kSample>(src, kernel, start, step, out, n);
         return;
     }
     const DoubleLaneBounds bounds = doubleLaneBounds(src.lo, src.hi, src.rowStep);
-    const std::ptrdiff_t yStep = src.hi[1] > src.lo[1] ? src.rowStep : 0;
-    const int zStep = src.hi[2] > src.lo[2] ? 1 : 0;
+    LaneSampler<T, kKind> sampler(src, kernel);
     alignas(32) double pos[3][kWarpStretch];
-    CubicWeightLanes weights(kernel);
     double x = start[0], y = start[1], z = start[2];
     LanePoints pt;
     for (int done = 0; done < n; done += kWarpStretch) {
@@ -61,14 +59,7 @@ void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
         int i = 0;
         for (; i + 8 <= m; i += 8) {
             resolveLanes<kKind>(bounds, pos[0] + i, pos[1] + i, pos[2] + i, pt);
-            if (pt.laneMask == 0) continue;
-            if constexpr (kKind == LaneKind::Linear) {
-                storeLanes(blendLinearLanes(src, yStep, zStep, pt), pt, stretch + i);
-            } else if constexpr (kKind == LaneKind::Cubic) {
-                storeLanes(blendCubicLanes(src, weights, pt), pt, stretch + i);
-            } else {
-                copyNearestLanes(src, pt, stretch + i);
-            }
+            sampler.write(pt, stretch + i);
         }
         for (; i < m; ++i)
             kSample(src, kernel, pos[0][i], pos[1][i], pos[2][i], stretch + i);
@@ -78,73 +69,22 @@ void warpRowLanes(const SourceWindow<T>& src, const InterpolationKernel& kernel,
 }  // namespace
 
 template <class T>
-void warpNearestRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                          const double start[3], const double step[3], T* out, int n)
+WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel, RowPath path)
 {
-    warpRowScalar<T, sampleNearest<T, double>>(src, kernel, start, step, out, n);
+    const bool avx = path == RowPath::Avx;
+    if (kernel.taps == 1)
+        return avx ? warpRowLanes<T, LaneKind::Nearest, sampleNearest<T, double>>
+                   : warpRowScalar<T, sampleNearest<T, double>>;
+    if (kernel.taps == 2)
+        return avx ? warpRowLanes<T, LaneKind::Linear, sampleLinear<T, double>>
+                   : warpRowScalar<T, sampleLinear<T, double>>;
+    return avx ? warpRowLanes<T, LaneKind::Cubic, sampleCubic<T, double>>
+               : warpRowScalar<T, sampleCubic<T, double>>;
 }
 
-template <class T>
-void warpNearestRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                       const double start[3], const double step[3], T* out, int n)
-{
-    warpRowLanes<T, LaneKind::Nearest, sampleNearest<T, double>>(src, kernel, start, step, out, n);
-}
-
-template <class T>
-void warpLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                         const double start[3], const double step[3], T* out, int n)
-{
-    warpRowScalar<T, sampleLinear<T, double>>(src, kernel, start, step, out, n);
-}
-
-template <class T>
-void warpLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                      const double start[3], const double step[3], T* out, int n)
-{
-    warpRowLanes<T, LaneKind::Linear, sampleLinear<T, double>>(src, kernel, start, step, out, n);
-}
-
-template <class T>
-void warpCubicRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                        const double start[3], const double step[3], T* out, int n)
-{
-    warpRowScalar<T, sampleCubic<T, double>>(src, kernel, start, step, out, n);
-}
-
-template <class T>
-void warpCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                     const double start[3], const double step[3], T* out, int n)
-{
-    warpRowLanes<T, LaneKind::Cubic, sampleCubic<T, double>>(src, kernel, start, step, out, n);
-}
-
-template <class T>
-WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel)
-{
-    if (kernel.taps == 1) return warpNearestRowAvx<T>;
-    if (kernel.taps == 2) return warpLinearRowAvx<T>;
-    return warpCubicRowAvx<T>;
-}
-
-#define VEKR_WARP_ROWS(T)                                                                     \
-    template WarpRowKernel<T> warpRowKernel<T>(const InterpolationKernel&);                   \
-    template void warpNearestRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&, \
-                                          const double[3], const double[3], T*, int);         \
-    template void warpNearestRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,    \
-                                       const double[3], const double[3], T*, int);            \
-    template void warpLinearRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,  \
-                                         const double[3], const double[3], T*, int);          \
-    template void warpLinearRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,     \
-                                      const double[3], const double[3], T*, int);             \
-    template void warpCubicRowScalar<T>(const SourceWindow<T>&, const InterpolationKernel&,   \
-                                        const double[3], const double[3], T*, int);           \
-    template void warpCubicRowAvx<T>(const SourceWindow<T>&, const InterpolationKernel&,      \
-                                     const double[3], const double[3], T*, int);
-VEKR_WARP_ROWS(uint8_t)
-VEKR_WARP_ROWS(uint16_t)
-VEKR_WARP_ROWS(float)
-#undef VEKR_WARP_ROWS
+template WarpRowKernel<uint8_t> warpRowKernel<uint8_t>(const InterpolationKernel&, RowPath);
+template WarpRowKernel<uint16_t> warpRowKernel<uint16_t>(const InterpolationKernel&, RowPath);
+template WarpRowKernel<float> warpRowKernel<float>(const InterpolationKernel&, RowPath);
 
 // --- Slices, threads, remap and warp --------------------------------------------------------
 

@@ -7,8 +7,8 @@
 #include <cstddef>
 
 #include "remap_rows.h"
-#include "warp_rows.h"
 #include "volume_resize.h"
+#include "warp_rows.h"
 
 namespace vekr::volume {
 

@@ -13,31 +13,12 @@ template <class T>
 using WarpRowKernel = void (*)(const SourceWindow<T>& src, const InterpolationKernel& kernel,
                                const double start[3], const double step[3], T* out, int n);
 
-// The kernel of a voxel type and kind: the Avx twin.
+// The kernel of a voxel type and kind. Scalar steps and samples voxel by voxel; Avx (the one the
+// warp uses) steps a stretch of the row into a buffer with the same sequential sums, then
+// samples it 8 voxels at a time (sample_lanes.h) with the tail voxel by voxel; a window the
+// lanes cannot take (one voxel wide, bounds past 2^24, offsets past 2^31) goes voxel by voxel.
+// The two give the same bits.
 template <class T>
-WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel);
-
-// Twins for 8u, 16u and 32f. Scalar steps and samples voxel by voxel. Avx steps a stretch of
-// the row into a buffer with the same sequential sums, then samples it 8 voxels at a time
-// (sample_lanes.h) with the tail voxel by voxel; a window the lanes cannot take (one voxel
-// wide, or bounds past 2^24) goes through Scalar.
-template <class T>
-void warpNearestRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                          const double start[3], const double step[3], T* out, int n);
-template <class T>
-void warpNearestRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                       const double start[3], const double step[3], T* out, int n);
-template <class T>
-void warpLinearRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                         const double start[3], const double step[3], T* out, int n);
-template <class T>
-void warpLinearRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                      const double start[3], const double step[3], T* out, int n);
-template <class T>
-void warpCubicRowScalar(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                        const double start[3], const double step[3], T* out, int n);
-template <class T>
-void warpCubicRowAvx(const SourceWindow<T>& src, const InterpolationKernel& kernel,
-                     const double start[3], const double step[3], T* out, int n);
+WarpRowKernel<T> warpRowKernel(const InterpolationKernel& kernel, RowPath path = RowPath::Avx);
 
 }  // namespace vekr::volume

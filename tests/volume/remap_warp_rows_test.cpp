@@ -23,6 +23,9 @@ using test::GuardedArray;
 
 constexpr int kLongRow = 1000;
 
+enum class Thin { None, Z, YZ };
+constexpr Thin kThin[] = {Thin::None, Thin::Z, Thin::YZ};
+
 // A 9 x 7 x 6 source in one guarded block, its last voxel against the guard page, with a
 // window whose x maximum is the last voxel of every row: a pair read past it faults.
 template <class T>
@@ -39,14 +42,15 @@ struct Source {
         for (int z = 0; z < kDepth; ++z)
             planes.push_back(voxels.data() + size_t(z) * kWidth * kHeight);
     }
-    // lo and hi inclusive; thin = one voxel thick on y and z.
-    volume::SourceWindow<T> window(bool thin) const
+    // lo and hi inclusive; one voxel thick on z when thin, also on y when Thin::YZ.
+    volume::SourceWindow<T> window(Thin thin) const
     {
         volume::SourceWindow<T> w;
         w.planes = planes.data();
         w.rowStep = kWidth;
-        const int32_t lo[3] = {1, thin ? 3 : 0, thin ? 5 : 2};
-        const int32_t hi[3] = {kWidth - 1, thin ? 3 : kHeight - 1, thin ? 5 : kDepth - 1};
+        const bool y = thin == Thin::YZ, z = thin != Thin::None;
+        const int32_t lo[3] = {1, y ? 3 : 0, z ? 5 : 2};
+        const int32_t hi[3] = {kWidth - 1, y ? 3 : kHeight - 1, z ? 5 : kDepth - 1};
         for (int a = 0; a < 3; ++a)
             w.lo[a] = lo[a], w.hi[a] = hi[a];
         return w;
@@ -80,12 +84,13 @@ void expectSameBytes(const T* scalar, const T* avx, int n, const char* what)
 }
 
 template <class T>
-void checkRemapTwins(volume::RemapRowKernel<T> scalarRow, volume::RemapRowKernel<T> avxRow,
-                     const volume::InterpolationKernel& kernel, const char* what)
+void checkRemapTwins(const volume::InterpolationKernel& kernel, const char* what)
 {
+    const auto scalarRow = volume::remapRowKernel<T>(kernel, volume::RowPath::Scalar);
+    const auto avxRow = volume::remapRowKernel<T>(kernel, volume::RowPath::Avx);
     std::mt19937 rng(7);
     const Source<T> src(rng);
-    for (bool thin : {false, true}) {
+    for (Thin thin : kThin) {
         const volume::SourceWindow<T> window = src.window(thin);
         for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
             for (int n = 0; n <= 41; ++n) {
@@ -116,13 +121,14 @@ void checkRemapTwins(volume::RemapRowKernel<T> scalarRow, volume::RemapRowKernel
 // Rows that start outside the window and cross it on a slant, so each row has voxels outside,
 // inside and on the way out; the long row takes a smaller step to stay near the box.
 template <class T>
-void checkWarpTwins(volume::WarpRowKernel<T> scalarRow, volume::WarpRowKernel<T> avxRow,
-                    const volume::InterpolationKernel& kernel, const char* what)
+void checkWarpTwins(const volume::InterpolationKernel& kernel, const char* what)
 {
+    const auto scalarRow = volume::warpRowKernel<T>(kernel, volume::RowPath::Scalar);
+    const auto avxRow = volume::warpRowKernel<T>(kernel, volume::RowPath::Avx);
     std::mt19937 rng(11);
     std::uniform_real_distribution<double> jitter(-0.5, 0.5);
     const Source<T> src(rng);
-    for (bool thin : {false, true}) {
+    for (Thin thin : kThin) {
         const volume::SourceWindow<T> window = src.window(thin);
         for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
             for (int n = 0; n <= 41; ++n) {
@@ -133,8 +139,8 @@ void checkWarpTwins(volume::WarpRowKernel<T> scalarRow, volume::WarpRowKernel<T>
                     start[a] = window.lo[a] - 1.0 + jitter(rng);
                     step[a] = scale * (window.hi[a] - window.lo[a] + 1.5 + jitter(rng)) / 3;
                 }
-                if (thin) step[1] = step[2] = 0.0;  // stay on the one plane and row
-                if (thin) start[1] = window.lo[1], start[2] = window.hi[2];
+                if (thin != Thin::None) step[2] = 0.0, start[2] = window.hi[2];  // one plane
+                if (thin == Thin::YZ) step[1] = 0.0, start[1] = window.lo[1];    // and one row
                 GuardedArray<T> scalar(count, end), avx(count, end);
                 for (int i = 0; i < count; ++i)
                     scalar.data()[i] = avx.data()[i] = T(7);
@@ -145,29 +151,17 @@ void checkWarpTwins(volume::WarpRowKernel<T> scalarRow, volume::WarpRowKernel<T>
     }
 }
 
-const volume::InterpolationKernel& nearest()
-{
-    return *volume::findInterpolationKernel(InterpolationNearest);
-}
-const volume::InterpolationKernel& linear()
-{
-    return *volume::findInterpolationKernel(InterpolationLinear);
-}
-
 template <class T>
 void checkAllTwins()
 {
-    using namespace volume;
-    for (int code : {InterpolationCubicLagrange, InterpolationCubicBSpline,
-                     InterpolationCubicCatmullRom, InterpolationCubicB05C03}) {
-        const InterpolationKernel& cubic = *findInterpolationKernel(code);
-        checkRemapTwins<T>(remapCubicRowScalar<T>, remapCubicRowAvx<T>, cubic, "remap cubic");
-        checkWarpTwins<T>(warpCubicRowScalar<T>, warpCubicRowAvx<T>, cubic, "warp cubic");
+    for (int code :
+         {InterpolationNearest, InterpolationLinear, InterpolationCubicLagrange,
+          InterpolationCubicBSpline, InterpolationCubicCatmullRom, InterpolationCubicB05C03}) {
+        const volume::InterpolationKernel& kernel = *volume::findInterpolationKernel(code);
+        SCOPED_TRACE(code);
+        checkRemapTwins<T>(kernel, "remap");
+        checkWarpTwins<T>(kernel, "warp");
     }
-    checkRemapTwins<T>(remapNearestRowScalar<T>, remapNearestRowAvx<T>, nearest(), "remap nearest");
-    checkRemapTwins<T>(remapLinearRowScalar<T>, remapLinearRowAvx<T>, linear(), "remap linear");
-    checkWarpTwins<T>(warpNearestRowScalar<T>, warpNearestRowAvx<T>, nearest(), "warp nearest");
-    checkWarpTwins<T>(warpLinearRowScalar<T>, warpLinearRowAvx<T>, linear(), "warp linear");
 }
 
 TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit8u)

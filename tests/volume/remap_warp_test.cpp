@@ -16,11 +16,9 @@
 #include "support/float_bits.h"
 #include "support/resample_reference.h"
 #include "vekr.h"
-#include "volume/remap_rows.h"
 #include "volume_exports.h"
 
 using namespace vekr::test;
-namespace volume = vekr::volume;
 
 namespace {
 
@@ -128,9 +126,8 @@ class VolumeRemap : public testing::TestWithParam<RemapCase> {};
 TEST_P(VolumeRemap, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
 {
     for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
-        forEachVoxelType([&]<class T>(T, unsigned seed) {
-            expectRemapNearReference<T>(GetParam(), seed, end);
-        });
+        forEachVoxelType(
+            [&]<class T>(T, unsigned seed) { expectRemapNearReference<T>(GetParam(), seed, end); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, VolumeRemap, testing::ValuesIn(kRemapCases),
@@ -299,9 +296,8 @@ class VolumeWarpAffine : public testing::TestWithParam<WarpCase> {};
 TEST_P(VolumeWarpAffine, MatchesDoublePrecisionReferenceAndLeavesEverythingElse)
 {
     for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
-        forEachVoxelType([&]<class T>(T, unsigned seed) {
-            expectWarpNearReference<T>(GetParam(), seed, end);
-        });
+        forEachVoxelType(
+            [&]<class T>(T, unsigned seed) { expectWarpNearReference<T>(GetParam(), seed, end); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, VolumeWarpAffine, testing::ValuesIn(kWarpCases),
@@ -408,36 +404,5 @@ INSTANTIATE_TEST_SUITE_P(RemapWarp, VolumeThreads,
                          testing::Values(ThreadedCall{"Remap", 18, remapOrWarpForTeams<false>},
                                          ThreadedCall{"WarpAffine", 18, remapOrWarpForTeams<true>}),
                          threadedCallName);
-
-// Rows of 0 .. 40 voxels (8-lane steps and every tail) with positions inside, outside, on the
-// bounds, a float step past them and NaN; maps and output flush against guard pages at either
-// end. Bits equal, lanes left alone included.
-TEST(RemapRowKernels, LinearAvxMatchesScalarBitForBit)
-{
-    std::mt19937 rng(3);
-    Planes<float> src({7, 6, 5});
-    src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
-    volume::SourceWindow<float> window;
-    window.planes = src.constPlanes();
-    window.rowStep = src.rowStep();
-    const int lo[3] = {1, 0, 2}, hi[3] = {5, 5, 2};  // one plane deep on z
-    for (int a = 0; a < 3; ++a)
-        window.lo[a] = lo[a], window.hi[a] = hi[a];
-    const auto& kernel = *volume::findInterpolationKernel(InterpolationLinear);
-    for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
-        for (int n = 0; n <= 40; ++n) {
-            const Maps maps = randomMaps({std::max(n, 1), 1, 1}, lo, hi, unsigned(n), end);
-            GuardedArray<float> scalar(size_t(n), end), avx(size_t(n), end);
-            for (int i = 0; i < n; ++i)
-                scalar.data()[i] = avx.data()[i] = -5.0f;
-            const float *mx = maps.x.constPlanes()[0], *my = maps.y.constPlanes()[0],
-                        *mz = maps.z.constPlanes()[0];
-            volume::remapLinearRow32fScalar(window, kernel, mx, my, mz, scalar.data(), n);
-            volume::remapLinearRow32fAvx(window, kernel, mx, my, mz, avx.data(), n);
-            for (int i = 0; i < n; ++i)
-                ASSERT_EQ(std::memcmp(scalar.data() + i, avx.data() + i, 4), 0)
-                    << "n " << n << ", voxel " << i;
-        }
-}
 
 }  // namespace
