@@ -3,14 +3,11 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 
-set(CMAKE_C_COMPILER gcc)
-set(CMAKE_CXX_COMPILER g++)
-set(CMAKE_C_FLAGS_INIT -m32)
-set(CMAKE_CXX_FLAGS_INIT -m32)
-set(CMAKE_ASM_FLAGS_INIT -m32)
-set(CMAKE_EXE_LINKER_FLAGS_INIT -m32)
-set(CMAKE_SHARED_LINKER_FLAGS_INIT -m32)
-set(CMAKE_MODULE_LINKER_FLAGS_INIT -m32)
+# -m32 is part of the compiler command, so it is in every compile and link line, also when a
+# configuration sets CMAKE_<LANG>_FLAGS or the linker flags of its own.
+set(CMAKE_C_COMPILER gcc -m32)
+set(CMAKE_CXX_COMPILER g++ -m32)
+set(CMAKE_ASM_COMPILER gcc -m32)
 
 # Libraries and package files are searched in the i386 multiarch directories
 # (/usr/lib/i386-linux-gnu, and its cmake/ and pkgconfig/), never in the 64-bit ones: a
