@@ -21,7 +21,11 @@ constexpr int kExtentPlanes = 6;
 constexpr int kKeyPlanes = 9;
 constexpr int kPlaneCount = kExtentPlanes + kKeyPlanes + 1;
 
-constexpr int64_t kPairWords = (2 * int64_t(sizeof(BuildNode)) + 3) / 4;
+// A pair of build nodes takes 8 words, its size with 8-byte pointers, on every target: the
+// build then charges its budget alike on 32-bit x86 and x86-64, and a scene that runs out of
+// budget on one runs out on the other.
+constexpr int64_t kPairWords = 8;
+static_assert(2 * sizeof(BuildNode) <= 4 * kPairWords);
 
 // A node whose subtree is still to be built: its list lies on the work stack from listStart
 // up to listEnd.

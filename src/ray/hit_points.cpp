@@ -10,13 +10,15 @@ namespace {
 
 constexpr int kGroup = 8;
 
-float clearedByMask(float value, int32_t maskWord)
+// Stores value with the bits of maskWord cleared. Clearing the quiet bit of a NaN makes it
+// signalling, so the result is stored, never returned: on 32-bit x86 a float returned from a
+// call passes through the x87 stack, which would quiet it again where the Avx path does not.
+void storeClearedByMask(float* dst, float value, int32_t maskWord)
 {
     uint32_t bits;
     std::memcpy(&bits, &value, sizeof bits);
     bits &= ~uint32_t(maskWord);
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
+    std::memcpy(dst, &bits, sizeof bits);
 }
 
 float originOf(const HitPointRays& rays, int k, int i)
@@ -49,7 +51,10 @@ void computeHitPointsScalar(const HitPointRays& rays, float* const hitPoint[3])
             const int i = group + j;
             for (int k = 0; k < 3; ++k) {
                 const float p = (rays.dir[k][i] * rays.dist[i]) * rays.eps + originOf(rays, k, i);
-                hitPoint[k][i] = allNegative ? p : clearedByMask(p, rays.mask[i]);
+                if (allNegative)
+                    hitPoint[k][i] = p;
+                else
+                    storeClearedByMask(hitPoint[k] + i, p, rays.mask[i]);
             }
         }
     }

@@ -15,6 +15,7 @@
 #include <bit>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 
 namespace vekr::shade {
@@ -28,9 +29,19 @@ constexpr int kLanes = 8;
 // every payload bit set), stored by its bits and never produced by arithmetic.
 constexpr uint32_t kZeroDivisorNaNBits = 0x7FBFFFFF;
 
-inline float clearedByMask(float value, int32_t maskWord)
+// Stores bits with those of maskWord cleared. The bits travel as an integer, never as a float
+// returned from a call: on 32-bit x86 such a float passes through the x87 stack, which quiets
+// a signalling NaN (kZeroDivisorNaNBits is one), where the Avx twins keep it.
+inline void storeBitsClearedByMask(float* dst, uint32_t bits, int32_t maskWord)
 {
-    return std::bit_cast<float>(std::bit_cast<uint32_t>(value) & ~uint32_t(maskWord));
+    bits &= ~uint32_t(maskWord);
+    std::memcpy(dst, &bits, sizeof bits);
+}
+inline void storeClearedByMask(float* dst, float value, int32_t maskWord)
+{
+    uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    storeBitsClearedByMask(dst, bits, maskWord);
 }
 
 inline bool isAligned(const void* p, uintptr_t bytes)
@@ -279,7 +290,10 @@ void scalePlanesMaskedScalar(const float* src, const int32_t* mask, float* const
         const Index end = group + kLanes < length ? group + kLanes : length;
         for (Index i = group; i < end; ++i)
             for (int k = 0; k < 3; ++k)
-                srcDst[k][i] = disabled ? 0.0f : clearedByMask(srcDst[k][i] * src[i], mask[i]);
+                if (disabled)
+                    srcDst[k][i] = 0.0f;
+                else
+                    storeClearedByMask(srcDst[k] + i, srcDst[k][i] * src[i], mask[i]);
     }
 }
 
@@ -331,14 +345,16 @@ Status divideMaskedScalar(const float* src, const int32_t* mask, float* srcDst, 
         const float e = 1.0f - s * r;
         const float t = d * r;
         float q = t + (t * e + t) * e;
-        if (plusZero) {
-            q = std::isnan(d) || d == 0.0f
-                    ? std::bit_cast<float>(kZeroDivisorNaNBits)
-                    : std::copysign(std::numeric_limits<float>::infinity(), d);
-            metPlusZero = true;
-        }
         // The mask comes last: a disabled +0.0 divisor still raises the warning.
-        srcDst[i] = clearedByMask(q, mask[i]);
+        if (plusZero) {
+            metPlusZero = true;
+            if (std::isnan(d) || d == 0.0f) {
+                storeBitsClearedByMask(srcDst + i, kZeroDivisorNaNBits, mask[i]);
+                continue;
+            }
+            q = std::copysign(std::numeric_limits<float>::infinity(), d);
+        }
+        storeClearedByMask(srcDst + i, q, mask[i]);
     }
     return metPlusZero ? StatusWarnNoOperation : StatusOk;
 }
@@ -440,7 +456,10 @@ void dotPlanesMaskedScalar(const float* const src0[3], const float* const src1[3
         for (Index i = group; i < end; ++i) {
             const float d =
                 (src0[0][i] * src1[0][i] + src0[1][i] * src1[1][i]) + src0[2][i] * src1[2][i];
-            dst[i] = disabled ? 0.0f : clearedByMask(d, mask[i]);
+            if (disabled)
+                dst[i] = 0.0f;
+            else
+                storeClearedByMask(dst + i, d, mask[i]);
         }
     }
 }

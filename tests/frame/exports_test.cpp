@@ -68,16 +68,36 @@ std::string mappingPermissions(const void* address)
     return "";
 }
 
-// The slot an x86 "jmp *slot" instruction at code reads its target from, or null.
+#if defined(__x86_64__)
+constexpr uint64_t kStubBytes = 6;  // jmp *slot(%rip)
+#else
+constexpr uint64_t kStubBytes = 17;  // call thunk; addl $GOT, %ecx; jmp *slot@GOTOFF(%ecx)
+#endif
+
+int32_t readInt32(const unsigned char* bytes)
+{
+    int32_t value;
+    std::memcpy(&value, bytes, 4);
+    return value;
+}
+
+// The slot the export stub at code jumps through, or null if the code is not such a stub.
 const void* const* indirectJumpSlot(const unsigned char* code)
 {
-    if (code[0] != 0xFF || code[1] != 0x25) return nullptr;
-    int32_t displacement;
-    std::memcpy(&displacement, code + 2, 4);
 #if defined(__x86_64__)
-    return reinterpret_cast<const void* const*>(code + 6 + displacement);  // RIP-relative
+    if (code[0] != 0xFF || code[1] != 0x25) return nullptr;
+    return reinterpret_cast<const void* const*>(code + 6 + readInt32(code + 2));  // RIP-relative
 #else
-    return reinterpret_cast<const void* const*>(uintptr_t(uint32_t(displacement)));
+    // The call must reach a thunk that loads its return address into ecx and returns
+    // (movl (%esp), %ecx; ret): ecx then holds code + 5, the GOT is an add away, the slot a
+    // GOT offset from there.
+    if (code[0] != 0xE8 || code[5] != 0x81 || code[6] != 0xC1 || code[11] != 0xFF ||
+        code[12] != 0xA1)
+        return nullptr;
+    const unsigned char* thunk = code + 5 + readInt32(code + 1);
+    if (std::memcmp(thunk, "\x8b\x0c\x24\xc3", 4) != 0) return nullptr;
+    const uintptr_t got = uintptr_t(code + 5) + uint32_t(readInt32(code + 7));
+    return reinterpret_cast<const void* const*>(got + uint32_t(readInt32(code + 13)));
 #endif
 }
 
@@ -90,7 +110,7 @@ TEST(Exports, DynamicSymbolsAreExactlyTheEntryTable)
     for (const auto& s : symbols) {
         exported.push_back(s.name);
         EXPECT_EQ(s.type, unsigned(STT_FUNC)) << s.name;
-        EXPECT_EQ(s.size, 6u) << s.name << " is more than one jump instruction";
+        EXPECT_EQ(s.size, kStubBytes) << s.name << " is more than the jump through its slot";
     }
     std::sort(exported.begin(), exported.end());
     std::vector<std::string> expected(std::begin(vekr::frame::kEntryNames),
@@ -108,7 +128,7 @@ TEST(Exports, EachSymbolJumpsThroughItsSlotOfOneReadOnlyTable)
         const auto* code = static_cast<const unsigned char*>(dlsym(library, name.c_str()));
         ASSERT_NE(code, nullptr) << name;
         const void* const* slot = indirectJumpSlot(code);
-        ASSERT_NE(slot, nullptr) << name << " does not start with an indirect jump";
+        ASSERT_NE(slot, nullptr) << name << " is not an indirect jump through a slot";
         if (i == 0) firstSlot = slot;
         EXPECT_EQ(slot, firstSlot + i) << name << " is not in slot " << i;
         EXPECT_EQ(mappingPermissions(slot).substr(0, 3), "r--") << name << " slot is writable";

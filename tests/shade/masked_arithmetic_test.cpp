@@ -94,7 +94,7 @@ Status distanceVia(const Planes& p, int n, int nul)
                     pick(3, nul, p.out), n);
 }
 
-inline float andNot(float value, int32_t mask)
+[[gnu::always_inline]] inline float andNot(float value, int32_t mask)  // as bitsToFloat
 {
     return bitsToFloat(floatBits(value) & ~uint32_t(mask));
 }
@@ -262,7 +262,8 @@ public:
             view_ = guarded_->data();
             return;
         }
-        line_.assign(size_t(length) + 24, std::bit_cast<T>(kSentinelBits));
+        line_.resize(size_t(length) + 24);
+        for (T& x : line_) std::memcpy(&x, &kSentinelBits, sizeof x);  // bits, not a float copy
         const uintptr_t address = reinterpret_cast<uintptr_t>(line_.data());
         view_ = line_.data() + (32 - address % 32) % 32 / 4 + offset;
     }

@@ -32,13 +32,15 @@ struct FilterCase {
     int sourceMax;      // source voxels in -sourceMax .. sourceMax, clamped to the 16-bit range
 };
 
-// round(sum / divisor) half away from zero, saturated, from the exact 128-bit sum.
-int16_t roundedQuotient(__int128 sum, int divisor)
+// round(sum / divisor) half away from zero, saturated. The sums here stay below 2^51 (at most
+// 30 taps, each |kernel| * |voxel| <= 2^31 * 2^15), so 64-bit integers, which every target
+// has, hold them exactly; an overflow would stop the sanitizer build.
+int16_t roundedQuotient(int64_t sum, int divisor)
 {
-    __int128 d = divisor;
+    int64_t d = divisor;
     if (d < 0) sum = -sum, d = -d;
-    const __int128 q = sum >= 0 ? (2 * sum + d) / (2 * d) : -((-2 * sum + d) / (2 * d));
-    return int16_t(std::clamp<__int128>(q, -32768, 32767));
+    const int64_t q = sum >= 0 ? (2 * sum + d) / (2 * d) : -((-2 * sum + d) / (2 * d));
+    return int16_t(std::clamp<int64_t>(q, -32768, 32767));
 }
 
 // A filter call whose source holds exactly the voxels the kernel and anchor reach around the
@@ -117,11 +119,11 @@ public:
         const VolumeSize k = c_.kernel;
         std::vector<int16_t> out;
         forEachRegionVoxel([&](int x, int y, int z) {
-            __int128 sum = 0;
+            int64_t sum = 0;
             for (int kz = 0; kz < k.depth; ++kz)
                 for (int ky = 0; ky < k.height; ++ky)
                     for (int kx = 0; kx < k.width; ++kx)
-                        sum += __int128(kernel[(kz * k.height + ky) * k.width + kx]) *
+                        sum += int64_t(kernel[(kz * k.height + ky) * k.width + kx]) *
                                srcAt(x + c_.anchor[0] - kx, y + c_.anchor[1] - ky,
                                      z + c_.anchor[2] - kz);
             out.push_back(roundedQuotient(sum, c_.divisor));
@@ -250,7 +252,7 @@ TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
                                       0, 0, r.divisor, buffer.data()),
                   StatusOk);
         EXPECT_EQ(out, r.expected);
-        EXPECT_EQ(out, roundedQuotient(__int128(r.voxel) * r.tap, r.divisor));
+        EXPECT_EQ(out, roundedQuotient(int64_t(r.voxel) * r.tap, r.divisor));
     }
     // Every 16-bit value in one row through the eight-voxel divide: exact multiples and ties.
     std::vector<int16_t> all(65536), out(65536);
