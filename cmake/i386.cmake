@@ -19,3 +19,20 @@ endforeach()
 # missing i386 package fails the configure step instead of the link.
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig)
+
+# i386 packages unpacked into a directory instead of installed (VEKR_I386_DEPS, its usr/ tree)
+# are searched first; programs keep the path to them in their run paths, installed ones too.
+if(DEFINED ENV{VEKR_I386_DEPS})
+    set(VEKR_I386_DEPS "$ENV{VEKR_I386_DEPS}" CACHE PATH "Unpacked i386 packages")
+endif()
+if(VEKR_I386_DEPS)
+    list(PREPEND CMAKE_PREFIX_PATH "${VEKR_I386_DEPS}/usr")
+    set(ENV{PKG_CONFIG_LIBDIR}
+        "${VEKR_I386_DEPS}/usr/lib/i386-linux-gnu/pkgconfig:$ENV{PKG_CONFIG_LIBDIR}")
+    set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
+    # As DT_RPATH, which also serves the libraries' own dependencies (libpng's libz), where a
+    # DT_RUNPATH serves only the program's.
+    foreach(flags EXE_LINKER_FLAGS SHARED_LINKER_FLAGS MODULE_LINKER_FLAGS)
+        string(APPEND CMAKE_${flags}_INIT " -Wl,--disable-new-dtags")
+    endforeach()
+endif()
