@@ -165,7 +165,7 @@ Status vekrKDTreeFree(void* pTree);
 
 /* Writes the eye-ray directions of block (blockX, blockY) of an image plane into three planes
  * of blockSize.width * blockSize.height floats (which must not overlap):
- * planeOrigin + stepX * column + stepY * row. */
+ * planeOrigin + stepX * column + stepY * row. A side below 1 writes nothing. */
 Status vekrCastEye_32f(const float planeOrigin[3], const float stepX[3], const float stepY[3],
                        int blockX, int blockY, Size2D cellSize, float* const direction[3],
                        Size2D blockSize);
@@ -280,7 +280,8 @@ Status vekrDistAttenuationSO_32f_M(const float point[3], const float* const hitP
 
 /* --- Spherical harmonics ------------------------------------------------------------------ */
 
-/* Writes the bytes an SHState buffer needs for the given order and method to *size. */
+/* Writes the bytes an SHState buffer needs for the given order and method to *size (direct:
+ * orders up to 15; recurrence: up to 23168, the last whose size an int holds). */
 Status vekrSHGetSize_32f(unsigned int order, int method, int* size);
 
 /* Clears the buffer and sets it up as an SHState for the given order and method. */

@@ -17,13 +17,15 @@ static_assert(sizeof(Size2D) == 8 && offsetof(Size2D, height) == 4);
 static_assert(offsetof(IntersectContext, triangleAccel) == sizeof(void*) &&
               offsetof(IntersectContext, rootNode) == 2 * sizeof(void*));
 
-// Only the output array is checked; the vectors, the planes and the sizes are used as given.
+// Only the output array is checked; the vectors and the planes are used as given. A block with
+// a side below 1 writes nothing: the kernel splits a row into groups of 8 and a tail by the
+// width's low bits, which for a negative width would store up to seven floats before each plane.
 Status entry::vekrCastEye_32f(const float* planeOrigin, const float* stepX, const float* stepY,
                               int blockX, int blockY, Size2D cellSize, float* const direction[3],
                               Size2D blockSize)
 {
     if (direction == nullptr) return StatusNullPointer;
-    if (blockSize.height < 1) return StatusOk;
+    if (blockSize.height < 1 || blockSize.width < 1) return StatusOk;
     const ray::ImagePlane plane{planeOrigin, stepX, stepY};
     const ray::EyeRayBlockOut block{blockX,
                                     blockY,

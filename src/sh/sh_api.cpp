@@ -55,6 +55,7 @@ Status entry::vekrSHGetSize_32f(unsigned int order, int method, int* size)
         return StatusOk;
     }
     if (method != SHMethodRecurrence) return StatusOutOfRange;
+    if (order > sh::kMaxRecurrenceStateOrder) return StatusBadSize;
     *size = int(sh::recurrenceStateBytes(order));
     return StatusOk;
 }
@@ -68,6 +69,7 @@ Status entry::vekrSHInit_32f(void* state, unsigned int order, int method)
         return StatusOk;
     }
     if (method != SHMethodRecurrence) return StatusOutOfRange;
+    if (order > sh::kMaxRecurrenceStateOrder) return StatusBadSize;
     sh::initRecurrenceState(state, order);
     return StatusOk;
 }

@@ -12,12 +12,17 @@ constexpr uint32_t kMaxOrder = 15;        // highest order either method evaluat
 constexpr int kMaxBasisCount = 256;       // (kMaxOrder + 1)^2 values per direction
 constexpr int kDirectStateBytes = 16;     // the header alone
 constexpr uint32_t kTableAlignment = 16;  // both tables start on 16-byte boundaries
+// The largest order whose recurrence state size, ((8 N + 30) & ~31) + 16 with
+// N = (L + 1)(L + 2) / 2, fits in the int the size query writes: 2147302960 bytes for 23168,
+// 2147488304 for 23169. Beyond it the 32-bit size wraps to a few bytes while the
+// initialisation would write gigabytes, so both refuse such orders.
+constexpr uint32_t kMaxRecurrenceStateOrder = 23168;
 
 static_assert(sizeof(SHState) == kDirectStateBytes);
 
 // Floats per table for order L: N = (L + 1)(L + 2) / 2, one block of l + 1 per band l (table
-// B's first three floats stand for bands 0 and 1). 32-bit arithmetic, wrapping for orders the
-// evaluation refuses anyway.
+// B's first three floats stand for bands 0 and 1). 32-bit arithmetic, exact up to
+// kMaxRecurrenceStateOrder.
 uint32_t recurrenceTableFloats(uint32_t order);
 
 // Bytes of a recurrence state: ((8 N + 30) & ~31) + 16. Enough for a buffer that starts on a

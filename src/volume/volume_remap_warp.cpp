@@ -111,14 +111,16 @@ void splitSlices(int32_t width, int32_t height, int32_t depth, SliceRange&& slic
 }
 
 // The slice routine both share: row j of slice k of the box goes to writeRow(k, j, first voxel).
+// Rows and slices are counted in ptrdiff_t: a box may end at the last int (rows of step 0 let
+// a caller place it there), and its first row plus j must not overflow.
 template <class T, class RowWriter>
 void writeSlices(const VolumeView<T>& dst, Cuboid box, int sliceBegin, int sliceEnd,
                  RowWriter&& writeRow)
 {
     for (int k = sliceBegin; k < sliceEnd; ++k) {
-        T* plane = dst.plane(box.z + k) + box.x;
+        T* plane = dst.plane(std::ptrdiff_t(box.z) + k) + box.x;
         for (int j = 0; j < box.height; ++j)
-            writeRow(k, j, plane + std::ptrdiff_t(box.y + j) * dst.rowStep);
+            writeRow(k, j, plane + (std::ptrdiff_t(box.y) + j) * dst.rowStep);
     }
 }
 
@@ -208,7 +210,7 @@ void warpAffineVolume(const VolumeView<const T>& src, VolumeSize srcVolume, Cubo
     const double x0 = dstVOI.x;
     splitSlices(dstVOI.width, dstVOI.height, dstVOI.depth, [&](int begin, int end) {
         writeSlices(dst, dstVOI, begin, end, [&](int k, int j, T* out) {
-            const double y = double(dstVOI.y + j), z = double(dstVOI.z + k);
+            const double y = double(dstVOI.y) + j, z = double(dstVOI.z) + k;
             double start[3];
             for (int a = 0; a < 3; ++a)
                 start[a] = b[a][0] * x0 + b[a][1] * y + b[a][2] * z + b[a][3];

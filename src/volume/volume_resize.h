@@ -22,7 +22,7 @@ struct VolumeView {
     std::ptrdiff_t planeStep = 0;
     std::ptrdiff_t rowStep = 0;
 
-    T* plane(int32_t z) const { return planes ? planes[z] : block + z * planeStep; }
+    T* plane(std::ptrdiff_t z) const { return planes ? planes[z] : block + z * planeStep; }
 };
 
 template <class T>

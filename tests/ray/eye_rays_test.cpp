@@ -118,6 +118,11 @@ TEST(CastEyeChecks, NullOutputFirstThenEmptyHeights)
     float* const emptyPlanes[3] = {none.data(), none.data(), none.data()};
     EXPECT_EQ(vekrCastEye_32f(kCorner, kStepX, kStepY, 0, 0, cell, emptyPlanes, Size2D{0, 5}),
               StatusOk);
+    // Nor does a negative one: -1 once stored seven floats before each plane, row after row.
+    for (int width : {-1, -7, -8, -9, INT32_MIN})
+        EXPECT_EQ(vekrCastEye_32f(kCorner, kStepX, kStepY, 0, 0, cell, nullPlanes, Size2D{width, 3}),
+                  StatusOk)
+            << "width " << width;
 }
 
 TEST(CastEyeChecks, LargeBlockMatchesTheScalarTwin)

@@ -155,7 +155,13 @@ TEST(ShState, DocumentedSizesAndStatusesInOrder)
         {false, 16, -1, StatusOutOfRange, 0},
         {true, 16, SHMethodDirect, StatusNullPointer, 0},
         {true, 16, 2, StatusNullPointer, 0},
-        {true, 3, SHMethodRecurrence, StatusNullPointer, 0}};
+        {true, 3, SHMethodRecurrence, StatusNullPointer, 0},
+        // The largest recurrence state whose size an int holds; past it the 32-bit size once
+        // wrapped (to 16 bytes for UINT_MAX) and the initialisation overran the buffer.
+        {false, 23168, SHMethodRecurrence, StatusOk, 2147302960},
+        {false, 23169, SHMethodRecurrence, StatusBadSize, 0},
+        {false, 65535, SHMethodRecurrence, StatusBadSize, 0},
+        {false, UINT_MAX, SHMethodRecurrence, StatusBadSize, 0}};
     for (unsigned order : {0u, 1u, 3u, 15u, 16u, 20u, 100u, 1000u, 4000u})
         cases.push_back({false, order, SHMethodRecurrence, StatusOk,
                          ((8 * int((order + 1) * (order + 2) / 2) + 30) & ~31) + 16});

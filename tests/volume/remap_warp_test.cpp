@@ -327,6 +327,25 @@ TEST(VolumeWarpAffineIdentity, CopiesTheSourceBox)
     }
 }
 
+// A valid box may run past the last int when its rows share memory (a row step of 0); its row
+// index once overflowed there. Of rows INT32_MAX - 5 .. INT32_MAX + 4, the first four take
+// source rows 0 .. 3, in this order, into the one row; the rest map outside the source.
+TEST(VolumeWarpAffineIdentity, BoxEndingAtTheLastIntOverRowsOfStepZero)
+{
+    std::vector<uint8_t> source(16);
+    for (int i = 0; i < 16; ++i)
+        source[size_t(i)] = uint8_t(10 + i);
+    const uint8_t* srcPlanes[1] = {source.data()};
+    std::vector<uint8_t> row(4, 0xA5);
+    uint8_t* dstPlanes[1] = {row.data()};
+    const double shiftDown[12] = {1, 0, 0, 0, 0, 1, 0, 2147483642.0, 0, 0, 1, 0};
+    const Cuboid srcVOI = {0, 0, 0, 4, 4, 1}, dstVOI = {0, INT32_MAX - 5, 0, 4, 10, 1};
+    EXPECT_EQ(vekrWarpAffine_8u_C1PV(srcPlanes, {4, 4, 1}, 4, srcVOI, dstPlanes, 0, dstVOI,
+                                     shiftDown, InterpolationNearest, nullptr),
+              StatusOk);
+    EXPECT_EQ(row, std::vector<uint8_t>(source.begin() + 12, source.end()));
+}
+
 // |det| = 1e-10 exactly is accepted; a zero third row and a determinant a little below 1e-10
 // are refused with nothing written.
 TEST(VolumeWarpAffineIdentity, DeterminantLimitIsStrict)
