@@ -4,6 +4,8 @@
 // (kd_sah_levels.h). Build nodes and leaf lists stay in pools until the tree is written out.
 #include "kd_build_sah.h"
 
+#include <algorithm>
+
 #include "frame/parallel_region.h"
 #include "frame/scratch.h"
 #include "kd_build_budget.h"
@@ -63,15 +65,20 @@ Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuild
     BuildNode root{kBuildLeaf, {0}, {nullptr}};
     if (mesh.triangleCount == 0) return emitKdTree(root, ppTree, pTreeSize);
 
-    // The control words and the root's lists: the requirement check has made room for both.
+    // The control words, the root's lists and a byte per triangle for the partitions: the
+    // requirement check has made room for them.
     BuildBudget budget(options.budgetBytes);
     if (mesh.triangleCount >= kMaxListedTriangles) return StatusNoMemory;
     const int32_t n = mesh.triangleCount;
     const int32_t rootEvents[3] = {2 * n, 2 * n, 2 * n};
     const int64_t rootWords = sahNodeWords(n, rootEvents);
-    if (!budget.charge(kSahControlBytes + uint64_t(rootWords) * 4)) return StatusMemoryLimit;
-    frame::ScratchArray<uint64_t> rootBlock{int((rootWords + 1) / 2)};
+    const int64_t sidesWords = (int64_t(n) + 7) / 8 * 2;
+    if (!budget.charge(kSahControlBytes + uint64_t(rootWords + sidesWords) * 4))
+        return StatusMemoryLimit;
+    frame::ScratchArray<uint64_t> rootBlock{int((rootWords + sidesWords + 1) / 2)};
     if (!rootBlock) return StatusNoMemory;
+    auto* sides = reinterpret_cast<uint8_t*>(rootBlock.get() + (rootWords + 1) / 2);
+    std::fill(sides, sides + n, uint8_t(0));
 
     WordPool stack(budget);
     SahNode rootLists{};
@@ -84,11 +91,11 @@ Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuild
     // The leaf lists live in the builders' pools: emit before they are released.
     if (options.depthRule == SahDepthRule::SplitsInTree) {
         WordPool kept(budget);
-        SahSubtreeBuilder builder(rules, stack, kept);
+        SahSubtreeBuilder builder(rules, stack, kept, sides);
         status = builder.build(rootLists, 0, root);
         return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize);
     }
-    SahLevelBuilder levels(rules, options.levelMinTriangles, budget);
+    SahLevelBuilder levels(rules, options.levelMinTriangles, budget, n, sides);
     status = levels.build(rootLists, root);
     return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize);
 }

@@ -30,11 +30,12 @@ void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root, uin
     int32_t n = 0;
     for (int32_t i = 0; i < root.count; ++i) {
         const uint32_t start = floatKey(lower[i]), end = floatKey(upper[i]);
+        const uint32_t triangle = uint32_t(root.list[i] & kListTriangleMask);
         if (start == end) {
-            events[n++] = makeSahEvent(start, uint32_t(i), kEventFlat);
+            events[n++] = makeSahEvent(start, triangle, kEventFlat);
         } else {
-            events[n++] = makeSahEvent(start, uint32_t(i), kEventStart);
-            events[n++] = makeSahEvent(end, uint32_t(i), kEventEnd);
+            events[n++] = makeSahEvent(start, triangle, kEventStart);
+            events[n++] = makeSahEvent(end, triangle, kEventEnd);
         }
     }
     sortByUpperKey(events, sortBuffer, n);

@@ -10,19 +10,19 @@
 namespace vekr::accel {
 
 // An event: the float key of its position in the upper 32 bits, below them the triangle's
-// position in its node's list (shifted left by 2) and its kind in bits 0-1. A triangle flat on
-// the axis (its extent a single value) has one flat event, any other a start and an end.
+// number (shifted left by 2) and its kind in bits 0-1. A triangle flat on the axis (its
+// extent a single value) has one flat event, any other a start and an end.
 enum SahEventKind : uint32_t { kEventEnd = 0, kEventFlat = 1, kEventStart = 2 };
 
-inline uint64_t makeSahEvent(uint32_t key, uint32_t position, uint32_t kind)
+inline uint64_t makeSahEvent(uint32_t key, uint32_t triangle, uint32_t kind)
 {
-    return uint64_t(key) << 32 | position << 2 | kind;
+    return uint64_t(key) << 32 | triangle << 2 | kind;
 }
 inline uint32_t eventKey(uint64_t event)
 {
     return uint32_t(event >> 32);
 }
-inline uint32_t eventPosition(uint64_t event)
+inline uint32_t eventTriangle(uint64_t event)
 {
     return uint32_t(event) >> 2;
 }
@@ -59,8 +59,9 @@ int64_t sahNodeWords(int32_t count, const int32_t eventCount[3]);
 // Points node's lists into words (sahNodeWords of them, 8-byte aligned), by its counts.
 void placeSahNode(int32_t* words, SahNode& node);
 
-// Writes the events of the root's count triangles on axis, from their extents, sorted by key,
-// and sets root.eventCount[axis]; sortBuffer holds 2 * count items.
+// Writes the events of the root's count triangles on axis, from their extents (in list order),
+// sorted by key, and sets root.eventCount[axis]; sortBuffer holds 2 * count items. The list
+// holds the triangle numbers.
 void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root, uint64_t* sortBuffer);
 
 // Sets the flat bits of the root's list entries (which hold the listed triangle numbers).

@@ -26,7 +26,6 @@ struct OpenNode {
     SahSplit axes[3];
     SahSplit split;  // axis -1: a leaf
     BuildNode* children;
-    SahPartitionScratch scratch;
     SahNode below, above;
 };
 
@@ -47,27 +46,31 @@ struct SahLevelBuilder::Member {
     BuildBudget unlimited{UINT64_MAX};  // the shared budget is charged instead
     WordPool stack{unlimited, kMemberBlockWords};
     WordPool kept{unlimited, kMemberBlockWords};
+    uint8_t* sides = nullptr;
+    bool ownsSides = false;
+
+    ~Member()
+    {
+        if (ownsSides) vekFree(sides);
+    }
 };
 
-// The nodes of one level, the partition scratch of its open nodes and the lists of the nodes
-// (but the root's), in one block charged to the budget while it lives.
+// The nodes of one level and the lists of the nodes (but the root's), in one block charged to
+// the budget while it lives.
 struct SahLevelBuilder::Level {
     OpenNode* open = nullptr;
     int32_t openCount = 0;
     SubtreeJob* jobs = nullptr;
     int32_t jobCount = 0;
-    int32_t* scratchWords = nullptr;
     int32_t* listWords = nullptr;
     void* block = nullptr;
     uint64_t chargedBytes = 0;
 
-    Status allocate(BuildBudget& budget, int32_t opens, int32_t subtrees, int64_t scratch,
-                    int64_t lists)
+    Status allocate(BuildBudget& budget, int32_t opens, int32_t subtrees, int64_t lists)
     {
         const int64_t openBytes = roundUp8(int64_t(sizeof(OpenNode)) * opens);
         const int64_t jobBytes = roundUp8(int64_t(sizeof(SubtreeJob)) * subtrees);
-        const int64_t scratchBytes = roundUp8(4 * scratch);
-        const uint64_t bytes = uint64_t(openBytes + jobBytes + scratchBytes + 4 * lists);
+        const uint64_t bytes = uint64_t(openBytes + jobBytes + 4 * lists);
         if (!budget.charge(bytes)) return StatusMemoryLimit;
         block = bytes <= SIZE_MAX ? vekMalloc(size_t(bytes)) : nullptr;
         if (block == nullptr) {
@@ -80,8 +83,7 @@ struct SahLevelBuilder::Level {
         for (int32_t i = 0; i < opens; ++i)
             new (open + i) OpenNode{};
         jobs = reinterpret_cast<SubtreeJob*>(at + openBytes);
-        scratchWords = reinterpret_cast<int32_t*>(at + openBytes + jobBytes);
-        listWords = reinterpret_cast<int32_t*>(at + openBytes + jobBytes + scratchBytes);
+        listWords = reinterpret_cast<int32_t*>(at + openBytes + jobBytes);
         openCount = opens;
         jobCount = subtrees;
         return StatusOk;
@@ -156,21 +158,24 @@ void SahLevelBuilder::Team::run(int member)
         if (member == 0) decideSplits();
 #pragma omp barrier
         if (stop_) break;
+        // The partitions, one item per node: a member notes the sides of a node's triangles
+        // in its own bytes, once to size the children and again to write their lists.
+        uint8_t* sides = works ? b_.members_[member].sides : nullptr;
         if (works) forEachItem(current_.openCount, [&](int64_t i) {
             OpenNode& node = current_.open[i];
-            if (node.split.axis >= 0)
-                record(classifySahSplit(node.lists, node.split, node.scratch, node.below,
-                                        node.above));
+            if (node.split.axis < 0) return;
+            classifySahSplit(node.lists, node.split, sides);
+            record(sizeSahChildren(node.lists, node.split, sides, node.below, node.above));
         });
 #pragma omp barrier
         if (member == 0) layOutNextLevel();
 #pragma omp barrier
         if (stop_) break;
-        if (works) forEachItem(int64_t(kSahListParts) * current_.openCount, [&](int64_t i) {
-            const OpenNode& node = current_.open[i / kSahListParts];
-            if (node.split.axis >= 0)
-                writeSahChildList(node.lists, node.scratch, int(i % kSahListParts), node.below,
-                                  node.above);
+        if (works) forEachItem(current_.openCount, [&](int64_t i) {
+            const OpenNode& node = current_.open[i];
+            if (node.split.axis < 0) return;
+            classifySahSplit(node.lists, node.split, sides);
+            writeSahChildren(node.lists, sides, node.below, node.above);
         });
 #pragma omp barrier
         if (member == 0) advance();
@@ -182,7 +187,7 @@ void SahLevelBuilder::Team::run(int member)
 void SahLevelBuilder::Team::buildSubtree(int member, const SubtreeJob& job)
 {
     Member& pools = b_.members_[member];
-    SahSubtreeBuilder builder(subtreeRules_, pools.stack, pools.kept, &b_.shared_);
+    SahSubtreeBuilder builder(subtreeRules_, pools.stack, pools.kept, pools.sides, &b_.shared_);
     record(builder.build(job.lists, depth_, *job.out));
 }
 
@@ -218,25 +223,22 @@ void SahLevelBuilder::Team::decideSplits()
 void SahLevelBuilder::Team::layOutNextLevel()
 {
     int32_t opens = 0, subtrees = 0;
-    int64_t scratchWords = 0, listWords = 0;
+    int64_t listWords = 0;
     const int32_t levelMin = b_.levelMinTriangles_;
     for (int32_t i = 0; i < current_.openCount; ++i) {
         const OpenNode& node = current_.open[i];
         if (node.split.axis < 0) continue;
         for (const SahNode* child : {&node.below, &node.above}) {
             listWords += sahNodeWords(child->count, child->eventCount);
-            if (child->count >= levelMin) {
+            if (child->count >= levelMin)
                 ++opens;
-                scratchWords += (sahPartitionWords(child->count) + 1) & ~int64_t(1);
-            } else {
+            else
                 ++subtrees;
-            }
         }
     }
     if (opens + subtrees > 0 && failure_.load() == StatusOk)
-        record(next_.allocate(b_.budget_, opens, subtrees, scratchWords, listWords));
+        record(next_.allocate(b_.budget_, opens, subtrees, listWords));
     if (failure_.load() == StatusOk) {
-        int32_t* scratch = next_.scratchWords;
         int32_t* lists = next_.listWords;
         int32_t openAt = 0, jobAt = 0;
         for (int32_t i = 0; i < current_.openCount; ++i) {
@@ -251,8 +253,6 @@ void SahLevelBuilder::Team::layOutNextLevel()
                     OpenNode& open = next_.open[openAt++];
                     open.out = node.children + s;
                     open.lists = child;
-                    open.scratch = placePartitionScratch(scratch, child.count);
-                    scratch += (sahPartitionWords(child.count) + 1) & ~int64_t(1);
                 } else {
                     next_.jobs[jobAt++] = SubtreeJob{node.children + s, child};
                 }
@@ -277,8 +277,9 @@ void SahLevelBuilder::Team::advance()
 }
 
 SahLevelBuilder::SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles,
-                                 BuildBudget& budget)
-    : rules_(rules), levelMinTriangles_(levelMinTriangles), budget_(budget), shared_(budget)
+                                 BuildBudget& budget, int32_t triangleCount, uint8_t* sides)
+    : rules_(rules), levelMinTriangles_(levelMinTriangles), budget_(budget),
+      triangleCount_(triangleCount), sides_(sides), shared_(budget)
 {
 }
 
@@ -294,19 +295,26 @@ Status SahLevelBuilder::build(const SahNode& root, BuildNode& out)
     const int memberCount = std::max(1, ownGetNumThreads());
     members_ = static_cast<Member*>(vekMalloc(sizeof(Member) * size_t(memberCount)));
     if (members_ == nullptr) return StatusNoMemory;
-    for (; memberCount_ < memberCount; ++memberCount_)
-        new (members_ + memberCount_) Member{};
+    for (; memberCount_ < memberCount; ++memberCount_) {
+        Member& member = *new (members_ + memberCount_) Member{};
+        if (memberCount_ == 0) {
+            member.sides = sides_;
+            continue;
+        }
+        member.sides = static_cast<uint8_t*>(vekMalloc(size_t(triangleCount_)));
+        if (member.sides == nullptr) return StatusNoMemory;
+        member.ownsSides = true;
+        std::fill(member.sides, member.sides + triangleCount_, uint8_t(0));
+    }
 
     // The first level is the root, whose lists stay where they are.
     Level first;
     const bool open = root.count >= levelMinTriangles_;
-    const Status status = first.allocate(budget_, open ? 1 : 0, open ? 0 : 1,
-                                         open ? sahPartitionWords(root.count) : 0, 0);
+    const Status status = first.allocate(budget_, open ? 1 : 0, open ? 0 : 1, 0);
     if (status != StatusOk) return status;
     if (open) {
         first.open[0].out = &out;
         first.open[0].lists = root;
-        first.open[0].scratch = placePartitionScratch(first.scratchWords, root.count);
     } else {
         first.jobs[0] = SubtreeJob{&out, root};
     }

@@ -16,7 +16,10 @@ namespace vekr::accel {
 class SahLevelBuilder {
 public:
     // levelMinTriangles: nodes of at least this many triangles are split level by level.
-    SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles, BuildBudget& budget);
+    // sides: member 0's byte per triangle of the mesh (kd_sah_partition.h); the other members
+    // take theirs from vekMalloc, uncharged, as their pools.
+    SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles, BuildBudget& budget,
+                    int32_t triangleCount, uint8_t* sides);
     ~SahLevelBuilder();
     SahLevelBuilder(const SahLevelBuilder&) = delete;
     SahLevelBuilder& operator=(const SahLevelBuilder&) = delete;
@@ -36,6 +39,8 @@ private:
     const SahTreeRules rules_;
     const int32_t levelMinTriangles_;
     BuildBudget& budget_;
+    const int32_t triangleCount_;
+    uint8_t* const sides_;
     SharedBudget shared_;
     Member* members_ = nullptr;  // one set of pools per possible team member
     int memberCount_ = 0;

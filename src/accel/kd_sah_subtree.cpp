@@ -46,12 +46,7 @@ Status SahSubtreeBuilder::build(const SahNode& root, uint32_t splitsAbove, Build
 {
     const WordPool::Mark base = stack_.mark();
     stack_.resetPeak();
-    Status status = StatusOk;
-    int32_t* scratchWords = stack_.take(sahPartitionWords(root.count), &status);
-    if (scratchWords != nullptr) {
-        scratch_ = placePartitionScratch(scratchWords, root.count);
-        status = buildFrom({&out, root, splitsAbove, stack_.mark()});
-    }
+    Status status = buildFrom({&out, root, splitsAbove, base});
     if (status == StatusOk && shared_ != nullptr) {
         status = chargeKept(0);
         if (status == StatusOk && !shared_->raisePeak(uint64_t(stack_.peakWords() - base.liveWords) * 4))
@@ -99,7 +94,8 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
     ++splitCount_;
 
     SahNode below{}, higher{};
-    status = classifySahSplit(node.lists, best, scratch_, below, higher);
+    classifySahSplit(node.lists, best, sides_);
+    status = sizeSahChildren(node.lists, best, sides_, below, higher);
     if (status != StatusOk) return status;
     int32_t* words = stack_.take(sahNodeWords(higher.count, higher.eventCount), &status);
     if (words == nullptr) return status;
@@ -107,8 +103,7 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
     below.list = node.lists.list;
     for (int k = 0; k < 3; ++k)
         below.events[k] = node.lists.events[k];
-    for (int part = 0; part < kSahListParts; ++part)
-        writeSahChildList(node.lists, scratch_, part, below, higher);
+    writeSahChildren(node.lists, sides_, below, higher);
 
     above = OpenNode{children + 1, higher, node.splitsAbove + 1, stack_.mark()};
     node = OpenNode{children, below, node.splitsAbove + 1, {}};

@@ -47,16 +47,17 @@ SahSplit keepSplitIfPays(const SahNode& node, const SahTreeRules& rules, SahSpli
 // most words the subtree held on the stack pool.
 class SahSubtreeBuilder {
 public:
-    SahSubtreeBuilder(const SahTreeRules& rules, WordPool& stack, WordPool& kept,
+    // sides: one byte per triangle of the mesh, for the partitions (kd_sah_partition.h).
+    SahSubtreeBuilder(const SahTreeRules& rules, WordPool& stack, WordPool& kept, uint8_t* sides,
                       SharedBudget* shared = nullptr)
-        : rules_(rules), stack_(stack), kept_(kept), shared_(shared),
+        : rules_(rules), stack_(stack), kept_(kept), sides_(sides), shared_(shared),
           keptCharged_(kept.liveWords())
     {
     }
 
     // Builds the subtree of root (whose lists it overwrites) into out; splitsAbove inner nodes
-    // lie above root. Takes the partition scratch from the stack pool and leaves the pool
-    // rewound to where it was, on success and on failure.
+    // lie above root. Leaves the stack pool rewound to where it was, on success and on
+    // failure.
     Status build(const SahNode& root, uint32_t splitsAbove, BuildNode& out);
 
 private:
@@ -73,9 +74,9 @@ private:
     const SahTreeRules& rules_;
     WordPool& stack_;
     WordPool& kept_;
+    uint8_t* const sides_;
     SharedBudget* const shared_;
     int64_t keptCharged_;  // the kept pool's live words when shared_ was last charged
-    SahPartitionScratch scratch_{};
     uint32_t splitCount_ = 0;  // splits of this subtree
 };
 
