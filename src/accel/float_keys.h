@@ -1,5 +1,5 @@
 // Unsigned integer keys made from float bits, whose integer order is the float order, and a
-// linear-time sort of such keys.
+// linear-time sort of 64-bit items by a key in their upper half.
 #pragma once
 
 #include <cstdint>
@@ -24,9 +24,10 @@ inline float keyFloat(uint32_t key)
     return f;
 }
 
-// Sorts keys[0 .. n-1] ascending in place, with buffer[0 .. n-1] as scratch. Least-significant
-// byte radix passes; a pass whose byte is the same in every key is skipped, so keys of a
-// narrow float range cost two or three passes.
-void sortKeys(uint32_t* keys, uint32_t* buffer, int32_t n);
+// Sorts items[0 .. n-1] ascending by their upper 32 bits, keeping the order of items with
+// equal upper halves; buffer[0 .. n-1] is scratch. Least-significant byte radix passes over
+// the upper half; a pass whose byte is the same in every item is skipped, so keys of a narrow
+// float range cost two or three passes.
+void sortByUpperKey(uint64_t* items, uint64_t* buffer, int64_t n);
 
 }  // namespace vekr::accel

@@ -48,7 +48,7 @@ bool WordPool::advance(int64_t words, Status* status)
     }
     (current_ != nullptr ? current_->next : first_) = nullptr;
 
-    const int64_t capacity = std::max<int64_t>(words, kPoolBlockWords);
+    const int64_t capacity = std::max<int64_t>(words, blockWords_);
     const uint64_t charge = uint64_t(capacity) * 4 + kPoolBlockHeaderBytes;
     const uint64_t bytes = sizeof(Block) + uint64_t(capacity) * 4;
     if (!budget_.charge(charge)) {
@@ -76,6 +76,8 @@ int32_t* WordPool::take(int64_t words, Status* status)
     }
     int32_t* taken = current_->words() + used_;
     used_ += rounded;
+    live_ += rounded;
+    peak_ = std::max(peak_, live_);
     return taken;
 }
 
@@ -83,6 +85,22 @@ void WordPool::rewind(const Mark& m)
 {
     current_ = static_cast<Block*>(m.block);
     used_ = m.usedWords;
+    live_ = m.liveWords;
+}
+
+bool SharedBudget::charge(uint64_t bytes)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return budget_.charge(bytes);
+}
+
+bool SharedBudget::raisePeak(uint64_t peakBytes)
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (peakBytes <= peak_) return true;
+    if (!budget_.charge(peakBytes - peak_)) return false;
+    peak_ = peakBytes;
+    return true;
 }
 
 }  // namespace vekr::accel

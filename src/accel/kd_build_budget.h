@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 
 #include "vekr.h"
 
@@ -43,32 +44,61 @@ private:
 // A bump allocator of 32-bit words over a chain of blocks. Blocks are charged to the budget
 // (StatusMemoryLimit when it has too little left) and taken from vekMalloc (StatusNoMemory
 // when that fails); all are freed with the pool. rewind() returns everything taken after a
-// mark, keeping the blocks for reuse, so the pool also serves as a stack.
+// mark, keeping the blocks for reuse, so the pool also serves as a stack. The pool counts the
+// words it holds out (liveWords) and the most it has held since resetPeak (peakWords).
 class WordPool {
 public:
     struct Mark {
         void* block;
         int64_t usedWords;
+        int64_t liveWords;
     };
 
-    explicit WordPool(BuildBudget& budget) : budget_(budget) {}
+    // blockWords: the least size of a block, in words.
+    explicit WordPool(BuildBudget& budget, int64_t blockWords = kPoolBlockWords)
+        : budget_(budget), blockWords_(blockWords)
+    {
+    }
     ~WordPool();
     WordPool(const WordPool&) = delete;
     WordPool& operator=(const WordPool&) = delete;
 
     // words (>= 0) contiguous words on an 8-byte boundary, or null with *status set.
     int32_t* take(int64_t words, Status* status);
-    Mark mark() const { return {current_, used_}; }
+    Mark mark() const { return {current_, used_, live_}; }
     void rewind(const Mark& m);
+
+    int64_t liveWords() const { return live_; }
+    int64_t peakWords() const { return peak_; }
+    void resetPeak() { peak_ = live_; }
 
 private:
     struct Block;
     bool advance(int64_t words, Status* status);
 
     BuildBudget& budget_;
+    const int64_t blockWords_;
     Block* first_ = nullptr;
     Block* current_ = nullptr;
     int64_t used_ = 0;  // words taken from current_
+    int64_t live_ = 0, peak_ = 0;
+};
+
+// Charges made by the members of a team to one budget, under a lock. Nothing is refunded while
+// the team works, so whether the budget suffices depends only on the sum of the charges, not
+// on their order: the outcome is the same for every thread count and schedule.
+class SharedBudget {
+public:
+    explicit SharedBudget(BuildBudget& budget) : budget_(budget) {}
+    bool charge(uint64_t bytes);
+    // Charges the part of peakBytes above the highest peak raised so far: scratch that is
+    // reused from one piece of work to the next is paid once, at its largest.
+    bool raisePeak(uint64_t peakBytes);
+
+private:
+    BuildBudget& budget_;
+    std::mutex mutex_;
+    uint64_t peak_ = 0;
 };
 
 }  // namespace vekr::accel

@@ -105,8 +105,8 @@ int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
         }
         for (int k = 0; k < 3; ++k) {
             // Adding +0 turns -0 into +0, so equal bounds have equal sort keys.
-            extents.lower[k][t] = lower[k] + 0.0f;
-            extents.upper[k][t] = upper[k] + 0.0f;
+            extents.lower[k][count] = lower[k] + 0.0f;
+            extents.upper[k][count] = upper[k] + 0.0f;
             bounds[k] = std::min(bounds[k], lower[k]);
             bounds[k + 3] = std::max(bounds[k + 3], upper[k]);
         }

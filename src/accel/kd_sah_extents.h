@@ -13,7 +13,8 @@ struct MeshView {
     int triangleCount;
 };
 
-// One float plane per bound, by triangle number: lower[k] and upper[k] on axis k.
+// One float plane per bound, by position in the list of the triangles the tree holds:
+// lower[k] and upper[k] on axis k.
 struct TriangleExtents {
     float* lower[3];
     float* upper[3];
@@ -30,8 +31,8 @@ struct Cell {
 // False when no part lies inside, which includes every box with a NaN bound.
 bool clipTriangleBounds(const double p[3][3], const float box[6], float lower[3], float upper[3]);
 
-// Fills the extents of every triangle and lists, ascending, those the tree will hold; returns
-// their count. Left out are triangles with a vertex index outside the vertex array, with a
+// Lists, ascending, the triangles the tree will hold, fills their extents in the same order and
+// returns their count. Left out are triangles with a vertex index outside the vertex array, with a
 // non-finite coordinate, and (with clipBox) those wholly outside the box: no ray can hit
 // them inside the tree's cells. Extents hold no -0. The root cell is clipBox when given,
 // otherwise the bounds of the listed extents (zero when none is listed).

@@ -56,120 +56,22 @@ struct AxisBest {
     }
 };
 
-// The number of keys equal to x at the front of keys[i .. n), which it skips.
-int32_t takeEqual(const uint32_t* keys, int32_t n, int32_t& i, uint32_t x)
+// An event's key trimmed to the cell: starts below it move up to lo, ends above it down to hi.
+// The events of a node all reach its cell, so no start lies above hi and no end below lo.
+struct KeyClamp {
+    uint32_t lo, hi;
+    uint32_t operator()(uint64_t event) const { return std::min(std::max(eventKey(event), lo), hi); }
+};
+
+// The flat events among the run of events whose trimmed key is key, from events[i] on in the
+// direction step (+1 or -1).
+int32_t countFlatsInRun(const uint64_t* events, int32_t n, int32_t i, int step, KeyClamp clamp,
+                        uint32_t key)
 {
-    const int32_t from = i;
-    while (i < n && keys[i] == x)
-        ++i;
-    return i - from;
-}
-
-// The best split of one axis, or found = false when the axis is too thin or nothing on it
-// has a cost that is a number.
-AxisBest searchAxis(const SahNode& node, const TriangleExtents& extents, int axis, uint32_t* starts,
-                    uint32_t* ends, uint32_t* sortBuffer)
-{
-    AxisBest best;
-    const Cell& cell = node.cell;
-    const float lo = cell.lo[axis], hi = cell.hi[axis];
-    const double extent = double(hi) - double(lo);
-    if (!(extent > kMinExtent)) return best;
-    const int u = (axis + 1) % 3, v = (axis + 2) % 3;
-    const double a = double(cell.hi[u]) - double(cell.lo[u]);
-    const double b = double(cell.hi[v]) - double(cell.lo[v]);
-    const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
-
-    // Starts and ends of the extents trimmed to the cell.
-    const int32_t n = node.count;
-    const float* lower = extents.lower[axis];
-    const float* upper = extents.upper[axis];
-    int32_t spanning = 0, flat = n;  // flat positions fill starts[flat .. n)
-    float firstStart = hi, lastEnd = lo;
-    for (int32_t i = 0; i < n; ++i) {
-        const int32_t t = node.list[i];
-        const float start = std::max(lower[t], lo);
-        const float end = std::min(upper[t], hi);
-        firstStart = std::min(firstStart, start);
-        lastEnd = std::max(lastEnd, end);
-        if (start == end) {
-            starts[--flat] = floatKey(start);
-        } else {
-            starts[spanning] = floatKey(start);
-            ends[spanning++] = floatKey(end);
-        }
-    }
-
-    // Empty space below the first start or above the last end: the cut alone decides.
-    if (double(firstStart) - lo > kEmptyShare * extent)
-        best.offer(double(n) * (model.across + (hi - double(firstStart))), firstStart, false, 0, n);
-    if (hi - double(lastEnd) > kEmptyShare * extent)
-        best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
-    if (best.found) {
-        best.cost *= kBonusFactor * (a + b);
-        return best;
-    }
-
-    const int32_t flatCount = n - spanning;
-    uint32_t* flats = starts + spanning;
-    sortKeys(flats, sortBuffer, flatCount);
-    // Flat triangles in the cell's lower or upper plane, cut off with the bonus.
-    if (flatCount > 0) {
-        const uint32_t first = flats[0], last = flats[flatCount - 1];
-        if (keyFloat(first) == lo) {
-            int32_t i = 0;
-            const int32_t inPlane = takeEqual(flats, flatCount, i, first);
-            best.offer(model.at(lo, inPlane, n - inPlane) * kBonusFactor, lo, true, inPlane,
-                       n - inPlane);
-        }
-        if (keyFloat(last) == hi) {
-            const int32_t inPlane =
-                int32_t(flats + flatCount - std::lower_bound(flats, flats + flatCount, last));
-            best.offer(model.at(hi, n - inPlane, inPlane) * kBonusFactor, hi, false, n - inPlane,
-                       inPlane);
-        }
-    }
-    sortKeys(starts, sortBuffer, spanning);
-    sortKeys(ends, sortBuffer, spanning);
-    const uint32_t* sortedStarts = starts;
-    const uint32_t* sortedEnds = ends;
-    const uint32_t* flatKeys = flats;
-
-    // The sweep: at each position x, the triangles below are those starting before x (and
-    // flat ones before x), those above end after x (and flat ones after x). Triangles lying
-    // flat at x are costed above first, then below.
-    int64_t below = 0, above = n;
-    int32_t is = 0, ie = 0, jf = 0;
-    while (is < spanning || ie < spanning || jf < flatCount) {
-        uint32_t key = UINT32_MAX;
-        if (is < spanning) key = std::min(key, sortedStarts[is]);
-        if (ie < spanning) key = std::min(key, sortedEnds[ie]);
-        if (jf < flatCount) key = std::min(key, flatKeys[jf]);
-        const int32_t ending = takeEqual(sortedEnds, spanning, ie, key);
-        const int32_t lying = takeEqual(flatKeys, flatCount, jf, key);
-        const int32_t starting = takeEqual(sortedStarts, spanning, is, key);
-        const float x = keyFloat(key);
-        above -= ending;
-        best.offer(model.at(x, below, above), x, false, below, above);
-        if (lying > 0)
-            best.offer(model.at(x, below + lying, above - lying), x, true, below + lying,
-                       above - lying);
-        above -= lying;
-        below += lying + starting;
-    }
-    best.cost *= a + b;
-    return best;
-}
-
-SahSplit chooseAxis(const AxisBest (&axes)[3])
-{
-    SahSplit split;
-    for (int axis = 0; axis < 3; ++axis) {
-        const AxisBest& c = axes[axis];
-        if (!c.found || (split.axis >= 0 && !(c.cost <= split.cost))) continue;
-        split = SahSplit{axis, c.position, c.flatBelow, c.below, c.above, c.cost};
-    }
-    return split;
+    int32_t flats = 0;
+    for (; i >= 0 && i < n && clamp(events[i]) == key; i += step)
+        flats += eventKind(events[i]) == kEventFlat;
+    return flats;
 }
 
 }  // namespace
@@ -195,22 +97,94 @@ bool sahSplitPays(double leafCost, double splitCost, int32_t count, float gainFa
     return double(count) * (leafCost - splitCost) > least;
 }
 
-// Each axis is searched on its own key arrays, so the team members share nothing but the
-// node, and the merge in axis order gives the split of the sequential search.
-SahSplit findBestSplit(const SahNode& node, const TriangleExtents& extents,
-                       const SahSearchScratch& scratch, int32_t parallelMinTriangles)
+SahSplit searchSplitAxis(const SahNode& node, int axis)
 {
-    AxisBest axes[3];
+    AxisBest best;
+    const Cell& cell = node.cell;
+    const float lo = cell.lo[axis], hi = cell.hi[axis];
+    const double extent = double(hi) - double(lo);
+    const int32_t n = node.count, m = node.eventCount[axis];
+    if (!(extent > kMinExtent) || n == 0) return {};
+    const int u = (axis + 1) % 3, v = (axis + 2) % 3;
+    const double a = double(cell.hi[u]) - double(cell.lo[u]);
+    const double b = double(cell.hi[v]) - double(cell.lo[v]);
+    const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
+    const uint64_t* events = node.events[axis];
+    const KeyClamp clamp{floatKey(lo), floatKey(hi)};
+
+    // The first event is the lowest start (or flat position), the last the highest end.
+    const float firstStart = keyFloat(clamp(events[0]));
+    const float lastEnd = keyFloat(clamp(events[m - 1]));
+
+    // Empty space below the first start or above the last end: the cut alone decides.
+    if (double(firstStart) - lo > kEmptyShare * extent)
+        best.offer(double(n) * (model.across + (hi - double(firstStart))), firstStart, false, 0, n);
+    if (hi - double(lastEnd) > kEmptyShare * extent)
+        best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
+    if (best.found) {
+        best.cost *= kBonusFactor * (a + b);
+        return {axis, best.position, best.flatBelow, best.below, best.above, best.cost};
+    }
+
+    // Flat triangles in the cell's lower or upper plane, cut off with the bonus. They lie in
+    // the first or the last run of equal trimmed keys.
+    const int32_t flatsAtLo = countFlatsInRun(events, m, 0, 1, clamp, clamp.lo);
+    if (flatsAtLo > 0)
+        best.offer(model.at(lo, flatsAtLo, n - flatsAtLo) * kBonusFactor, lo, true, flatsAtLo,
+                   n - flatsAtLo);
+    const int32_t flatsAtHi = countFlatsInRun(events, m, m - 1, -1, clamp, clamp.hi);
+    if (flatsAtHi > 0)
+        best.offer(model.at(hi, n - flatsAtHi, flatsAtHi) * kBonusFactor, hi, false,
+                   n - flatsAtHi, flatsAtHi);
+
+    // The sweep: at each position x, the triangles below are those starting before x (and
+    // flat ones before x), those above end after x (and flat ones after x). Triangles lying
+    // flat at x are costed above first, then below.
+    int64_t below = 0, above = n;
+    for (int32_t i = 0; i < m;) {
+        const uint32_t key = clamp(events[i]);
+        int32_t ofKind[3] = {0, 0, 0};
+        do {
+            ++ofKind[eventKind(events[i])];
+        } while (++i < m && clamp(events[i]) == key);
+        const int32_t lying = ofKind[kEventFlat];
+        const float x = keyFloat(key);
+        above -= ofKind[kEventEnd];
+        best.offer(model.at(x, below, above), x, false, below, above);
+        if (lying > 0)
+            best.offer(model.at(x, below + lying, above - lying), x, true, below + lying,
+                       above - lying);
+        above -= lying;
+        below += lying + ofKind[kEventStart];
+    }
+    if (!best.found) return {};
+    return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * (a + b)};
+}
+
+SahSplit chooseSplitAxis(const SahSplit (&axes)[3])
+{
+    SahSplit split;
+    for (const SahSplit& c : axes) {
+        if (c.axis < 0 || (split.axis >= 0 && !(c.cost <= split.cost))) continue;
+        split = c;
+    }
+    return split;
+}
+
+// Each axis is searched on its own, so the team members share nothing but the node, and the
+// merge in axis order gives the split of the sequential search.
+SahSplit findBestSplit(const SahNode& node, int32_t parallelMinTriangles)
+{
+    SahSplit axes[3];
     auto searchShare = [&](int member, int teamSize) {
         for (int axis = member; axis < 3; axis += teamSize)
-            axes[axis] = searchAxis(node, extents, axis, scratch.starts[axis], scratch.ends[axis],
-                                    scratch.sortBuffer[axis]);
+            axes[axis] = searchSplitAxis(node, axis);
     };
     if (node.count >= parallelMinTriangles)
         frame::runParallelRegion(searchShare);
     else
         searchShare(0, 1);
-    return chooseAxis(axes);
+    return chooseSplitAxis(axes);
 }
 
 }  // namespace vekr::accel

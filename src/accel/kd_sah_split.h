@@ -1,32 +1,15 @@
-// The split search of the surface-area-heuristic build: candidates per axis on integer keys,
-// the sweep, and the cost model that chooses between split and leaf.
+// The split search of the surface-area-heuristic build: a sweep over each axis's sorted
+// events, and the cost model that chooses between split and leaf.
 #pragma once
 
 #include <cstdint>
 
-#include "kd_sah_extents.h"
+#include "kd_sah_events.h"
 
 namespace vekr::accel {
 
 // Nodes of this many triangles or more search their three axes in a parallel region.
 constexpr int32_t kSahParallelMinTriangles = 76;
-
-// The triangles of one node and its cell. A triangle's extent in the node is its extent
-// trimmed to the cell; on an axis where the trimmed extent is a single value the triangle
-// is flat, otherwise it starts at the lower and ends at the upper value.
-struct SahNode {
-    const int32_t* list;
-    int32_t count;
-    Cell cell;
-};
-
-// The per-axis key arrays of the search, each of the build's triangle count (a node lists a
-// triangle at most once): starts with the flat positions after them, ends, and a sort buffer.
-struct SahSearchScratch {
-    uint32_t* starts[3];
-    uint32_t* ends[3];
-    uint32_t* sortBuffer[3];
-};
 
 // The best split found: the plane, the side that takes the triangles lying flat in it, the
 // triangle counts of the two sides, and its cost in the units of the leaf cost.
@@ -48,9 +31,15 @@ float sahGainFactor(float ratio);
 // True when a split of cost splitCost pays against the leaf: N (L - S) > max(1e-5, K L).
 bool sahSplitPays(double leafCost, double splitCost, int32_t count, float gainFactor);
 
-// The cheapest split over the three axes; ties go to the higher axis. Nodes of at least
-// parallelMinTriangles search their axes in a parallel region, with the same result.
-SahSplit findBestSplit(const SahNode& node, const TriangleExtents& extents,
-                       const SahSearchScratch& scratch, int32_t parallelMinTriangles);
+// The best split of the node on one axis (axis -1 when the axis is too thin or nothing on it
+// has a cost that is a number), its cost already comparable across axes.
+SahSplit searchSplitAxis(const SahNode& node, int axis);
+
+// The cheapest of the three axes' best splits; ties go to the higher axis.
+SahSplit chooseSplitAxis(const SahSplit (&axes)[3]);
+
+// The cheapest split over the three axes. Nodes of at least parallelMinTriangles search their
+// axes in a parallel region, with the same result.
+SahSplit findBestSplit(const SahNode& node, int32_t parallelMinTriangles);
 
 }  // namespace vekr::accel

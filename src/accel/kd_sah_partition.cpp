@@ -1,0 +1,92 @@
+#include "kd_sah_partition.h"
+
+#include <algorithm>
+
+#include "float_keys.h"
+
+namespace vekr::accel {
+
+namespace {
+
+constexpr uint32_t kGoesBelow = 1, kGoesAbove = 2;
+
+// Branch-free filter: every entry is written to both children and kept where it belongs.
+template <class Entry, class SidesOf>
+void filterList(const Entry* from, int32_t n, Entry* toBelow, Entry* toAbove, SidesOf sidesOf)
+{
+    int32_t nBelow = 0, nAbove = 0;
+    for (int32_t i = 0; i < n; ++i) {
+        const Entry entry = from[i];
+        const uint32_t sides = sidesOf(entry);
+        toBelow[nBelow] = entry;
+        nBelow += int32_t(sides & kGoesBelow);
+        toAbove[nAbove] = entry;
+        nAbove += int32_t(sides >> 1);
+    }
+}
+
+}  // namespace
+
+// A triangle's start comes before its end on the axis, so the end adds to what the start set.
+// Keys are trimmed to the cell as the search saw them.
+void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides)
+{
+    const int axis = split.axis;
+    const uint32_t loKey = floatKey(node.cell.lo[axis]), hiKey = floatKey(node.cell.hi[axis]);
+    const uint32_t planeKey = floatKey(split.position);
+    const uint32_t flatAtPlane = split.flatBelow ? kGoesBelow : kGoesAbove;
+    const uint64_t* events = node.events[axis];
+    for (int32_t i = 0; i < node.eventCount[axis]; ++i) {
+        const uint64_t event = events[i];
+        const uint32_t key = std::min(std::max(eventKey(event), loKey), hiKey);
+        const uint32_t triangle = eventTriangle(event);
+        const uint32_t kind = eventKind(event);
+        const uint32_t flat = key < planeKey ? kGoesBelow : key > planeKey ? kGoesAbove : flatAtPlane;
+        const uint32_t start = key < planeKey ? kGoesBelow : 0;
+        const uint32_t end = sides[triangle] | (key > planeKey ? kGoesAbove : 0);
+        sides[triangle] = uint8_t(kind == kEventStart ? start : kind == kEventEnd ? end : flat);
+    }
+}
+
+Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
+                       SahNode& below, SahNode& above)
+{
+    int32_t counts[2] = {0, 0};
+    int32_t flats[2][3] = {};
+    for (int32_t i = 0; i < node.count; ++i) {
+        const uint32_t entry = uint32_t(node.list[i]);
+        const uint32_t side = sides[entry & kListTriangleMask];
+        const uint32_t flatBits = entry >> kListFlatShift;
+        for (int s = 0; s < 2; ++s) {
+            const uint32_t on = side >> s & 1u;
+            counts[s] += int32_t(on);
+            for (int k = 0; k < 3; ++k)
+                flats[s][k] += int32_t(on & flatBits >> k);
+        }
+    }
+    if (counts[0] != split.countBelow || counts[1] != split.countAbove) return StatusBuildMismatch;
+
+    SahNode* children[2] = {&below, &above};
+    for (int s = 0; s < 2; ++s) {
+        SahNode& child = *children[s];
+        child.count = counts[s];
+        for (int k = 0; k < 3; ++k)
+            child.eventCount[k] = 2 * child.count - flats[s][k];
+        child.cell = node.cell;
+    }
+    below.cell.hi[split.axis] = split.position;
+    above.cell.lo[split.axis] = split.position;
+    return StatusOk;
+}
+
+void writeSahChildren(const SahNode& node, const uint8_t* sides, const SahNode& below,
+                      const SahNode& above)
+{
+    filterList(node.list, node.count, below.list, above.list,
+               [sides](int32_t entry) { return uint32_t(sides[entry & kListTriangleMask]); });
+    for (int k = 0; k < 3; ++k)
+        filterList(node.events[k], node.eventCount[k], below.events[k], above.events[k],
+                   [sides](uint64_t event) { return uint32_t(sides[eventTriangle(event)]); });
+}
+
+}  // namespace vekr::accel

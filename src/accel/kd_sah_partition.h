@@ -1,0 +1,31 @@
+// The partition of a split node's lists between its two children: a triangle goes to each side
+// its trimmed extent reaches past the plane, one lying flat in the plane to the side the search
+// chose. Every list is filtered stably, so the children's events stay sorted and their lists
+// ascending.
+#pragma once
+
+#include <cstdint>
+
+#include "kd_sah_split.h"
+#include "vekr.h"
+
+namespace vekr::accel {
+
+// Notes, by triangle number, the sides the triangles of node go to under split (bit 0: below,
+// bit 1: above), in sides (one byte per triangle of the mesh; entries of other triangles are
+// left alone).
+void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides);
+
+// Sets the counts, event counts and cells of below and above (not their list pointers) after
+// classifySahSplit. Returns StatusBuildMismatch when a side's count is not the one the search
+// costed.
+Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
+                       SahNode& below, SahNode& above);
+
+// Writes node's lists into the children's, after classifySahSplit. Each child's lists may be
+// written one entry past their end. below may use node's own lists (written in place: no entry
+// is written before it is read); otherwise the lists must not overlap.
+void writeSahChildren(const SahNode& node, const uint8_t* sides, const SahNode& below,
+                      const SahNode& above);
+
+}  // namespace vekr::accel
