@@ -43,7 +43,8 @@ def _dtype_names(dtypes):
 
 def volume(a, name, dtypes, copy):
     """A 3-D array of one of dtypes whose rows are contiguous, with positive strides."""
-    if type(a) is np.ndarray and a.dtype in dtypes and a.ndim == 3 and a.flags.c_contiguous:
+    if (type(a) is np.ndarray and a.dtype in dtypes and a.ndim == 3 and a.flags.c_contiguous
+            and a.size):
         return a  # the common case, checked in one line
     if not isinstance(a, np.ndarray):
         if not copy:
@@ -87,6 +88,8 @@ def output(out, name, shape, dtype):
 def triple(value, name, positive=False):
     """Three floats in (z, y, x) order from a scalar or a sequence of three."""
     try:
+        if isinstance(value, (str, bytes)):
+            raise TypeError
         if np.ndim(value) == 0:
             v = float(value)
             t = (v, v, v)

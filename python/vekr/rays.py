@@ -29,7 +29,7 @@ class Hits(NamedTuple):
         ``origin + distance * direction``), ``inf`` for a miss.
     uv : float32 array, last axis 2
         The barycentric weights of the hit triangle's first and second vertices (the third
-        vertex weighs ``1 - u - v``).
+        vertex weighs ``1 - u - v``); 0 for a miss.
     triangle : int32 array
         The index of the hit triangle, -1 for a miss.
     """
@@ -200,7 +200,7 @@ class Scene:
         planes, width, height, shape = self._rays(directions)
         dist = self._max_distances(max_distance, shape)
         n = planes.shape[1]
-        uv = np.empty((2, n), np.float32)
+        uv = np.zeros((2, n), np.float32)  # a miss keeps weights 0
         tri = np.empty(n, np.int32)
         threads = _vekr.get_num_threads()
         if isinstance(origins, np.ndarray) and origins.shape != (3,):
@@ -238,7 +238,7 @@ class Scene:
         planes, width, height, shape = self._rays(directions)
         n = planes.shape[1]
         dist = self._max_distances(max_distance, shape, layers)
-        uv = np.empty((2, n * layers), np.float32)
+        uv = np.zeros((2, n * layers), np.float32)
         tri = np.empty(n * layers, np.int32)
         _vekr.intersect_multiple_so(self._local_point(origin, "origin"), planes, dist, uv, tri,
                                     width, height, layers, self._context,
