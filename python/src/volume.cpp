@@ -181,14 +181,15 @@ int remap(const py::array& src, const std::array<int, 6>& srcVoi, const py::arra
 }
 
 int warpAffine(const py::array& src, const std::array<int, 6>& srcVoi, const py::array& dst,
-               const std::array<int, 6>& dstVoi, const py::array& coeffs, int interpolation)
+               const std::array<int, 6>& dstVoi, const std::array<double, 12>& coeffs,
+               int interpolation)
 {
     return onVoxelType(src, [&](auto voxel) {
         using T = decltype(voxel);
         using Fn = VolumeFunctions<T>;
         const VolumeArg s = volumeArg<T>(src, "src", false);
         const VolumeArg d = volumeArg<T>(dst, "dst", true);
-        const double* c = contiguousData<double>(coeffs, "coeffs", 12, false);
+        const double* c = coeffs.data();
         const Cuboid sBox = cuboidArg(srcVoi), dBox = cuboidArg(dstVoi);
         requireBoxInside(dBox, d.size, "dst_voi");
         if (sBox.x >= s.size.width || sBox.y >= s.size.height || sBox.z >= s.size.depth)
@@ -328,7 +329,7 @@ void bindVolume(py::module_& m)
           "written from voxel (0, 0, 0) of dst. Returns the status.");
     m.def("warp_affine_c1pv", &warpAffine, arg("src"), arg("src_voi"), arg("dst"),
           arg("dst_voi"), arg("coeffs"), arg("interpolation"),
-          "vekrWarpAffine_{8u,16u,32f}_C1PV with 12 float64 coefficients (three rows of four, "
+          "vekrWarpAffine_{8u,16u,32f}_C1PV with a sequence of 12 coefficients (three rows of four, "
           "x' = c0 x + c1 y + c2 z + c3, ...). Returns the status.");
     m.def("filter_16s_c1pv", &filter16s, arg("src"), arg("src_offset"), arg("dst"), arg("roi"),
           arg("kernel"), arg("anchor"), arg("divisor"), arg("buffer") = py::none(),

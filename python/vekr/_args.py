@@ -71,6 +71,9 @@ def volume(a, name, dtypes, copy):
 
 def output(out, name, shape, dtype):
     """The caller's output array, checked against the shape and dtype the call writes."""
+    if (type(out) is np.ndarray and out.shape == shape and out.dtype == dtype
+            and out.flags.c_contiguous and out.flags.writeable):
+        return out  # the common case, checked in one line
     if not isinstance(out, np.ndarray):
         raise TypeError(f"{name} must be a numpy array or None, not {type(out).__name__}")
     if out.shape != tuple(shape):
@@ -88,20 +91,22 @@ def output(out, name, shape, dtype):
 def triple(value, name, positive=False):
     """Three floats in (z, y, x) order from a scalar or a sequence of three."""
     try:
-        if isinstance(value, (str, bytes)):
+        if type(value) is float or type(value) is int:
+            t = (float(value),) * 3
+        elif isinstance(value, (str, bytes)):
             raise TypeError
-        if np.ndim(value) == 0:
-            v = float(value)
-            t = (v, v, v)
+        elif np.ndim(value) == 0:
+            t = (float(value),) * 3
         else:
             z, y, x = value
             t = (float(z), float(y), float(x))
     except (TypeError, ValueError):
         raise TypeError(f"{name} must be a number or three numbers (z, y, x), "
                         f"not {value!r}") from None
-    if not all(map(math.isfinite, t)):
+    z, y, x = t
+    if not (math.isfinite(z) and math.isfinite(y) and math.isfinite(x)):
         raise ValueError(f"{name} must be finite, not {value!r}")
-    if positive and not (t[0] > 0 and t[1] > 0 and t[2] > 0):
+    if positive and not (z > 0 and y > 0 and x > 0):
         raise ValueError(f"{name} must be positive, not {value!r}")
     return t
 

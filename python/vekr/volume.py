@@ -5,6 +5,7 @@ voxel (x, y, z) is ``volume[z, y, x]``. Views whose rows are contiguous (``v[:, 
 are passed without a copy too.
 """
 
+import math
 import warnings
 
 import numpy as np
@@ -39,6 +40,11 @@ def resize_shape(shape, factors, shift=(0.0, 0.0, 0.0)):
         return None
     x, y, z, bw, bh, bd = box
     return (z + bd, y + bh, x + bw)
+
+
+# Destination boxes of recent resizes by geometry: the box query costs as much as the rest of
+# the Python layer of a small call.
+_resize_boxes = {}
 
 
 def resize(volume, factors, shift=(0.0, 0.0, 0.0), interpolation="linear", out=None, *,
@@ -92,9 +98,15 @@ def resize(volume, factors, shift=(0.0, 0.0, 0.0), interpolation="linear", out=N
     fz, fy, fx = _args.triple(factors, "factors", positive=True)
     sz, sy, sx = _args.triple(shift, "shift")
     d, h, w = src.shape
-    box = []
-    if _vekr.get_resize_cuboid(box, (0, 0, 0, w, h, d), (fx, fy, fz), (sx, sy, sz), kind):
-        return np.zeros((0, 0, 0), src.dtype)  # nothing covered: the warning was issued
+    key = (w, h, d, fx, fy, fz, sx, sy, sz, kind)
+    box = _resize_boxes.get(key)
+    if box is None:
+        box = []
+        if _vekr.get_resize_cuboid(box, (0, 0, 0, w, h, d), (fx, fy, fz), (sx, sy, sz), kind):
+            return np.zeros((0, 0, 0), src.dtype)  # nothing covered: the warning was issued
+        if len(_resize_boxes) > 256:
+            _resize_boxes.clear()
+        _resize_boxes[key] = box
     x0, y0, z0, bw, bh, bd = box
     shape = (z0 + bd, y0 + bh, x0 + bw)
     if out is None:
@@ -108,19 +120,19 @@ def resize(volume, factors, shift=(0.0, 0.0, 0.0), interpolation="linear", out=N
 
 def _library_matrix(matrix):
     """The 12 coefficients of vekr.h (x, y, z order) from a (z, y, x) matrix."""
-    m = np.asarray(matrix, dtype=np.float64) if not isinstance(matrix, np.ndarray) else matrix
+    m = matrix if isinstance(matrix, np.ndarray) else np.asarray(matrix)
     if m.dtype.kind not in "fiu":
         raise TypeError(f"matrix must hold real numbers, not {m.dtype}")
-    if m.shape not in ((3, 4), (4, 4)):
+    if m.shape != (3, 4) and m.shape != (4, 4):
         raise ValueError(f"matrix must have shape (3, 4) or (4, 4), not {m.shape}")
-    if m.shape == (4, 4) and not np.array_equal(m[3], (0, 0, 0, 1)):
+    rows = m.tolist()  # a dozen numbers: plain Python is faster than numpy here
+    if len(rows) == 4 and rows[3] != [0, 0, 0, 1]:
         raise ValueError("the last row of a (4, 4) matrix must be (0, 0, 0, 1)")
-    if not np.all(np.isfinite(m[:3])):
+    (a, b, c, d), (e, f, g, h), (i, j, k, l) = rows[:3]
+    coeffs = [k, j, i, l, g, f, e, h, c, b, a, d]  # rows and columns (z, y, x) -> (x, y, z)
+    if not all(map(math.isfinite, coeffs)):
         raise ValueError("matrix must be finite")
-    c = np.empty((3, 4), np.float64)
-    c[:, :3] = m[2::-1, 2::-1]  # rows and columns (z, y, x) -> (x, y, z)
-    c[:, 3] = m[2::-1, 3]
-    return c
+    return coeffs
 
 
 def warp_affine(volume, matrix, output_shape=None, interpolation="linear", out=None, cval=0,

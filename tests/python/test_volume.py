@@ -163,7 +163,8 @@ def test_warp_equals_the_direct_call_with_the_matrix_in_x_y_z_order(rng, dtype):
     coeffs[:, :3] = np.flip(forward[:3, :3])  # row and column (z, y, x) -> (x, y, z)
     coeffs[:, 3] = forward[2::-1, 3]
     direct = np.zeros_like(volume)
-    _vekr.warp_affine_c1pv(volume, (0, 0, 0, 9, 8, 7), direct, (0, 0, 0, 9, 8, 7), coeffs, 6)
+    _vekr.warp_affine_c1pv(volume, (0, 0, 0, 9, 8, 7), direct, (0, 0, 0, 9, 8, 7), coeffs.ravel(),
+                           6)
     np.testing.assert_array_equal(result, direct)
 
 
