@@ -4,7 +4,7 @@
 # the flags of pkg-config, and the installed tools. Each program checks its own results.
 # Compilers, flags, generator and build type come from the environment (CC, CXX, CFLAGS,
 # CXXFLAGS, LDFLAGS, CMAKE_GENERATOR, CMAKE_BUILD_TYPE), which CMake reads too, so a sanitizer
-# build gets sanitized clients.
+# build gets sanitized clients; PYTHON is the interpreter of the Python package, if built.
 # Usage: run_consumer_test.sh CMAKE BUILD_DIR WORK_DIR LIBDIR BINDIR
 set -euo pipefail
 cmake=$1 build=$2 work=$3 libdir=$4 bindir=$5
@@ -36,4 +36,10 @@ if [[ -x $prefix/$bindir/vekr-render ]]; then
     out=$("$prefix/$bindir/vekr-volume" --size 16 --resize 2 -o "$work/volume.png")
     [[ $out =~ result:\ 32\ x\ 32\ x\ 32 ]] || { echo "vekr-volume: $out"; exit 1; }
 fi
+# The Python package, where it was built, imports from the prefix and finds the libraries there.
+for package in "$prefix"/lib*/python3*/*-packages; do
+    [[ -d $package/vekr ]] || continue
+    PYTHONPATH=$package "${PYTHON:-python3}" -c \
+        'import numpy, vekr; assert vekr.resize(numpy.ones((2, 2, 2), numpy.float32), 2).shape == (4, 4, 4)'
+done
 echo "installed package works"

@@ -1,0 +1,26 @@
+"""Shared fixtures of the Python tests: the library thread count, restored after each test."""
+import numpy as np
+import pytest
+
+import vekr
+
+
+@pytest.fixture(params=[1, 2], ids=lambda n: f"threads={n}")
+def threads(request):
+    """Runs a test with 1 and with 2 library threads."""
+    saved = vekr.get_num_threads()
+    vekr.set_num_threads(request.param)
+    yield request.param
+    vekr.set_num_threads(saved)
+
+
+@pytest.fixture
+def rng():
+    return np.random.default_rng(7)
+
+
+def raises_naming(call, error, words):
+    """Asserts that call() raises `error` with a message containing `words`."""
+    with pytest.raises(error) as caught:
+        call()
+    assert words in str(caught.value), str(caught.value)
