@@ -271,16 +271,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     params.ratio = pickReal(in, 0.0f, 1.0f);
     float* ownBox = blocks.take<float>(6);
     fillValues(in, ownBox, 6, [&](uint64_t r) { return box[r % 6]; });
-    switch (in.ConsumeIntegralInRange<int>(0, 2)) {
-        case 0:
-            params.pBoundBox = box;
-            break;  // the scene's own box
-        case 1:
-            params.pBoundBox = nullptr;
-            break;  // the vertices' box
-        default:
-            params.pBoundBox = ownBox;  // any box, even one that misses the mesh
-    }
+    // The scene's own box, none (the vertices' box) or any box, even one that misses the mesh.
+    const float* const boxChoices[3] = {box, nullptr, ownBox};
+    params.pBoundBox = boxChoices[in.ConsumeIntegralInRange<int>(0, 2)];
 
     const int vertexCount = rarely(in) ? pickCount(in, kMaxVertices) : m.vertexCount;
     const int triangleCount = rarely(in) ? pickCount(in, kMaxTriangles) : m.triangleCount;
