@@ -59,7 +59,11 @@ auto onVoxelType(const py::array& src, F&& f)
 }
 
 struct VekFree {
-    void operator()(uint8_t* p) const { vekFree(p); }
+    void operator()(uint8_t* p) const
+    {
+        py::gil_scoped_release unlocked;  // buffers are released where the GIL is held
+        vekFree(p);
+    }
 };
 using WorkBuffer = std::unique_ptr<uint8_t, VekFree>;
 
@@ -69,7 +73,10 @@ using WorkBuffer = std::unique_ptr<uint8_t, VekFree>;
 uint8_t* workBuffer(const std::optional<py::array>& given, int needed, WorkBuffer& owned)
 {
     if (given) return contiguousData<uint8_t>(*given, "buffer", needed > 0 ? needed : 0, true);
-    owned.reset(static_cast<uint8_t*>(vekMalloc(size_t(needed > 0 ? needed : 64))));
+    {
+        py::gil_scoped_release unlocked;
+        owned.reset(static_cast<uint8_t*>(vekMalloc(size_t(needed > 0 ? needed : 64))));
+    }
     if (!owned) throw std::bad_alloc();
     return owned.get();
 }
