@@ -26,7 +26,16 @@ struct KdTree {
     KdTree() = default;
     KdTree(const KdTree&) = delete;
     KdTree& operator=(const KdTree&) = delete;
-    ~KdTree() { vekrKDTreeFree(root); }
+    ~KdTree()
+    {
+        if (root == nullptr) return;
+        if (PyGILState_Check()) {
+            py::gil_scoped_release unlocked;
+            vekrKDTreeFree(root);
+        } else {
+            vekrKDTreeFree(root);
+        }
+    }
 };
 
 // An IntersectContext with the arrays and the tree it points into kept alive.

@@ -33,8 +33,12 @@ const SHState* stateArg(const py::array& state)
     if (reinterpret_cast<uintptr_t>(bytes) % 16 != 0)
         throw py::value_error("state must be 16-byte aligned");
     const auto* s = reinterpret_cast<const SHState*>(bytes);
-    int size = 0;
-    if (vekrSHGetSize_32f(s->order, s->method, &size) != StatusOk || state.size() < size)
+    int size = 0, status;
+    {
+        py::gil_scoped_release unlocked;
+        status = vekrSHGetSize_32f(s->order, s->method, &size);
+    }
+    if (status != StatusOk || state.size() < size)
         throw py::value_error("state was not set up by sh_init");
     return s;
 }
@@ -82,8 +86,12 @@ void bindBasis(py::module_& m)
             uint8_t* bytes = contiguousData<uint8_t>(state, "state", 0, true);
             if (reinterpret_cast<uintptr_t>(bytes) % 16 != 0)
                 throw py::value_error("state must be 16-byte aligned");
-            int size = 0;
-            if (vekrSHGetSize_32f(order, method, &size) == StatusOk && state.size() < size)
+            int size = 0, status;
+            {
+                py::gil_scoped_release unlocked;
+                status = vekrSHGetSize_32f(order, method, &size);
+            }
+            if (status == StatusOk && state.size() < size)
                 throw py::value_error("state holds " + std::to_string(state.size()) +
                                       " bytes, sh_get_size asks for " + std::to_string(size));
             return callReleased("vekrSHInit_32f",

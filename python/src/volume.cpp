@@ -59,7 +59,15 @@ auto onVoxelType(const py::array& src, F&& f)
 }
 
 struct VekFree {
-    void operator()(uint8_t* p) const { vekFree(p); }
+    void operator()(uint8_t* p) const
+    {
+        if (PyGILState_Check()) {
+            py::gil_scoped_release unlocked;
+            vekFree(p);
+        } else {
+            vekFree(p);
+        }
+    }
 };
 using WorkBuffer = std::unique_ptr<uint8_t, VekFree>;
 
@@ -69,7 +77,10 @@ using WorkBuffer = std::unique_ptr<uint8_t, VekFree>;
 uint8_t* workBuffer(const std::optional<py::array>& given, int needed, WorkBuffer& owned)
 {
     if (given) return contiguousData<uint8_t>(*given, "buffer", needed > 0 ? needed : 0, true);
-    owned.reset(static_cast<uint8_t*>(vekMalloc(size_t(needed > 0 ? needed : 64))));
+    {
+        py::gil_scoped_release unlocked;
+        owned.reset(static_cast<uint8_t*>(vekMalloc(size_t(needed > 0 ? needed : 64))));
+    }
     if (!owned) throw std::bad_alloc();
     return owned.get();
 }
@@ -126,22 +137,34 @@ int resize(bool planar, const py::array& src, const std::array<int, 6>& srcVoi,
         requireBoxInside(dBox, d.size, "dst_voi");
         if (!planar && (s.planeBytes > INT32_MAX || d.planeBytes > INT32_MAX))
             throw py::value_error("planes longer than 2^31 - 1 bytes need the planar form");
-        WorkBuffer owned;
-        uint8_t* work = workBuffer(buffer, resizeBufferBytes(sBox, dBox, interpolation), owned);
-        int status;
-        if (planar) {
-            const std::vector<const T*> sp = s.planes<const T>();
-            const std::vector<T*> dp = d.planes<T>();
+        std::vector<const T*> sp;
+        std::vector<T*> dp;
+        if (planar) sp = s.planes<const T>(), dp = d.planes<T>();
+        const auto call = [&](uint8_t* work) {
+            if (planar)
+                return Fn::resizePV(sp.data(), s.size, s.rowBytes, sBox, dp.data(), d.rowBytes,
+                                    dBox, factor[0], factor[1], factor[2], shift[0], shift[1],
+                                    shift[2], interpolation, work);
+            return Fn::resizeV(reinterpret_cast<const T*>(s.origin), s.size, s.rowBytes,
+                               int(s.planeBytes), sBox, reinterpret_cast<T*>(d.origin),
+                               d.rowBytes, int(d.planeBytes), dBox, factor[0], factor[1],
+                               factor[2], shift[0], shift[1], shift[2], interpolation, work);
+        };
+        int status = StatusNoMemory;
+        if (buffer) {
+            uint8_t* work = contiguousData<uint8_t>(
+                *buffer, "buffer", resizeBufferBytes(sBox, dBox, interpolation), true);
             py::gil_scoped_release unlocked;
-            status = Fn::resizePV(sp.data(), s.size, s.rowBytes, sBox, dp.data(), d.rowBytes, dBox,
-                                  factor[0], factor[1], factor[2], shift[0], shift[1], shift[2],
-                                  interpolation, work);
+            status = call(work);
         } else {
+            // Query, allocation, call and release in one stretch without the GIL: a small
+            // call costs little more than the library's own work.
             py::gil_scoped_release unlocked;
-            status = Fn::resizeV(reinterpret_cast<const T*>(s.origin), s.size, s.rowBytes,
-                                 int(s.planeBytes), sBox, reinterpret_cast<T*>(d.origin),
-                                 d.rowBytes, int(d.planeBytes), dBox, factor[0], factor[1],
-                                 factor[2], shift[0], shift[1], shift[2], interpolation, work);
+            int bytes = 0;
+            if (vekrResizeGetBufSize(sBox, dBox, 1, interpolation, &bytes) != StatusOk)
+                bytes = 64;  // the call then fails its own checks before it uses the buffer
+            WorkBuffer work(static_cast<uint8_t*>(vekMalloc(size_t(bytes))));
+            if (work) status = call(work.get());
         }
         return checkStatus(status, Fn::names[planar ? 1 : 0]);
     });

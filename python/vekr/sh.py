@@ -69,7 +69,7 @@ def sh_basis(directions, order, method="recurrence"):
     Examples
     --------
     >>> vekr.sh_basis(np.array([[0, 0, 1]], np.float32), 1)   # Y00, Y1-1, Y10, Y11
-    array([[0.2820948, 0.       , 0.48860252, 0.       ]], dtype=float32)
+    array([[ 0.2820948 , -0.        ,  0.48860252, -0.        ]], dtype=float32)
     """
     order = _order(order)
     if method not in SH_METHODS:

@@ -47,7 +47,10 @@ def resize_shape(shape, factors, shift=(0.0, 0.0, 0.0)):
 _resize_boxes = {}
 
 
-def resize(volume, factors, shift=(0.0, 0.0, 0.0), interpolation="linear", out=None, *,
+_NO_SHIFT = (0.0, 0.0, 0.0)
+
+
+def resize(volume, factors, shift=_NO_SHIFT, interpolation="linear", out=None, *,
            copy=False):
     """Resize a volume by independent factors along z, y and x, with a shift.
 
@@ -96,7 +99,7 @@ def resize(volume, factors, shift=(0.0, 0.0, 0.0), interpolation="linear", out=N
     src = _args.volume(volume, "volume", _args.RESAMPLE_DTYPES, copy)
     kind = _args.interpolation_code(interpolation)
     fz, fy, fx = _args.triple(factors, "factors", positive=True)
-    sz, sy, sx = _args.triple(shift, "shift")
+    sz, sy, sx = shift if shift is _NO_SHIFT else _args.triple(shift, "shift")
     d, h, w = src.shape
     key = (w, h, d, fx, fy, fz, sx, sy, sz, kind)
     box = _resize_boxes.get(key)
@@ -125,10 +128,10 @@ def _library_matrix(matrix):
         raise TypeError(f"matrix must hold real numbers, not {m.dtype}")
     if m.shape != (3, 4) and m.shape != (4, 4):
         raise ValueError(f"matrix must have shape (3, 4) or (4, 4), not {m.shape}")
-    rows = m.tolist()  # a dozen numbers: plain Python is faster than numpy here
-    if len(rows) == 4 and rows[3] != [0, 0, 0, 1]:
+    flat = m.ravel().tolist()  # a dozen numbers: plain Python is faster than numpy here
+    if len(flat) == 16 and flat[12:] != [0, 0, 0, 1]:
         raise ValueError("the last row of a (4, 4) matrix must be (0, 0, 0, 1)")
-    (a, b, c, d), (e, f, g, h), (i, j, k, l) = rows[:3]
+    a, b, c, d, e, f, g, h, i, j, k, l = flat[:12]
     coeffs = [k, j, i, l, g, f, e, h, c, b, a, d]  # rows and columns (z, y, x) -> (x, y, z)
     if not all(map(math.isfinite, coeffs)):
         raise ValueError("matrix must be finite")
