@@ -140,6 +140,16 @@ def test_results_equal_the_direct_call_on_one_thread(rng, threads):
     np.testing.assert_array_equal(hits.triangle.ravel(), tri)
     np.testing.assert_array_equal(hits.distance.ravel(), dist)
     np.testing.assert_array_equal(hits.uv.reshape(-1, 2), uv.T)
+    # Layers: threads trace bands into scratch layers, the direct call the whole block.
+    layers = scene.intersect_layers(origin, directions, 3)
+    dist = np.full(3 * planes.shape[1], np.finfo(np.float32).max, np.float32)
+    uv = np.zeros((2, dist.size), np.float32)
+    tri = np.empty(dist.size, np.int32)
+    _vekr.intersect_multiple_so(local, planes, dist, uv, tri, 72, 64, 3, scene._context)
+    dist[tri < 0] = np.inf
+    np.testing.assert_array_equal(layers.triangle.ravel(), tri)
+    np.testing.assert_array_equal(layers.distance.ravel(), dist)
+    np.testing.assert_array_equal(layers.uv.reshape(-1, 2), uv.T)
 
 
 def test_scene_reports_its_tree_and_bounds(rng):
