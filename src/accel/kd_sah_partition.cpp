@@ -41,10 +41,14 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
         const uint32_t key = std::min(std::max(eventKey(event), loKey), hiKey);
         const uint32_t triangle = eventTriangle(event);
         const uint32_t kind = eventKind(event);
-        const uint32_t flat = key < planeKey ? kGoesBelow : key > planeKey ? kGoesAbove : flatAtPlane;
-        const uint32_t start = key < planeKey ? kGoesBelow : 0;
-        const uint32_t end = sides[triangle] | (key > planeKey ? kGoesAbove : 0);
-        sides[triangle] = uint8_t(kind == kEventStart ? start : kind == kEventEnd ? end : flat);
+        const uint32_t below = key < planeKey ? kGoesBelow : 0;
+        const uint32_t above = key > planeKey ? kGoesAbove : 0;
+        // Start: below or nothing yet. End: adds above. Flat: one side, at the plane the
+        // chosen one.
+        const uint32_t flat = below | above | ((below | above) != 0 ? 0 : flatAtPlane);
+        const uint32_t keep = kind == kEventEnd ? sides[triangle] : 0;
+        const uint32_t set = kind == kEventStart ? below : kind == kEventEnd ? above : flat;
+        sides[triangle] = uint8_t(keep | set);
     }
 }
 
