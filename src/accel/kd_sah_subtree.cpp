@@ -49,7 +49,8 @@ Status SahSubtreeBuilder::build(const SahNode& root, uint32_t splitsAbove, Build
     Status status = buildFrom({&out, root, splitsAbove, base});
     if (status == StatusOk && shared_ != nullptr) {
         status = chargeKept(0);
-        if (status == StatusOk && !shared_->raisePeak(uint64_t(stack_.peakWords() - base.liveWords) * 4))
+        if (status == StatusOk && !shared_->raisePeak(SharedBudget::kSubtreeStack,
+                                                    uint64_t(stack_.peakWords() - base.liveWords) * 4))
             status = StatusMemoryLimit;
     }
     stack_.rewind(base);
