@@ -98,13 +98,23 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
     classifySahSplit(node.lists, best, sides_);
     status = sizeSahChildren(node.lists, best, sides_, below, higher);
     if (status != StatusOk) return status;
-    int32_t* words = stack_.take(sahNodeWords(higher.count, higher.eventCount), &status);
-    if (words == nullptr) return status;
-    placeSahNode(words, higher);
-    below.list = node.lists.list;
-    for (int k = 0; k < 3; ++k)
-        below.events[k] = node.lists.events[k];
-    writeSahChildren(node.lists, sides_, below, higher);
+    // A cut that leaves one side empty (empty space, flat triangles in the cell's face) hands
+    // the other side the node's own lists, which are already what the partition would write.
+    const bool oneSided = below.count == 0 || higher.count == 0;
+    SahNode& whole = below.count == 0 ? higher : below;
+    if (oneSided) {
+        whole.list = node.lists.list;
+        for (int k = 0; k < 3; ++k)
+            whole.events[k] = node.lists.events[k];
+    } else {
+        int32_t* words = stack_.take(sahNodeWords(higher.count, higher.eventCount), &status);
+        if (words == nullptr) return status;
+        placeSahNode(words, higher);
+        below.list = node.lists.list;
+        for (int k = 0; k < 3; ++k)
+            below.events[k] = node.lists.events[k];
+        writeSahChildren(node.lists, sides_, below, higher);
+    }
 
     above = OpenNode{children + 1, higher, node.splitsAbove + 1, stack_.mark()};
     node = OpenNode{children, below, node.splitsAbove + 1, {}};
