@@ -1,17 +1,23 @@
-// One level after the other, each in two steps with a barrier after each:
-//   1. the searches of the level's open nodes (one item per axis) and the subtrees of its small
-//      nodes (one item each);
-//   2. the open nodes' decisions and partitions (one item each): a split node's children get
-//      a block of lists of their own and two slots of the next level, at places fixed by the
-//      node's rank among the open nodes.
-// Items are handed out through a counter; what an item writes depends only on the item, never
-// on the member that takes it. A failure stops all further work but not the loop: its slots
-// stay empty, so the levels run out the same way for every member.
+// The levels are worked through without barriers. Each level passes three stages:
+//   ready        its slots are final: the searches of its open nodes (one item per axis) and
+//                its subtrees (one item each) may start;
+//   searched     every search is done: the decisions and partitions (one item per open node)
+//                may start; a split node's children get a block of lists of their own and
+//                two slots of the next level, at places fixed by the node's rank;
+//   partitioned  the next level is ready.
+// A member takes the current level's searches or partitions when there are any, and subtrees
+// of any ready level otherwise, so that nobody waits at the end of a level while the
+// subtrees are still to be built. The member that completes the last item of a stage opens
+// the next; the one that completes the last item of a level (its partitions and subtrees)
+// frees its lists. What an item writes depends only on the item, never on the member that
+// takes it. A failure stops all further work but not the counting, so the levels still run
+// out.
 #include "kd_sah_levels.h"
 
 #include <algorithm>
 #include <atomic>
 #include <new>
+#include <thread>
 
 #include "frame/parallel_region.h"
 #include "kd_sah_partition.h"
@@ -37,12 +43,20 @@ struct Slot {
     void* block;       // the lists of this slot and the next, when this slot owns them
 };
 
+enum LevelStage : int { kWaiting, kReady, kSearched, kPartitioned };
+
 struct Level {
     Slot* slots = nullptr;
     int32_t count = 0;
     int32_t* openRanks = nullptr;  // per slot: its rank among the open slots
     int32_t openCount = 0;
-    std::atomic<uint64_t> listBytes{0};  // the lists of the slots
+    std::atomic<uint64_t> listBytes{0};  // the slots and lists of the level
+    std::atomic<int> stage{kWaiting};
+    // Item cursors and the items done, per kind.
+    std::atomic<int64_t> nextSearch{0}, searchesDone{0};
+    std::atomic<int64_t> nextPartition{0}, partitionsDone{0};
+    std::atomic<int64_t> nextSubtree{0};
+    std::atomic<int64_t> unfinished{0};  // partition and subtree items still to complete
 };
 
 }  // namespace
@@ -80,20 +94,20 @@ public:
     Status status() const { return Status(failure_.load()); }
 
 private:
-    template <class Fn>
-    void forEachItem(std::atomic<int64_t>& next, int64_t count, Fn fn)
-    {
-        for (int64_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;)
-            if (failure_.load(std::memory_order_relaxed) == StatusOk) fn(i);
-    }
     void record(Status status)
     {
         int expected = StatusOk;
         if (status != StatusOk) failure_.compare_exchange_strong(expected, status);
     }
     bool failed() const { return failure_.load(std::memory_order_relaxed) != StatusOk; }
+    void open(uint32_t depth);
+    bool takeLevelItem(int member, uint32_t depth);
+    bool takeSubtree(int member);
+    void completeSearch(uint32_t depth);
+    void completeLevelItem(uint32_t depth);
     Status prepareNextLevel(uint32_t depth);
-    void searchOrBuild(int member, uint32_t depth, int64_t item);
+    void search(uint32_t depth, int64_t item);
+    void buildSubtree(int member, uint32_t depth, Slot& slot);
     void decideAndPartition(int member, uint32_t depth, int32_t slot);
     Status partition(Member& pools, uint32_t depth, Slot& slot, const SahSplit& split,
                      Slot* children);
@@ -103,7 +117,9 @@ private:
     SahLevelBuilder& b_;
     SahTreeRules subtreeRules_ = b_.rules_;
     Level levels_[kMaxLevels + 1];
-    std::atomic<int64_t> nextItem_[2] = {0, 0};  // by the step's parity
+    std::atomic<uint32_t> current_{0};        // the deepest level opened
+    std::atomic<uint32_t> oldestSubtrees_{0};  // no subtrees are left above this level
+    std::atomic<int> unreleasedLevels_{0};
     std::atomic<int> failure_{StatusOk};
 };
 
@@ -115,37 +131,105 @@ Status SahLevelBuilder::Team::start(const SahNode& root, BuildNode& out)
     first.count = 1;
     const SlotKind kind = root.count >= b_.levelMinTriangles_ ? SlotKind::Open : SlotKind::Subtree;
     new (first.slots) Slot{kind, &out, root, {}, nullptr};
+    unreleasedLevels_.store(1);
+    open(0);
     return StatusOk;
+}
+
+// Makes a level's items available: its slots are final.
+void SahLevelBuilder::Team::open(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    level.unfinished.store(2 * int64_t(level.count));
+    record(prepareNextLevel(depth));
+    current_.store(depth);
+    level.stage.store(kReady, std::memory_order_release);
 }
 
 void SahLevelBuilder::Team::run(int member)
 {
     // A member beyond those the pools were made for (the thread count changed in between)
-    // takes no work and only keeps to the barriers.
-    const bool works = member < b_.memberCount_;
-    for (uint32_t depth = 0;; ++depth) {
-        Level& level = levels_[depth];
-        std::atomic<int64_t>& searchItems = nextItem_[0];
-        std::atomic<int64_t>& partitionItems = nextItem_[1];
-        if (member == 0) {
-            // Nobody reads the last level any more, nor its lists.
-            if (depth >= 1) release(levels_[depth - 1]);
-            record(prepareNextLevel(depth));
-            partitionItems.store(0);
+    // takes no work.
+    if (member >= b_.memberCount_) return;
+    int idle = 0;
+    while (unreleasedLevels_.load(std::memory_order_acquire) > 0) {
+        if (takeLevelItem(member, current_.load(std::memory_order_acquire)) || takeSubtree(member)) {
+            idle = 0;
+            continue;
         }
-        // The searches of the open slots, one item per axis, then the subtrees.
-        if (works)
-            forEachItem(searchItems, 4 * int64_t(level.count),
-                        [&](int64_t i) { searchOrBuild(member, depth, i); });
-#pragma omp barrier
-        if (member == 0) searchItems.store(0);
-        if (works)
-            forEachItem(partitionItems, level.count,
-                        [&](int64_t i) { decideAndPartition(member, depth, int32_t(i)); });
-#pragma omp barrier
-        // Written before the barrier and not after: every member sees the same count.
-        if (levels_[depth + 1].count == 0) break;
+        // Nothing to take until another member completes a stage.
+        if (++idle > 64) std::this_thread::yield();
     }
+}
+
+// A search or a partition of the level, when its stage has them and some are left.
+bool SahLevelBuilder::Team::takeLevelItem(int member, uint32_t depth)
+{
+    Level& level = levels_[depth];
+    const int stage = level.stage.load(std::memory_order_acquire);
+    if (stage == kReady) {
+        const int64_t searches = 3 * int64_t(level.count);
+        const int64_t i = level.nextSearch.fetch_add(1, std::memory_order_relaxed);
+        if (i >= searches) return false;
+        if (!failed()) search(depth, i);
+        completeSearch(depth);
+        return true;
+    }
+    if (stage == kSearched) {
+        const int64_t i = level.nextPartition.fetch_add(1, std::memory_order_relaxed);
+        if (i >= level.count) return false;
+        if (!failed()) decideAndPartition(member, depth, int32_t(i));
+        if (level.partitionsDone.fetch_add(1, std::memory_order_acq_rel) + 1 == level.count) {
+            // The next level's slots are all written: open it, or end the levels.
+            level.stage.store(kPartitioned, std::memory_order_release);
+            if (levels_[depth + 1].count > 0) {
+                unreleasedLevels_.fetch_add(1);
+                open(depth + 1);
+            }
+        }
+        completeLevelItem(depth);
+        return true;
+    }
+    return false;
+}
+
+void SahLevelBuilder::Team::completeSearch(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    if (level.searchesDone.fetch_add(1, std::memory_order_acq_rel) + 1 == 3 * int64_t(level.count))
+        level.stage.store(kSearched, std::memory_order_release);
+}
+
+// The last partition or subtree of a level frees its lists.
+void SahLevelBuilder::Team::completeLevelItem(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    if (level.unfinished.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    release(level);
+    unreleasedLevels_.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+// A subtree of the oldest level that has any left.
+bool SahLevelBuilder::Team::takeSubtree(int member)
+{
+    const uint32_t deepest = current_.load(std::memory_order_acquire);
+    for (uint32_t depth = oldestSubtrees_.load(std::memory_order_relaxed); depth <= deepest;
+         ++depth) {
+        Level& level = levels_[depth];
+        if (level.stage.load(std::memory_order_acquire) < kReady) break;
+        int64_t i;
+        while ((i = level.nextSubtree.fetch_add(1, std::memory_order_relaxed)) < level.count) {
+            Slot& slot = level.slots[i];
+            const bool isSubtree = slot.kind == SlotKind::Subtree;
+            if (isSubtree && !failed()) buildSubtree(member, depth, slot);
+            completeLevelItem(depth);
+            if (isSubtree) return true;
+        }
+        // Only ever raised: a member that reads an old value merely looks at a spent level.
+        uint32_t oldest = depth;
+        oldestSubtrees_.compare_exchange_strong(oldest, depth + 1);
+    }
+    return false;
 }
 
 // Ranks the open slots of the level and makes the next level's slots, two per open slot, all
@@ -175,18 +259,15 @@ Status SahLevelBuilder::Team::prepareNextLevel(uint32_t depth)
     return StatusOk;
 }
 
-void SahLevelBuilder::Team::searchOrBuild(int member, uint32_t depth, int64_t item)
+void SahLevelBuilder::Team::search(uint32_t depth, int64_t item)
 {
-    Level& level = levels_[depth];
-    const int64_t searches = 3 * int64_t(level.count);
-    if (item < searches) {
-        Slot& slot = level.slots[item / 3];
-        if (slot.kind == SlotKind::Open && sahMaySplit(slot.lists, b_.rules_, depth, 0))
-            slot.axes[item % 3] = searchSplitAxis(slot.lists, int(item % 3));
-        return;
-    }
-    Slot& slot = level.slots[item - searches];
-    if (slot.kind != SlotKind::Subtree) return;
+    Slot& slot = levels_[depth].slots[item / 3];
+    if (slot.kind == SlotKind::Open && sahMaySplit(slot.lists, b_.rules_, depth, 0))
+        slot.axes[item % 3] = searchSplitAxis(slot.lists, int(item % 3));
+}
+
+void SahLevelBuilder::Team::buildSubtree(int member, uint32_t depth, Slot& slot)
+{
     Member& pools = b_.members_[member];
     SahSubtreeBuilder builder(subtreeRules_, pools.stack, pools.kept, pools.sides, &b_.shared_);
     record(builder.build(slot.lists, depth, *slot.out));
@@ -259,15 +340,16 @@ Status SahLevelBuilder::Team::chargeLevelLists(uint32_t depth, uint64_t bytes)
                : StatusMemoryLimit;
 }
 
+// Once: the destructor releases what a failed or finished build left.
 void SahLevelBuilder::Team::release(Level& level)
 {
+    if (level.slots == nullptr) return;
     for (int32_t i = 0; i < level.count; ++i)
         vekFree(level.slots[i].block);
     vekFree(level.slots);
     vekFree(level.openRanks);
     level.slots = nullptr;
     level.openRanks = nullptr;
-    level.count = 0;
 }
 
 SahLevelBuilder::SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles,
