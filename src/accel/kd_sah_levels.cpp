@@ -117,7 +117,7 @@ private:
     SahLevelBuilder& b_;
     SahTreeRules subtreeRules_ = b_.rules_;
     Level levels_[kMaxLevels + 1];
-    std::atomic<uint32_t> current_{0};        // the deepest level opened
+    std::atomic<uint32_t> current_{0};         // the deepest level opened
     std::atomic<uint32_t> oldestSubtrees_{0};  // no subtrees are left above this level
     std::atomic<int> unreleasedLevels_{0};
     std::atomic<int> failure_{StatusOk};
@@ -153,7 +153,8 @@ void SahLevelBuilder::Team::run(int member)
     if (member >= b_.memberCount_) return;
     int idle = 0;
     while (unreleasedLevels_.load(std::memory_order_acquire) > 0) {
-        if (takeLevelItem(member, current_.load(std::memory_order_acquire)) || takeSubtree(member)) {
+        if (takeLevelItem(member, current_.load(std::memory_order_acquire)) ||
+            takeSubtree(member)) {
             idle = 0;
             continue;
         }
@@ -354,8 +355,12 @@ void SahLevelBuilder::Team::release(Level& level)
 
 SahLevelBuilder::SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles,
                                  BuildBudget& budget, int32_t triangleCount, uint8_t* sides)
-    : rules_(rules), levelMinTriangles_(levelMinTriangles), budget_(budget),
-      triangleCount_(triangleCount), sides_(sides), shared_(budget)
+    : rules_(rules),
+      levelMinTriangles_(levelMinTriangles),
+      budget_(budget),
+      triangleCount_(triangleCount),
+      sides_(sides),
+      shared_(budget)
 {
 }
 

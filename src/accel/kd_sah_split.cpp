@@ -94,7 +94,7 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     RunSweep sweep{};
     // Per run end: its key (low half) and the chunk's counts through it (high half).
     uint64_t ends[kRunChunk];
-    int32_t below = 0, flatsBefore = 0;  // through the last costed run
+    int32_t below = 0, flatsBefore = 0;                      // through the last costed run
     int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
     uint64_t event = events[0];
     uint32_t key = clamp(event);
@@ -138,8 +138,7 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             bestAbove = costWins ? above : bestAbove;
             bestCost = costWins ? cost : bestCost;
             if (lying > 0) {
-                const double flatCost =
-                    double(below + lying) * toLo + double(above - lying) * toHi;
+                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
                 const bool flatWins = flatCost < bestCost;
                 bestChoice = flatWins ? 2 * r + 1 : bestChoice;
                 bestBelow = flatWins ? below + lying : bestBelow;
@@ -201,8 +200,8 @@ SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
         best.offer(model.at(lo, flatsAtLo, n - flatsAtLo) * kBonusFactor, lo, true, flatsAtLo,
                    n - flatsAtLo);
     if (flatsAtHi > 0)
-        best.offer(model.at(hi, n - flatsAtHi, flatsAtHi) * kBonusFactor, hi, false,
-                   n - flatsAtHi, flatsAtHi);
+        best.offer(model.at(hi, n - flatsAtHi, flatsAtHi) * kBonusFactor, hi, false, n - flatsAtHi,
+                   flatsAtHi);
     if (sweep.best.found && sweep.best.cost < best.cost) best = sweep.best;
     if (!best.found) return {};
     return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * (a + b)};

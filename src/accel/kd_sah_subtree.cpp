@@ -36,8 +36,8 @@ bool sahMaySplit(const SahNode& node, const SahTreeRules& rules, uint32_t splits
 
 SahSplit keepSplitIfPays(const SahNode& node, const SahTreeRules& rules, SahSplit best)
 {
-    if (best.axis >= 0 && !sahSplitPays(sahLeafCost(node.cell, node.count), best.cost,
-                                        node.count, rules.gainFactor))
+    if (best.axis >= 0 &&
+        !sahSplitPays(sahLeafCost(node.cell, node.count), best.cost, node.count, rules.gainFactor))
         best.axis = -1;
     return best;
 }
@@ -49,8 +49,9 @@ Status SahSubtreeBuilder::build(const SahNode& root, uint32_t splitsAbove, Build
     Status status = buildFrom({&out, root, splitsAbove, base});
     if (status == StatusOk && shared_ != nullptr) {
         status = chargeKept(0);
-        if (status == StatusOk && !shared_->raisePeak(SharedBudget::kSubtreeStack,
-                                                    uint64_t(stack_.peakWords() - base.liveWords) * 4))
+        if (status == StatusOk &&
+            !shared_->raisePeak(SharedBudget::kSubtreeStack,
+                                uint64_t(stack_.peakWords() - base.liveWords) * 4))
             status = StatusMemoryLimit;
     }
     stack_.rewind(base);

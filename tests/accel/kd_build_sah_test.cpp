@@ -626,8 +626,8 @@ TEST(KdBuildSah, BlockIsThatOfThePlainBuildForEveryMethodSettingAndBudget)
             for (BuildSettings s : settings) {
                 s.method = method;
                 const BoundBox* clip = scene.clip ? &*scene.clip : nullptr;
-                const ReferenceSahBuild reference(scene.mesh, clip ? &clip->minX : nullptr,
-                                                  method, s.maxDepth, s.ratio);
+                const ReferenceSahBuild reference(scene.mesh, clip ? &clip->minX : nullptr, method,
+                                                  s.maxDepth, s.ratio);
                 for (uint32_t mb : {smallestBudgetMB(scene.mesh), 256u}) {
                     const std::string what = scene.name + ", " + methodName(method) + ", depth " +
                                              std::to_string(s.maxDepth) + ", ratio " +
@@ -664,7 +664,8 @@ Status buildWith(const Mesh& mesh, const BoundBox* clip, uint32_t method, int th
         clip ? &clip->minX : nullptr, options, &block, &size);
     vekSetNumThreads(previous);
     if (bytes != nullptr && status == StatusOk)
-        bytes->assign(static_cast<const uint8_t*>(block), static_cast<const uint8_t*>(block) + size);
+        bytes->assign(static_cast<const uint8_t*>(block),
+                      static_cast<const uint8_t*>(block) + size);
     vekrKDTreeFree(block);
     return status;
 }

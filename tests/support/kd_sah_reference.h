@@ -41,10 +41,11 @@ public:
             extents.upper[k] = upper_[k].data();
         }
         accel::Cell root{};
-        const int32_t count = n == 0 ? 0 :
-            accel::computeTriangleExtents({mesh.vertices.data(), mesh.triangles.data(),
-                                           mesh.vertexCount(), n},
-                                          clipBox, extents, listed_.data(), root);
+        const int32_t count =
+            n == 0 ? 0
+                   : accel::computeTriangleExtents(
+                         {mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(), n},
+                         clipBox, extents, listed_.data(), root);
         std::vector<int32_t> all(static_cast<size_t>(count));
         for (int32_t i = 0; i < count; ++i)
             all[size_t(i)] = i;
@@ -52,7 +53,8 @@ public:
         void* block = nullptr;
         int size = 0;
         if (accel::emitKdTree(root_, &block, &size) != StatusOk) return;
-        bytes_.assign(static_cast<const uint8_t*>(block), static_cast<const uint8_t*>(block) + size);
+        bytes_.assign(static_cast<const uint8_t*>(block),
+                      static_cast<const uint8_t*>(block) + size);
         vekFree(block);
     }
 
@@ -109,7 +111,8 @@ private:
         }
         const double bonus = double(0.7f);
         if (double(firstStart) - lo > double(0.1f) * extent)
-            best.offer(k, double(n) * (across + (hi - double(firstStart))), firstStart, false, 0, n);
+            best.offer(k, double(n) * (across + (hi - double(firstStart))), firstStart, false, 0,
+                       n);
         if (hi - double(lastEnd) > double(0.1f) * extent)
             best.offer(k, double(n) * (across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
         if (best.axis >= 0) {
@@ -165,9 +168,8 @@ private:
                 const Best axis = searchAxis(list, c, k);
                 if (axis.axis >= 0 && (split.axis < 0 || axis.cost <= split.cost)) split = axis;
             }
-            if (split.axis >= 0 &&
-                !accel::sahSplitPays(accel::sahLeafCost(c, int32_t(list.size())), split.cost,
-                                     int32_t(list.size()), gain_))
+            if (split.axis >= 0 && !accel::sahSplitPays(accel::sahLeafCost(c, int32_t(list.size())),
+                                                        split.cost, int32_t(list.size()), gain_))
                 split.axis = -1;
         }
         if (split.axis < 0) {
