@@ -25,9 +25,8 @@ inline float keyFloat(uint32_t key)
 }
 
 // Sorts items[0 .. n-1] ascending by their upper 32 bits, keeping the order of items with
-// equal upper halves; buffer[0 .. n-1] is scratch. Least-significant byte radix passes over
-// the upper half; a pass whose byte is the same in every item is skipped, so keys of a narrow
-// float range cost two or three passes.
+// equal upper halves; buffer[0 .. n-1] is scratch. Three least-significant-digit radix
+// passes over the upper half; a pass whose digit is the same in every item is skipped.
 void sortByUpperKey(uint64_t* items, uint64_t* buffer, int64_t n);
 
 }  // namespace vekr::accel
