@@ -8,9 +8,9 @@ namespace {
 
 // Below this count a comparison sort beats the histograms.
 constexpr int64_t kRadixMinItems = 96;
-// Three passes of 11, 11 and 10 bits cover a 32-bit key.
-constexpr int kRadixPasses = 3;
-constexpr int kRadixBits = 11;
+// Two passes of 16 bits cover a 32-bit key and leave the items where they started.
+constexpr int kRadixPasses = 2;
+constexpr int kRadixBits = 16;
 constexpr int kRadixBuckets = 1 << kRadixBits;
 
 inline uint32_t digitOf(uint64_t item, int pass)
@@ -20,26 +20,27 @@ inline uint32_t digitOf(uint64_t item, int pass)
 
 }  // namespace
 
-void sortByUpperKey(uint64_t* items, uint64_t* buffer, int64_t n)
+void sortByUpperKey(uint64_t* items, uint64_t* buffer, uint32_t* counts, int64_t n)
 {
     if (n < kRadixMinItems) {
         std::stable_sort(items, items + n,
                          [](uint64_t a, uint64_t b) { return a >> 32 < b >> 32; });
         return;
     }
-    static_assert(kRadixPasses * kRadixBits >= 32);
-    int64_t counts[kRadixPasses][kRadixBuckets] = {};
+    static_assert(kRadixPasses * kRadixBits >= 32 &&
+                  kRadixPasses * kRadixBuckets == kSortCountWords);
+    std::fill(counts, counts + kSortCountWords, 0u);
     for (int64_t i = 0; i < n; ++i)
         for (int pass = 0; pass < kRadixPasses; ++pass)
-            ++counts[pass][digitOf(items[i], pass)];
+            ++counts[pass * kRadixBuckets + digitOf(items[i], pass)];
     uint64_t* from = items;
     uint64_t* to = buffer;
     for (int pass = 0; pass < kRadixPasses; ++pass) {
-        int64_t* count = counts[pass];
-        if (count[digitOf(from[0], pass)] == n) continue;  // one bucket holds every item
-        int64_t offset = 0;
+        uint32_t* count = counts + pass * kRadixBuckets;
+        if (count[digitOf(from[0], pass)] == uint32_t(n)) continue;  // one bucket holds all
+        uint32_t offset = 0;
         for (int b = 0; b < kRadixBuckets; ++b) {
-            const int64_t c = count[b];
+            const uint32_t c = count[b];
             count[b] = offset;
             offset += c;
         }

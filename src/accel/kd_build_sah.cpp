@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "float_keys.h"
 #include "frame/parallel_region.h"
 #include "frame/scratch.h"
 #include "kd_build_budget.h"
@@ -18,7 +19,9 @@ namespace vekr::accel {
 namespace {
 
 // Fills root (its lists in rootWords, laid out for two events per triangle and axis) from
-// the mesh. The extents and the sort buffers are taken from the stack pool and given back.
+// the mesh. The scratch comes from the stack pool and goes back to it: first the extents, then
+// over them (once every axis has its events) a sort buffer for each of up to three team
+// members. A team of one touches only the first, where the extents were.
 Status makeRoot(const MeshView& mesh, const float* clipBox, int32_t parallelMinTriangles,
                 WordPool& stack, int32_t* rootWords, SahNode& root)
 {
@@ -28,29 +31,38 @@ Status makeRoot(const MeshView& mesh, const float* clipBox, int32_t parallelMinT
         root.eventCount[k] = 2 * mesh.triangleCount;
     placeSahNode(rootWords, root);
 
+    const int64_t memberWords = 4 * n + kSortCountWords;
     const WordPool::Mark base = stack.mark();
     Status status = StatusOk;
-    int32_t* planes = stack.take(6 * n, &status);
-    if (planes == nullptr) return status;
+    int32_t* scratch = stack.take(std::max(6 * n, 3 * memberWords), &status);
+    if (scratch == nullptr) return status;
     TriangleExtents extents;
     for (int k = 0; k < 3; ++k) {
-        extents.lower[k] = reinterpret_cast<float*>(planes + k * n);
-        extents.upper[k] = reinterpret_cast<float*>(planes + (k + 3) * n);
+        extents.lower[k] = reinterpret_cast<float*>(scratch + k * n);
+        extents.upper[k] = reinterpret_cast<float*>(scratch + (k + 3) * n);
     }
     root.count = computeTriangleExtents(mesh, clipBox, extents, root.list, root.cell);
     markFlatTriangles(extents, root);
 
-    const int64_t perAxis = 2 * int64_t(root.count);
-    auto* sortBuffers = reinterpret_cast<uint64_t*>(stack.take(3 * 2 * perAxis, &status));
-    if (sortBuffers == nullptr) return status;
-    auto sortShare = [&](int member, int teamSize) {
-        for (int axis = member; axis < 3; axis += teamSize)
-            makeRootEvents(extents, axis, root, sortBuffers + axis * perAxis);
+    auto sortAxes = [&](int member, int teamSize) {
+        for (int axis = member; axis < 3; axis += teamSize) {
+            int32_t* words = scratch + int64_t(member) * memberWords;
+            sortRootEvents(root, axis, reinterpret_cast<uint64_t*>(words),
+                           reinterpret_cast<uint32_t*>(words + 4 * n));
+        }
     };
-    if (root.count >= parallelMinTriangles)
-        frame::runParallelRegion(sortShare);
-    else
-        sortShare(0, 1);
+    if (root.count >= parallelMinTriangles) {
+        frame::runParallelRegion([&](int member, int teamSize) {
+            for (int axis = member; axis < 3; axis += teamSize)
+                makeRootEvents(extents, axis, root);
+#pragma omp barrier
+            sortAxes(member, teamSize);
+        });
+    } else {
+        for (int axis = 0; axis < 3; ++axis)
+            makeRootEvents(extents, axis, root);
+        sortAxes(0, 1);
+    }
     stack.rewind(base);
     return StatusOk;
 }

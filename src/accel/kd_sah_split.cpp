@@ -69,6 +69,13 @@ struct KeyClamp {
     }
 };
 
+// The root cell takes its bounds from vertices, so a bound may be -0, which no event is (see
+// sahBoundKey): an event at +0 then lies at that bound, not beyond it.
+KeyClamp clampTo(float lo, float hi)
+{
+    return {sahBoundKey(lo), sahBoundKey(hi)};
+}
+
 struct RunSweep {
     AxisBest best;
     uint32_t firstKey, lastKey;
@@ -174,7 +181,7 @@ SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
     const double a = extents[(axis + 1) % 3], b = extents[(axis + 2) % 3];
     const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
     const uint64_t* events = node.events[axis];
-    const KeyClamp clamp{floatKey(lo), floatKey(hi)};
+    const KeyClamp clamp = clampTo(lo, hi);
 
     // The first event is the lowest start (or flat position), the last the highest end.
     const float firstStart = keyFloat(clamp(events[0]));

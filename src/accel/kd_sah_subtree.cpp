@@ -1,5 +1,6 @@
 #include "kd_sah_subtree.h"
 
+#include "frame/parallel_region.h"
 #include "kd_sah_partition.h"
 
 namespace vekr::accel {
@@ -8,6 +9,9 @@ namespace {
 
 // A subtree built on a shared budget charges its kept words in steps of this many.
 constexpr int64_t kSharedChargeStepWords = 1 << 16;
+// Nodes this many times larger than those that search in parallel also write their
+// children's lists in parallel: a pass that only copies needs more work to pay for the team.
+constexpr int32_t kParallelPartitionFactor = 64;
 
 }  // namespace
 
@@ -114,7 +118,14 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
         below.list = node.lists.list;
         for (int k = 0; k < 3; ++k)
             below.events[k] = node.lists.events[k];
-        writeSahChildren(node.lists, sides_, below, higher);
+        if (node.lists.count >= rules_.parallelMinTriangles * kParallelPartitionFactor) {
+            frame::runParallelRegion([&](int member, int teamSize) {
+                for (int part = member; part < kSahListParts; part += teamSize)
+                    writeSahChildPart(node.lists, sides_, part, below, higher);
+            });
+        } else {
+            writeSahChildren(node.lists, sides_, below, higher);
+        }
     }
 
     above = OpenNode{children + 1, higher, node.splitsAbove + 1, stack_.mark()};

@@ -605,13 +605,33 @@ Mesh loadOffMesh(const std::string& path)
 }
 
 // The scenes of the end-to-end test, and: every triangle twice, a height field sharing every
-// vertex among six triangles (as a scanned surface does), and the example renderer's pyramid.
+// vertex among six triangles (as a scanned surface does), bounds at -0, and the example
+// renderer's pyramid.
 std::vector<Scene> makeReferenceScenes()
 {
     std::vector<Scene> scenes = makeScenes();
     const Mesh soup = makeTriangleSoup(150, 17);
     scenes.push_back({"Duplicates", concatenate(soup, soup), std::nullopt});
     scenes.push_back({"Scan", makeHeightField(40, 11), std::nullopt});
+    // The root cell takes its bounds from the first triangle that reaches them: here -0 on
+    // both sides (its x is -0, the least; its y ends at -0, the largest) while the other
+    // triangles lie flat at +0 or reach it. -0 and +0 must count as one position.
+    Mesh signedZeros;
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    auto addTriangle = [&](const float(&x)[3], const float(&y)[3]) {
+        int v[3];
+        for (int c = 0; c < 3; ++c)
+            v[c] = signedZeros.addVertex(x[c], y[c], unit(rng));
+        signedZeros.addTriangle(v[0], v[1], v[2]);
+    };
+    addTriangle({-0.0f, -0.0f, -0.0f}, {-1.0f, -0.5f, -0.0f});
+    for (int i = 0; i < 300; ++i) {
+        const bool flat = i % 3 == 0;
+        addTriangle({flat ? 0.0f : unit(rng), flat ? 0.0f : unit(rng), flat ? 0.0f : unit(rng)},
+                    {-unit(rng), -unit(rng), i % 4 == 0 ? 0.0f : -unit(rng)});
+    }
+    scenes.push_back({"SignedZeroBounds", signedZeros, std::nullopt});
     const Mesh pyramid = loadOffMesh(VEKR_EXAMPLE_DATA_DIR "/pyramid.off");
     EXPECT_EQ(pyramid.triangleCount(), 6);
     scenes.push_back({"Pyramid", pyramid, std::nullopt});
