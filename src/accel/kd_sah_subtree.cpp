@@ -118,7 +118,8 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
         below.list = node.lists.list;
         for (int k = 0; k < 3; ++k)
             below.events[k] = node.lists.events[k];
-        if (node.lists.count >= rules_.parallelMinTriangles * kParallelPartitionFactor) {
+        if (int64_t(node.lists.count) >=
+            int64_t(rules_.parallelMinTriangles) * kParallelPartitionFactor) {
             frame::runParallelRegion([&](int member, int teamSize) {
                 for (int part = member; part < kSahListParts; part += teamSize)
                     writeSahChildPart(node.lists, sides_, part, below, higher);
