@@ -2,8 +2,9 @@
 // level at a time, the team sharing each level's searches and partitions; small nodes become
 // subtrees that one member builds alone (kd_sah_subtree.h). Each node's split depends only on
 // its own lists and depth, and the block is written from the build nodes' links, so the tree
-// is the same whatever the team size and the order in which the work is done. A level costs
-// the team two barriers: one after the searches (and the subtrees), one after the partitions.
+// is the same whatever the team size and the order in which the work is done. The members wait
+// for each other nowhere but at the end: whoever finds no search or partition of the current
+// level left builds a subtree instead.
 #pragma once
 
 #include <cstdint>
