@@ -183,9 +183,13 @@ SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
     const uint64_t* events = node.events[axis];
     const KeyClamp clamp = clampTo(lo, hi);
 
-    // The first event is the lowest start (or flat position), the last the highest end.
-    const float firstStart = keyFloat(clamp(events[0]));
-    const float lastEnd = keyFloat(clamp(events[m - 1]));
+    // The first event is the lowest start (or flat position), the last the highest end. Where
+    // they meet the cell's far bound, that bound is kept, sign and all: a bound of -0 is where
+    // a cut at them lies.
+    const float lowestStart = keyFloat(clamp(events[0]));
+    const float highestEnd = keyFloat(clamp(events[m - 1]));
+    const float firstStart = lowestStart < hi ? lowestStart : hi;
+    const float lastEnd = lo < highestEnd ? highestEnd : lo;
 
     // Empty space below the first start or above the last end: the cut alone decides.
     if (double(firstStart) - lo > kEmptyShare * extent)

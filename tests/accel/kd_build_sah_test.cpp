@@ -632,6 +632,16 @@ std::vector<Scene> makeReferenceScenes()
                     {-unit(rng), -unit(rng), i % 4 == 0 ? 0.0f : -unit(rng)});
     }
     scenes.push_back({"SignedZeroBounds", signedZeros, std::nullopt});
+    // Found by fuzzing against the plain build: a point at z = -0 and one other triangle; the
+    // empty space above the point is cut at the cell's -0 bound, which was written as +0.
+    Mesh pointAtZero;
+    for (const auto& v :
+         {std::array{0x1.0a066p-4f, 0x1.de05a8p-1f, -0x0p+0f},
+          std::array{-0x1p+0f, -0x1p+0f, 0x1p+0f}, std::array{-0x1.a4205cp-1f, 0x1p+0f, -0x0p+0f}})
+        pointAtZero.addVertex(v[0], v[1], v[2]);
+    pointAtZero.addTriangle(0, 0, 0);
+    pointAtZero.addTriangle(1, 2, 2);
+    scenes.push_back({"SignedZeroCut", pointAtZero, std::nullopt});
     const Mesh pyramid = loadOffMesh(VEKR_EXAMPLE_DATA_DIR "/pyramid.off");
     EXPECT_EQ(pyramid.triangleCount(), 6);
     scenes.push_back({"Pyramid", pyramid, std::nullopt});
