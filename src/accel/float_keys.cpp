@@ -6,42 +6,47 @@ namespace vekr::accel {
 
 namespace {
 
-// Below this count a comparison sort beats four histograms of 256 buckets.
+// Below this count a comparison sort beats the histograms.
 constexpr int64_t kRadixMinItems = 96;
-constexpr int kRadixBuckets = 256;
+// Two passes of 16 bits cover a 32-bit key and leave the items where they started.
+constexpr int kRadixPasses = 2;
+constexpr int kRadixBits = 16;
+constexpr int kRadixBuckets = 1 << kRadixBits;
+
+inline uint32_t digitOf(uint64_t item, int pass)
+{
+    return uint32_t(item >> (32 + kRadixBits * pass)) & (kRadixBuckets - 1);
+}
 
 }  // namespace
 
-void sortByUpperKey(uint64_t* items, uint64_t* buffer, int64_t n)
+void sortByUpperKey(uint64_t* items, uint64_t* buffer, uint32_t* counts, int64_t n)
 {
     if (n < kRadixMinItems) {
         std::stable_sort(items, items + n,
                          [](uint64_t a, uint64_t b) { return a >> 32 < b >> 32; });
         return;
     }
-    int64_t counts[4][kRadixBuckets] = {};
-    for (int64_t i = 0; i < n; ++i) {
-        const uint32_t key = uint32_t(items[i] >> 32);
-        ++counts[0][key & 0xFF];
-        ++counts[1][key >> 8 & 0xFF];
-        ++counts[2][key >> 16 & 0xFF];
-        ++counts[3][key >> 24];
-    }
+    static_assert(kRadixPasses * kRadixBits >= 32 &&
+                  kRadixPasses * kRadixBuckets == kSortCountWords);
+    std::fill(counts, counts + kSortCountWords, 0u);
+    for (int64_t i = 0; i < n; ++i)
+        for (int pass = 0; pass < kRadixPasses; ++pass)
+            ++counts[pass * kRadixBuckets + digitOf(items[i], pass)];
     uint64_t* from = items;
     uint64_t* to = buffer;
-    for (int pass = 0; pass < 4; ++pass) {
-        const int shift = 32 + 8 * pass;
-        int64_t* count = counts[pass];
-        if (count[from[0] >> shift & 0xFF] == n) continue;  // one bucket holds every item
-        int64_t offset = 0;
+    for (int pass = 0; pass < kRadixPasses; ++pass) {
+        uint32_t* count = counts + pass * kRadixBuckets;
+        if (count[digitOf(from[0], pass)] == uint32_t(n)) continue;  // one bucket holds all
+        uint32_t offset = 0;
         for (int b = 0; b < kRadixBuckets; ++b) {
-            const int64_t c = count[b];
+            const uint32_t c = count[b];
             count[b] = offset;
             offset += c;
         }
         for (int64_t i = 0; i < n; ++i) {
             const uint64_t item = from[i];
-            to[count[item >> shift & 0xFF]++] = item;
+            to[count[digitOf(item, pass)]++] = item;
         }
         std::swap(from, to);
     }

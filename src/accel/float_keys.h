@@ -24,10 +24,14 @@ inline float keyFloat(uint32_t key)
     return f;
 }
 
-// Sorts items[0 .. n-1] ascending by their upper 32 bits, keeping the order of items with
-// equal upper halves; buffer[0 .. n-1] is scratch. Least-significant byte radix passes over
-// the upper half; a pass whose byte is the same in every item is skipped, so keys of a narrow
-// float range cost two or three passes.
-void sortByUpperKey(uint64_t* items, uint64_t* buffer, int64_t n);
+// The counts sortByUpperKey needs: two passes of 2^16 buckets.
+constexpr int64_t kSortCountWords = int64_t(2) << 16;
+
+// Sorts items[0 .. n-1] (n < 2^31) ascending by their upper 32 bits, keeping the order of items
+// with equal upper halves; buffer[0 .. n-1] and counts[0 .. kSortCountWords-1] are scratch.
+// Two least-significant-digit radix passes of 16 bits over the upper half, from items into
+// buffer and back; a pass whose digit is the same in every item is skipped, and then the items
+// are copied back.
+void sortByUpperKey(uint64_t* items, uint64_t* buffer, uint32_t* counts, int64_t n);
 
 }  // namespace vekr::accel

@@ -94,12 +94,13 @@ bool SharedBudget::charge(uint64_t bytes)
     return budget_.charge(bytes);
 }
 
-bool SharedBudget::raisePeak(uint64_t peakBytes)
+bool SharedBudget::raisePeak(Peak kind, uint64_t peakBytes)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (peakBytes <= peak_) return true;
-    if (!budget_.charge(peakBytes - peak_)) return false;
-    peak_ = peakBytes;
+    uint64_t& peak = peaks_[kind];
+    if (peakBytes <= peak) return true;
+    if (!budget_.charge(peakBytes - peak)) return false;
+    peak = peakBytes;
     return true;
 }
 

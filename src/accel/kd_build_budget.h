@@ -89,16 +89,19 @@ private:
 // on their order: the outcome is the same for every thread count and schedule.
 class SharedBudget {
 public:
+    // Kinds of scratch that is reused from one piece of work to the next, and paid once, at
+    // its largest.
+    enum Peak { kSubtreeStack, kLevelLists, kPeakKinds };
+
     explicit SharedBudget(BuildBudget& budget) : budget_(budget) {}
     bool charge(uint64_t bytes);
-    // Charges the part of peakBytes above the highest peak raised so far: scratch that is
-    // reused from one piece of work to the next is paid once, at its largest.
-    bool raisePeak(uint64_t peakBytes);
+    // Charges the part of peakBytes above the highest peak of that kind raised so far.
+    bool raisePeak(Peak kind, uint64_t peakBytes);
 
 private:
     BuildBudget& budget_;
     std::mutex mutex_;
-    uint64_t peak_ = 0;
+    uint64_t peaks_[kPeakKinds] = {};
 };
 
 }  // namespace vekr::accel

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "float_keys.h"
 #include "frame/parallel_region.h"
 #include "frame/scratch.h"
 #include "kd_build_budget.h"
@@ -17,40 +18,100 @@ namespace vekr::accel {
 
 namespace {
 
+// Triangles are listed in parts of this many, side by side, then moved together.
+constexpr int32_t kExtentPart = 1 << 12;
+
 // Fills root (its lists in rootWords, laid out for two events per triangle and axis) from
-// the mesh. The extents and the sort buffers are taken from the stack pool and given back.
+// the mesh, in four steps: the parts' extents, side by side; their moving together; each
+// axis's events; each axis's sort. The scratch comes from the stack pool and goes back to it:
+// first the extents, then over them a sort buffer for each of up to three team members (a team
+// of one touches only the first, where the extents were), and the parts' counts and bounds.
 Status makeRoot(const MeshView& mesh, const float* clipBox, int32_t parallelMinTriangles,
                 WordPool& stack, int32_t* rootWords, SahNode& root)
 {
-    const int64_t n = mesh.triangleCount;
-    root.count = mesh.triangleCount;
+    const int32_t n = mesh.triangleCount;
+    root.count = n;
     for (int k = 0; k < 3; ++k)
-        root.eventCount[k] = 2 * mesh.triangleCount;
+        root.eventCount[k] = 2 * n;
     placeSahNode(rootWords, root);
 
+    const int32_t parts = (n + kExtentPart - 1) / kExtentPart;
+    const int64_t memberWords = 4 * int64_t(n) + kSortCountWords;
     const WordPool::Mark base = stack.mark();
     Status status = StatusOk;
-    int32_t* planes = stack.take(6 * n, &status);
-    if (planes == nullptr) return status;
+    int32_t* scratch = stack.take(std::max(6 * int64_t(n), 3 * memberWords), &status);
+    auto* partBounds = reinterpret_cast<float*>(stack.take(7 * int64_t(parts), &status));
+    if (scratch == nullptr || partBounds == nullptr) return status;
+    int32_t* partCounts = reinterpret_cast<int32_t*>(partBounds + 6 * int64_t(parts));
     TriangleExtents extents;
     for (int k = 0; k < 3; ++k) {
-        extents.lower[k] = reinterpret_cast<float*>(planes + k * n);
-        extents.upper[k] = reinterpret_cast<float*>(planes + (k + 3) * n);
+        extents.lower[k] = reinterpret_cast<float*>(scratch + k * int64_t(n));
+        extents.upper[k] = reinterpret_cast<float*>(scratch + (k + 3) * int64_t(n));
     }
-    root.count = computeTriangleExtents(mesh, clipBox, extents, root.list, root.cell);
-    markFlatTriangles(extents, root);
 
-    const int64_t perAxis = 2 * int64_t(root.count);
-    auto* sortBuffers = reinterpret_cast<uint64_t*>(stack.take(3 * 2 * perAxis, &status));
-    if (sortBuffers == nullptr) return status;
-    auto sortShare = [&](int member, int teamSize) {
-        for (int axis = member; axis < 3; axis += teamSize)
-            makeRootEvents(extents, axis, root, sortBuffers + axis * perAxis);
+    auto listParts = [&](int member, int teamSize) {
+        for (int32_t part = member; part < parts; part += teamSize) {
+            const int32_t first = part * kExtentPart;
+            TriangleExtents at;
+            for (int k = 0; k < 3; ++k) {
+                at.lower[k] = extents.lower[k] + first;
+                at.upper[k] = extents.upper[k] + first;
+            }
+            float* bounds = partBounds + 6 * int64_t(part);
+            resetBounds(bounds);
+            partCounts[part] = listTriangles(mesh, clipBox, first, std::min(first + kExtentPart, n),
+                                             at, root.list + first, bounds);
+        }
     };
-    if (root.count >= parallelMinTriangles)
-        frame::runParallelRegion(sortShare);
-    else
-        sortShare(0, 1);
+    // In part order: each part moves down, never over a part not yet moved.
+    auto joinParts = [&] {
+        float bounds[6];
+        resetBounds(bounds);
+        int32_t count = 0;
+        for (int32_t part = 0; part < parts; ++part) {
+            const int32_t first = part * kExtentPart, listed = partCounts[part];
+            for (int k = 0; k < 3; ++k) {
+                std::copy(extents.lower[k] + first, extents.lower[k] + first + listed,
+                          extents.lower[k] + count);
+                std::copy(extents.upper[k] + first, extents.upper[k] + first + listed,
+                          extents.upper[k] + count);
+                bounds[k] = std::min(bounds[k], partBounds[6 * part + k]);
+                bounds[k + 3] = std::max(bounds[k + 3], partBounds[6 * part + k + 3]);
+            }
+            std::copy(root.list + first, root.list + first + listed, root.list + count);
+            count += listed;
+        }
+        root.count = count;
+        root.cell = rootCellOf(clipBox, bounds, count);
+        markFlatTriangles(extents, root);
+    };
+    auto makeEvents = [&](int member, int teamSize) {
+        for (int axis = member; axis < 3; axis += teamSize)
+            makeRootEvents(extents, axis, root);
+    };
+    auto sortEvents = [&](int member, int teamSize) {
+        for (int axis = member; axis < 3; axis += teamSize) {
+            int32_t* words = scratch + int64_t(member) * memberWords;
+            sortRootEvents(root, axis, reinterpret_cast<uint64_t*>(words),
+                           reinterpret_cast<uint32_t*>(words + 4 * int64_t(n)));
+        }
+    };
+    if (n >= parallelMinTriangles) {
+        frame::runParallelRegion([&](int member, int teamSize) {
+            listParts(member, teamSize);
+#pragma omp barrier
+            if (member == 0) joinParts();
+#pragma omp barrier
+            makeEvents(member, teamSize);
+#pragma omp barrier
+            sortEvents(member, teamSize);
+        });
+    } else {
+        listParts(0, 1);
+        joinParts();
+        makeEvents(0, 1);
+        sortEvents(0, 1);
+    }
     stack.rewind(base);
     return StatusOk;
 }

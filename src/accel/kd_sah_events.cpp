@@ -22,7 +22,7 @@ void placeSahNode(int32_t* words, SahNode& node)
     }
 }
 
-void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root, uint64_t* sortBuffer)
+void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root)
 {
     const float* lower = extents.lower[axis];
     const float* upper = extents.upper[axis];
@@ -38,8 +38,12 @@ void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root, uin
             events[n++] = makeSahEvent(end, triangle, kEventEnd);
         }
     }
-    sortByUpperKey(events, sortBuffer, n);
     root.eventCount[axis] = n;
+}
+
+void sortRootEvents(SahNode& root, int axis, uint64_t* buffer, uint32_t* counts)
+{
+    sortByUpperKey(root.events[axis], buffer, counts, root.eventCount[axis]);
 }
 
 void markFlatTriangles(const TriangleExtents& extents, SahNode& root)

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "float_keys.h"
 #include "kd_sah_extents.h"
 
 namespace vekr::accel {
@@ -29,6 +30,13 @@ inline uint32_t eventTriangle(uint64_t event)
 inline uint32_t eventKind(uint64_t event)
 {
     return uint32_t(event) & 3;
+}
+
+// The key of a cell bound or a split plane, as the events' keys are made: -0 (which a cell's
+// bound may be, and a split placed at it) and +0 are one position.
+inline uint32_t sahBoundKey(float bound)
+{
+    return floatKey(bound + 0.0f);
 }
 
 // List entries: the triangle number, with bit kListFlatShift + k set when the triangle is flat
@@ -60,9 +68,13 @@ int64_t sahNodeWords(int32_t count, const int32_t eventCount[3]);
 void placeSahNode(int32_t* words, SahNode& node);
 
 // Writes the events of the root's count triangles on axis, from their extents (in list order),
-// sorted by key, and sets root.eventCount[axis]; sortBuffer holds 2 * count items. The list
-// holds the triangle numbers.
-void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root, uint64_t* sortBuffer);
+// and sets root.eventCount[axis]; the list holds the triangle numbers. Unsorted: see
+// sortRootEvents.
+void makeRootEvents(const TriangleExtents& extents, int axis, SahNode& root);
+
+// Sorts the root's events on axis by key; buffer holds 2 * root.count items, counts
+// kSortCountWords entries.
+void sortRootEvents(SahNode& root, int axis, uint64_t* buffer, uint32_t* counts);
 
 // Sets the flat bits of the root's list entries (which hold the listed triangle numbers).
 void markFlatTriangles(const TriangleExtents& extents, SahNode& root);

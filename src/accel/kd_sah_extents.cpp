@@ -74,12 +74,11 @@ bool clipTriangleBounds(const double p[3][3], const float box[6], float lower[3]
     return true;
 }
 
-int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
-                               const TriangleExtents& extents, int32_t* listed, Cell& root)
+int32_t listTriangles(const MeshView& mesh, const float* clipBox, int32_t first, int32_t end,
+                      const TriangleExtents& extents, int32_t* listed, float bounds[6])
 {
     int32_t count = 0;
-    float bounds[6] = {INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
-    for (int32_t t = 0; t < mesh.triangleCount; ++t) {
+    for (int32_t t = first; t < end; ++t) {
         const int* corner = mesh.triangles + 4 * int64_t(t);
         double p[3][3];
         bool usable = true;
@@ -112,6 +111,12 @@ int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
         }
         listed[count++] = t;
     }
+    return count;
+}
+
+Cell rootCellOf(const float* clipBox, const float bounds[6], int32_t count)
+{
+    Cell root;
     for (int k = 0; k < 3; ++k) {
         if (clipBox != nullptr) {
             root.lo[k] = clipBox[k] + 0.0f;
@@ -121,6 +126,17 @@ int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
             root.hi[k] = count > 0 ? bounds[k + 3] : 0.0f;
         }
     }
+    return root;
+}
+
+int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
+                               const TriangleExtents& extents, int32_t* listed, Cell& root)
+{
+    float bounds[6];
+    resetBounds(bounds);
+    const int32_t count =
+        listTriangles(mesh, clipBox, 0, mesh.triangleCount, extents, listed, bounds);
+    root = rootCellOf(clipBox, bounds, count);
     return count;
 }
 

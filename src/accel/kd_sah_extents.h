@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 namespace vekr::accel {
 
@@ -38,5 +39,24 @@ bool clipTriangleBounds(const double p[3][3], const float box[6], float lower[3]
 // otherwise the bounds of the listed extents (zero when none is listed).
 int32_t computeTriangleExtents(const MeshView& mesh, const float* clipBox,
                                const TriangleExtents& extents, int32_t* listed, Cell& root);
+
+// The same in parts: lists the triangles first .. end-1 at positions 0, 1, ... of extents and
+// listed, and widens bounds (min x, y, z, max x, y, z; see resetBounds) by their extents as
+// they come, a bound replaced only by a strictly smaller or larger value (so a bound of 0 keeps
+// the sign of the first zero). Parts merged in order with the same rule give the bounds of the
+// whole. Returns the count.
+int32_t listTriangles(const MeshView& mesh, const float* clipBox, int32_t first, int32_t end,
+                      const TriangleExtents& extents, int32_t* listed, float bounds[6]);
+
+inline void resetBounds(float bounds[6])
+{
+    for (int k = 0; k < 3; ++k) {
+        bounds[k] = std::numeric_limits<float>::infinity();
+        bounds[k + 3] = -std::numeric_limits<float>::infinity();
+    }
+}
+
+// The root cell of count listed triangles with those bounds.
+Cell rootCellOf(const float* clipBox, const float bounds[6], int32_t count);
 
 }  // namespace vekr::accel

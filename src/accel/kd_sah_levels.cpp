@@ -1,12 +1,23 @@
-// Level by level, with a barrier after each step: member 0 alone makes the decisions and the
-// allocations (short steps), the whole team the searches, the subtrees and the partitions.
-// Work items are handed out through one counter; what an item writes depends only on the
-// item, never on the member that takes it.
+// The levels are worked through without barriers. Each level passes three stages:
+//   ready        its slots are final: the searches of its open nodes (one item per axis) and
+//                its subtrees (one item each) may start;
+//   searched     every search is done: the decisions and partitions (one item per open node)
+//                may start; a split node's children get a block of lists of their own and
+//                two slots of the next level, at places fixed by the node's rank;
+//   partitioned  the next level is ready.
+// A member takes the current level's searches or partitions when there are any, and subtrees
+// of any ready level otherwise, so that nobody waits at the end of a level while the
+// subtrees are still to be built. The member that completes the last item of a stage opens
+// the next; the one that completes the last item of a level (its partitions and subtrees)
+// frees its lists. What an item writes depends only on the item, never on the member that
+// takes it. A failure stops all further work but not the counting, so the levels still run
+// out.
 #include "kd_sah_levels.h"
 
 #include <algorithm>
 #include <atomic>
 #include <new>
+#include <thread>
 
 #include "frame/parallel_region.h"
 #include "kd_sah_partition.h"
@@ -18,31 +29,41 @@ namespace {
 
 // The members' pools grow by blocks of this many words (1 MiB): subtrees are small.
 constexpr int64_t kMemberBlockWords = int64_t(1) << 18;
+// Levels of one build: the root's and one per split on a path.
+constexpr int kMaxLevels = kMaxInnerNodesOnPath + 1;
 
-// A node that the team splits at this level.
-struct OpenNode {
+enum class SlotKind : uint8_t { Empty, Open, Subtree };
+
+// A node of a level.
+struct Slot {
+    SlotKind kind;
     BuildNode* out;
     SahNode lists;
-    SahSplit axes[3];
-    SahSplit split;  // axis -1: a leaf
-    BuildNode* children;
-    SahNode below, above;
+    SahSplit axes[3];  // open nodes: each axis's best split
+    void* block;       // the lists of this slot and the next, when this slot owns them
 };
 
-// A node whose whole subtree one member builds.
-struct SubtreeJob {
-    BuildNode* out;
-    SahNode lists;
-};
+enum LevelStage : int { kWaiting, kReady, kSearched, kPartitioned };
 
-int64_t roundUp8(int64_t bytes)
-{
-    return (bytes + 7) & ~int64_t(7);
-}
+struct Level {
+    Slot* slots = nullptr;
+    int32_t count = 0;
+    int32_t* openRanks = nullptr;  // per slot: its rank among the open slots
+    int32_t openCount = 0;
+    std::atomic<uint64_t> listBytes{0};  // the slots and lists of the level
+    std::atomic<int> stage{kWaiting};
+    // Item cursors and the items done, per kind.
+    std::atomic<int64_t> nextSearch{0}, searchesDone{0};
+    std::atomic<int64_t> nextPartition{0}, partitionsDone{0};
+    std::atomic<int64_t> nextSubtree{0};
+    std::atomic<int64_t> unfinished{0};  // partition and subtree items still to complete
+};
 
 }  // namespace
 
-struct SahLevelBuilder::Member {
+// Each member's pools on cache lines of their own (vekMalloc aligns to 64 bytes): the pools'
+// counters change at every take.
+struct alignas(64) SahLevelBuilder::Member {
     BuildBudget unlimited{UINT64_MAX};  // the shared budget is charged instead
     WordPool stack{unlimited, kMemberBlockWords};
     WordPool kept{unlimited, kMemberBlockWords};
@@ -55,231 +76,291 @@ struct SahLevelBuilder::Member {
     }
 };
 
-// The nodes of one level and the lists of the nodes (but the root's), in one block charged to
-// the budget while it lives.
-struct SahLevelBuilder::Level {
-    OpenNode* open = nullptr;
-    int32_t openCount = 0;
-    SubtreeJob* jobs = nullptr;
-    int32_t jobCount = 0;
-    int32_t* listWords = nullptr;
-    void* block = nullptr;
-    uint64_t chargedBytes = 0;
-
-    Status allocate(BuildBudget& budget, int32_t opens, int32_t subtrees, int64_t lists)
-    {
-        const int64_t openBytes = roundUp8(int64_t(sizeof(OpenNode)) * opens);
-        const int64_t jobBytes = roundUp8(int64_t(sizeof(SubtreeJob)) * subtrees);
-        const uint64_t bytes = uint64_t(openBytes + jobBytes + 4 * lists);
-        if (!budget.charge(bytes)) return StatusMemoryLimit;
-        block = bytes <= SIZE_MAX ? vekMalloc(size_t(bytes)) : nullptr;
-        if (block == nullptr) {
-            budget.refund(bytes);
-            return StatusNoMemory;
-        }
-        chargedBytes = bytes;
-        char* at = static_cast<char*>(block);
-        open = reinterpret_cast<OpenNode*>(at);
-        for (int32_t i = 0; i < opens; ++i)
-            new (open + i) OpenNode{};
-        jobs = reinterpret_cast<SubtreeJob*>(at + openBytes);
-        listWords = reinterpret_cast<int32_t*>(at + openBytes + jobBytes);
-        openCount = opens;
-        jobCount = subtrees;
-        return StatusOk;
-    }
-
-    void release(BuildBudget& budget)
-    {
-        if (block == nullptr) return;
-        vekFree(block);
-        budget.refund(chargedBytes);
-        *this = Level{};
-    }
-};
-
 // The state the members share during one build.
 class SahLevelBuilder::Team {
 public:
-    Team(SahLevelBuilder& builder, const Level& first) : b_(builder), current_(first)
+    explicit Team(SahLevelBuilder& builder) : b_(builder)
     {
         subtreeRules_.parallelMinTriangles = INT32_MAX;  // already on a team: never fork
     }
     ~Team()
     {
-        current_.release(b_.budget_);
-        next_.release(b_.budget_);
+        for (Level& level : levels_)
+            release(level);
     }
 
+    Status start(const SahNode& root, BuildNode& out);
     void run(int member);
     Status status() const { return Status(failure_.load()); }
 
 private:
-    template <class Fn>
-    void forEachItem(int64_t count, Fn fn)
-    {
-        for (int64_t i; (i = nextItem_.fetch_add(1, std::memory_order_relaxed)) < count;)
-            if (failure_.load(std::memory_order_relaxed) == StatusOk) fn(i);
-    }
     void record(Status status)
     {
         int expected = StatusOk;
         if (status != StatusOk) failure_.compare_exchange_strong(expected, status);
     }
-    void buildSubtree(int member, const SubtreeJob& job);
-    void decideSplits();
-    void layOutNextLevel();
-    void advance();
+    bool failed() const { return failure_.load(std::memory_order_relaxed) != StatusOk; }
+    void open(uint32_t depth);
+    bool takeLevelItem(int member, uint32_t depth);
+    bool takeSubtree(int member);
+    void completeSearch(uint32_t depth);
+    void completeLevelItem(uint32_t depth);
+    Status prepareNextLevel(uint32_t depth);
+    void search(uint32_t depth, int64_t item);
+    void buildSubtree(int member, uint32_t depth, Slot& slot);
+    void decideAndPartition(int member, uint32_t depth, int32_t slot);
+    Status partition(Member& pools, uint32_t depth, Slot& slot, const SahSplit& split,
+                     Slot* children);
+    Status chargeLevelLists(uint32_t depth, uint64_t bytes);
+    void release(Level& level);
 
     SahLevelBuilder& b_;
     SahTreeRules subtreeRules_ = b_.rules_;
-    Level current_, next_;
-    uint32_t depth_ = 0;
-    std::atomic<int64_t> nextItem_{0};
+    Level levels_[kMaxLevels + 1];
+    std::atomic<uint32_t> current_{0};         // the deepest level opened
+    std::atomic<uint32_t> oldestSubtrees_{0};  // no subtrees are left above this level
+    std::atomic<int> unreleasedLevels_{0};
     std::atomic<int> failure_{StatusOk};
-    bool stop_ = false;  // written by member 0 only, between two barriers
 };
 
-// A member beyond those the pools were made for (the thread count changed in between) takes
-// no work and only keeps to the barriers.
+Status SahLevelBuilder::Team::start(const SahNode& root, BuildNode& out)
+{
+    Level& first = levels_[0];
+    first.slots = static_cast<Slot*>(vekMalloc(sizeof(Slot)));
+    if (first.slots == nullptr) return StatusNoMemory;
+    first.count = 1;
+    const SlotKind kind = root.count >= b_.levelMinTriangles_ ? SlotKind::Open : SlotKind::Subtree;
+    new (first.slots) Slot{kind, &out, root, {}, nullptr};
+    unreleasedLevels_.store(1);
+    open(0);
+    return StatusOk;
+}
+
+// Makes a level's items available: its slots are final.
+void SahLevelBuilder::Team::open(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    level.unfinished.store(2 * int64_t(level.count));
+    record(prepareNextLevel(depth));
+    current_.store(depth);
+    level.stage.store(kReady, std::memory_order_release);
+}
+
 void SahLevelBuilder::Team::run(int member)
 {
-    const bool works = member < b_.memberCount_;
-    for (;;) {
-        // The open nodes' searches, one item per axis, then the subtrees, largest first.
-        const int64_t searches = 3 * int64_t(current_.openCount);
-        if (works) forEachItem(searches + current_.jobCount, [&](int64_t i) {
-            if (i >= searches) return buildSubtree(member, current_.jobs[i - searches]);
-            OpenNode& node = current_.open[i / 3];
-            if (sahMaySplit(node.lists, b_.rules_, depth_, 0))
-                node.axes[i % 3] = searchSplitAxis(node.lists, int(i % 3));
-        });
-#pragma omp barrier
-        if (member == 0) decideSplits();
-#pragma omp barrier
-        if (stop_) break;
-        // The partitions, one item per node: a member notes the sides of a node's triangles
-        // in its own bytes, once to size the children and again to write their lists.
-        uint8_t* sides = works ? b_.members_[member].sides : nullptr;
-        if (works) forEachItem(current_.openCount, [&](int64_t i) {
-            OpenNode& node = current_.open[i];
-            if (node.split.axis < 0) return;
-            classifySahSplit(node.lists, node.split, sides);
-            record(sizeSahChildren(node.lists, node.split, sides, node.below, node.above));
-        });
-#pragma omp barrier
-        if (member == 0) layOutNextLevel();
-#pragma omp barrier
-        if (stop_) break;
-        if (works) forEachItem(current_.openCount, [&](int64_t i) {
-            const OpenNode& node = current_.open[i];
-            if (node.split.axis < 0) return;
-            classifySahSplit(node.lists, node.split, sides);
-            writeSahChildren(node.lists, sides, node.below, node.above);
-        });
-#pragma omp barrier
-        if (member == 0) advance();
-#pragma omp barrier
-        if (stop_) break;
+    // A member beyond those the pools were made for (the thread count changed in between)
+    // takes no work.
+    if (member >= b_.memberCount_) return;
+    int idle = 0;
+    while (unreleasedLevels_.load(std::memory_order_acquire) > 0) {
+        if (takeLevelItem(member, current_.load(std::memory_order_acquire)) ||
+            takeSubtree(member)) {
+            idle = 0;
+            continue;
+        }
+        // Nothing to take until another member completes a stage.
+        if (++idle > 64) std::this_thread::yield();
     }
 }
 
-void SahLevelBuilder::Team::buildSubtree(int member, const SubtreeJob& job)
+// A search or a partition of the level, when its stage has them and some are left.
+bool SahLevelBuilder::Team::takeLevelItem(int member, uint32_t depth)
+{
+    Level& level = levels_[depth];
+    const int stage = level.stage.load(std::memory_order_acquire);
+    if (stage == kReady) {
+        const int64_t searches = 3 * int64_t(level.count);
+        const int64_t i = level.nextSearch.fetch_add(1, std::memory_order_relaxed);
+        if (i >= searches) return false;
+        if (!failed()) search(depth, i);
+        completeSearch(depth);
+        return true;
+    }
+    if (stage == kSearched) {
+        const int64_t i = level.nextPartition.fetch_add(1, std::memory_order_relaxed);
+        if (i >= level.count) return false;
+        if (!failed()) decideAndPartition(member, depth, int32_t(i));
+        if (level.partitionsDone.fetch_add(1, std::memory_order_acq_rel) + 1 == level.count) {
+            // The next level's slots are all written: open it, or end the levels.
+            level.stage.store(kPartitioned, std::memory_order_release);
+            if (levels_[depth + 1].count > 0) {
+                unreleasedLevels_.fetch_add(1);
+                open(depth + 1);
+            }
+        }
+        completeLevelItem(depth);
+        return true;
+    }
+    return false;
+}
+
+void SahLevelBuilder::Team::completeSearch(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    if (level.searchesDone.fetch_add(1, std::memory_order_acq_rel) + 1 == 3 * int64_t(level.count))
+        level.stage.store(kSearched, std::memory_order_release);
+}
+
+// The last partition or subtree of a level frees its lists.
+void SahLevelBuilder::Team::completeLevelItem(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    if (level.unfinished.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    release(level);
+    unreleasedLevels_.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+// A subtree of the oldest level that has any left.
+bool SahLevelBuilder::Team::takeSubtree(int member)
+{
+    const uint32_t deepest = current_.load(std::memory_order_acquire);
+    for (uint32_t depth = oldestSubtrees_.load(std::memory_order_relaxed); depth <= deepest;
+         ++depth) {
+        Level& level = levels_[depth];
+        if (level.stage.load(std::memory_order_acquire) < kReady) break;
+        int64_t i;
+        while ((i = level.nextSubtree.fetch_add(1, std::memory_order_relaxed)) < level.count) {
+            Slot& slot = level.slots[i];
+            const bool isSubtree = slot.kind == SlotKind::Subtree;
+            if (isSubtree && !failed()) buildSubtree(member, depth, slot);
+            completeLevelItem(depth);
+            if (isSubtree) return true;
+        }
+        // Only ever raised: a member that reads an old value merely looks at a spent level.
+        uint32_t oldest = depth;
+        oldestSubtrees_.compare_exchange_strong(oldest, depth + 1);
+    }
+    return false;
+}
+
+// Ranks the open slots of the level and makes the next level's slots, two per open slot, all
+// empty until the partitions fill them.
+Status SahLevelBuilder::Team::prepareNextLevel(uint32_t depth)
+{
+    Level& level = levels_[depth];
+    Level& next = levels_[depth + 1];
+    if (level.count == 0 || failed()) return StatusOk;
+    level.openRanks = static_cast<int32_t*>(vekMalloc(sizeof(int32_t) * size_t(level.count)));
+    if (level.openRanks == nullptr) return StatusNoMemory;
+    for (int32_t i = 0; i < level.count; ++i) {
+        level.openRanks[i] = level.openCount;
+        level.openCount += level.slots[i].kind == SlotKind::Open;
+    }
+    // A split on each path is one level deeper; the rules end every path by then.
+    if (level.openCount == 0 || depth + 1 >= uint32_t(kMaxLevels)) return StatusOk;
+    const uint64_t bytes = sizeof(Slot) * 2 * uint64_t(level.openCount);
+    next.listBytes.store(bytes);
+    if (!b_.shared_.raisePeak(SharedBudget::kLevelLists, level.listBytes.load() + bytes))
+        return StatusMemoryLimit;
+    next.slots = static_cast<Slot*>(vekMalloc(size_t(bytes)));
+    if (next.slots == nullptr) return StatusNoMemory;
+    for (int32_t i = 0; i < 2 * level.openCount; ++i)
+        new (next.slots + i) Slot{SlotKind::Empty, nullptr, {}, {}, nullptr};
+    next.count = 2 * level.openCount;
+    return StatusOk;
+}
+
+void SahLevelBuilder::Team::search(uint32_t depth, int64_t item)
+{
+    Slot& slot = levels_[depth].slots[item / 3];
+    if (slot.kind == SlotKind::Open && sahMaySplit(slot.lists, b_.rules_, depth, 0))
+        slot.axes[item % 3] = searchSplitAxis(slot.lists, int(item % 3));
+}
+
+void SahLevelBuilder::Team::buildSubtree(int member, uint32_t depth, Slot& slot)
 {
     Member& pools = b_.members_[member];
     SahSubtreeBuilder builder(subtreeRules_, pools.stack, pools.kept, pools.sides, &b_.shared_);
-    record(builder.build(job.lists, depth_, *job.out));
+    record(builder.build(slot.lists, depth, *slot.out));
 }
 
-// Leaves get their lists and split nodes their pair of children, in member 0's kept pool.
-void SahLevelBuilder::Team::decideSplits()
+void SahLevelBuilder::Team::decideAndPartition(int member, uint32_t depth, int32_t index)
 {
-    WordPool& kept = b_.members_[0].kept;
-    const int64_t keptBefore = kept.liveWords();
-    for (int32_t i = 0; i < current_.openCount && failure_.load() == StatusOk; ++i) {
-        OpenNode& node = current_.open[i];
-        if (sahMaySplit(node.lists, b_.rules_, depth_, 0))
-            node.split = keepSplitIfPays(node.lists, b_.rules_, chooseSplitAxis(node.axes));
-        if (node.split.axis < 0) {
-            record(makeSahLeaf(node.lists, kept, *node.out));
-            continue;
-        }
-        Status status = StatusOk;
-        auto* children = reinterpret_cast<BuildNode*>(kept.take(kBuildPairWords, &status));
-        record(status);
-        if (children == nullptr) break;
-        node.out->kind = node.split.axis;
-        node.out->split = node.split.position;
-        node.out->children = children;
-        node.children = children;
+    Level& level = levels_[depth];
+    Slot& slot = level.slots[index];
+    if (slot.kind != SlotKind::Open) return;
+    Member& pools = b_.members_[member];
+    const int64_t keptBefore = pools.kept.liveWords();
+    SahSplit split;
+    if (sahMaySplit(slot.lists, b_.rules_, depth, 0))
+        split = keepSplitIfPays(slot.lists, b_.rules_, chooseSplitAxis(slot.axes));
+    Status status;
+    if (split.axis < 0) {
+        status = makeSahLeaf(slot.lists, pools.kept, *slot.out);
+    } else {
+        Slot* children = levels_[depth + 1].slots + 2 * int64_t(level.openRanks[index]);
+        status = partition(pools, depth, slot, split, children);
     }
-    if (!b_.shared_.charge(uint64_t(kept.liveWords() - keptBefore) * 4)) record(StatusMemoryLimit);
-    nextItem_.store(0);
-    stop_ = failure_.load() != StatusOk;
+    if (status == StatusOk && !b_.shared_.charge(uint64_t(pools.kept.liveWords() - keptBefore) * 4))
+        status = StatusMemoryLimit;
+    record(status);
 }
 
-// The children of the split nodes, in node order and the lower child first, become the next
-// level: open nodes when they are large, subtrees otherwise.
-void SahLevelBuilder::Team::layOutNextLevel()
+// Makes slot an inner node and fills its children's slots, their lists in a new block.
+Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slot,
+                                        const SahSplit& split, Slot* children)
 {
-    int32_t opens = 0, subtrees = 0;
-    int64_t listWords = 0;
-    const int32_t levelMin = b_.levelMinTriangles_;
-    for (int32_t i = 0; i < current_.openCount; ++i) {
-        const OpenNode& node = current_.open[i];
-        if (node.split.axis < 0) continue;
-        for (const SahNode* child : {&node.below, &node.above}) {
-            listWords += sahNodeWords(child->count, child->eventCount);
-            if (child->count >= levelMin)
-                ++opens;
-            else
-                ++subtrees;
-        }
+    Status status = StatusOk;
+    auto* pair = reinterpret_cast<BuildNode*>(pools.kept.take(kBuildPairWords, &status));
+    if (pair == nullptr) return status;
+    slot.out->kind = split.axis;
+    slot.out->split = split.position;
+    slot.out->children = pair;
+
+    SahNode below{}, above{};
+    classifySahSplit(slot.lists, split, pools.sides);
+    status = sizeSahChildren(slot.lists, split, pools.sides, below, above);
+    if (status != StatusOk) return status;
+    const int64_t belowWords = sahNodeWords(below.count, below.eventCount);
+    const uint64_t bytes = uint64_t(belowWords + sahNodeWords(above.count, above.eventCount)) * 4;
+    status = chargeLevelLists(depth + 1, bytes);
+    if (status != StatusOk) return status;
+    auto* words = static_cast<int32_t*>(bytes <= SIZE_MAX ? vekMalloc(size_t(bytes)) : nullptr);
+    if (words == nullptr) return StatusNoMemory;
+    placeSahNode(words, below);
+    placeSahNode(words + belowWords, above);
+    writeSahChildren(slot.lists, pools.sides, below, above);
+
+    const SahNode* lists[2] = {&below, &above};
+    for (int s = 0; s < 2; ++s) {
+        const SlotKind kind =
+            lists[s]->count >= b_.levelMinTriangles_ ? SlotKind::Open : SlotKind::Subtree;
+        children[s] = Slot{kind, pair + s, *lists[s], {}, s == 0 ? words : nullptr};
     }
-    if (opens + subtrees > 0 && failure_.load() == StatusOk)
-        record(next_.allocate(b_.budget_, opens, subtrees, listWords));
-    if (failure_.load() == StatusOk) {
-        int32_t* lists = next_.listWords;
-        int32_t openAt = 0, jobAt = 0;
-        for (int32_t i = 0; i < current_.openCount; ++i) {
-            OpenNode& node = current_.open[i];
-            if (node.split.axis < 0) continue;
-            SahNode* sides[2] = {&node.below, &node.above};
-            for (int s = 0; s < 2; ++s) {
-                SahNode& child = *sides[s];
-                placeSahNode(lists, child);
-                lists += sahNodeWords(child.count, child.eventCount);
-                if (child.count >= levelMin) {
-                    OpenNode& open = next_.open[openAt++];
-                    open.out = node.children + s;
-                    open.lists = child;
-                } else {
-                    next_.jobs[jobAt++] = SubtreeJob{node.children + s, child};
-                }
-            }
-        }
-    }
-    nextItem_.store(0);
-    stop_ = failure_.load() != StatusOk;
+    return StatusOk;
 }
 
-void SahLevelBuilder::Team::advance()
+// The slots and lists of a level and of the next are alive together: their sum is charged at
+// its largest over the levels, which does not depend on the order the partitions run in.
+Status SahLevelBuilder::Team::chargeLevelLists(uint32_t depth, uint64_t bytes)
 {
-    current_.release(b_.budget_);
-    current_ = next_;
-    next_ = Level{};
-    ++depth_;
-    // Largest first, so that no member is left with a large subtree at the end.
-    std::sort(current_.jobs, current_.jobs + current_.jobCount,
-              [](const SubtreeJob& a, const SubtreeJob& c) { return a.lists.count > c.lists.count; });
-    nextItem_.store(0);
-    stop_ = failure_.load() != StatusOk || current_.openCount + current_.jobCount == 0;
+    const uint64_t levelBytes = levels_[depth].listBytes.fetch_add(bytes) + bytes;
+    const uint64_t aboveBytes = levels_[depth - 1].listBytes.load();
+    return b_.shared_.raisePeak(SharedBudget::kLevelLists, aboveBytes + levelBytes)
+               ? StatusOk
+               : StatusMemoryLimit;
+}
+
+// Once: the destructor releases what a failed or finished build left.
+void SahLevelBuilder::Team::release(Level& level)
+{
+    if (level.slots == nullptr) return;
+    for (int32_t i = 0; i < level.count; ++i)
+        vekFree(level.slots[i].block);
+    vekFree(level.slots);
+    vekFree(level.openRanks);
+    level.slots = nullptr;
+    level.openRanks = nullptr;
 }
 
 SahLevelBuilder::SahLevelBuilder(const SahTreeRules& rules, int32_t levelMinTriangles,
                                  BuildBudget& budget, int32_t triangleCount, uint8_t* sides)
-    : rules_(rules), levelMinTriangles_(levelMinTriangles), budget_(budget),
-      triangleCount_(triangleCount), sides_(sides), shared_(budget)
+    : rules_(rules),
+      levelMinTriangles_(levelMinTriangles),
+      budget_(budget),
+      triangleCount_(triangleCount),
+      sides_(sides),
+      shared_(budget)
 {
 }
 
@@ -307,18 +388,9 @@ Status SahLevelBuilder::build(const SahNode& root, BuildNode& out)
         std::fill(member.sides, member.sides + triangleCount_, uint8_t(0));
     }
 
-    // The first level is the root, whose lists stay where they are.
-    Level first;
-    const bool open = root.count >= levelMinTriangles_;
-    const Status status = first.allocate(budget_, open ? 1 : 0, open ? 0 : 1, 0);
+    Team team(*this);
+    const Status status = team.start(root, out);
     if (status != StatusOk) return status;
-    if (open) {
-        first.open[0].out = &out;
-        first.open[0].lists = root;
-    } else {
-        first.jobs[0] = SubtreeJob{&out, root};
-    }
-    Team team(*this, first);
     frame::runParallelRegion([&](int member, int) { team.run(member); });
     return team.status();
 }

@@ -2,7 +2,9 @@
 // level at a time, the team sharing each level's searches and partitions; small nodes become
 // subtrees that one member builds alone (kd_sah_subtree.h). Each node's split depends only on
 // its own lists and depth, and the block is written from the build nodes' links, so the tree
-// is the same whatever the team size and the order in which the work is done.
+// is the same whatever the team size and the order in which the work is done. The members wait
+// for each other nowhere but at the end: whoever finds no search or partition of the current
+// level left builds a subtree instead.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +27,14 @@ public:
     SahLevelBuilder& operator=(const SahLevelBuilder&) = delete;
 
     // Builds the tree below root (whose lists it overwrites) into out. The build nodes and leaf
-    // lists live in the builder's pools: emit the tree before the builder goes. Every level's
-    // scratch is charged to the budget while it lives; the pools charge no budget, but the
-    // words of build nodes and leaf lists and the largest stack any subtree needed are charged
-    // (SharedBudget), so the status does not depend on the team size either.
+    // lists live in the builder's pools: emit the tree before the builder goes. The pools
+    // charge no budget; what is charged instead (SharedBudget) does not depend on the team size
+    // or the schedule, so neither does the status: the words of build nodes and leaf lists, the
+    // largest stack any subtree needed, and the largest lists of two successive levels.
     Status build(const SahNode& root, BuildNode& out);
 
 private:
     struct Member;
-    struct Level;
     class Team;
 
     const SahTreeRules rules_;

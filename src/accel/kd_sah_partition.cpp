@@ -32,8 +32,9 @@ void filterList(const Entry* from, int32_t n, Entry* toBelow, Entry* toAbove, Si
 void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides)
 {
     const int axis = split.axis;
-    const uint32_t loKey = floatKey(node.cell.lo[axis]), hiKey = floatKey(node.cell.hi[axis]);
-    const uint32_t planeKey = floatKey(split.position);
+    const uint32_t loKey = sahBoundKey(node.cell.lo[axis]);
+    const uint32_t hiKey = sahBoundKey(node.cell.hi[axis]);
+    const uint32_t planeKey = sahBoundKey(split.position);
     const uint32_t flatAtPlane = split.flatBelow ? kGoesBelow : kGoesAbove;
     const uint64_t* events = node.events[axis];
     for (int32_t i = 0; i < node.eventCount[axis]; ++i) {
@@ -41,10 +42,14 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
         const uint32_t key = std::min(std::max(eventKey(event), loKey), hiKey);
         const uint32_t triangle = eventTriangle(event);
         const uint32_t kind = eventKind(event);
-        const uint32_t flat = key < planeKey ? kGoesBelow : key > planeKey ? kGoesAbove : flatAtPlane;
-        const uint32_t start = key < planeKey ? kGoesBelow : 0;
-        const uint32_t end = sides[triangle] | (key > planeKey ? kGoesAbove : 0);
-        sides[triangle] = uint8_t(kind == kEventStart ? start : kind == kEventEnd ? end : flat);
+        const uint32_t below = key < planeKey ? kGoesBelow : 0;
+        const uint32_t above = key > planeKey ? kGoesAbove : 0;
+        // Start: below or nothing yet. End: adds above. Flat: one side, at the plane the
+        // chosen one.
+        const uint32_t flat = below | above | ((below | above) != 0 ? 0 : flatAtPlane);
+        const uint32_t keep = kind == kEventEnd ? sides[triangle] : 0;
+        const uint32_t set = kind == kEventStart ? below : kind == kEventEnd ? above : flat;
+        sides[triangle] = uint8_t(keep | set);
     }
 }
 
@@ -79,14 +84,23 @@ Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t
     return StatusOk;
 }
 
+void writeSahChildPart(const SahNode& node, const uint8_t* sides, int part, const SahNode& below,
+                       const SahNode& above)
+{
+    if (part == 3) {
+        filterList(node.list, node.count, below.list, above.list,
+                   [sides](int32_t entry) { return uint32_t(sides[entry & kListTriangleMask]); });
+        return;
+    }
+    filterList(node.events[part], node.eventCount[part], below.events[part], above.events[part],
+               [sides](uint64_t event) { return uint32_t(sides[eventTriangle(event)]); });
+}
+
 void writeSahChildren(const SahNode& node, const uint8_t* sides, const SahNode& below,
                       const SahNode& above)
 {
-    filterList(node.list, node.count, below.list, above.list,
-               [sides](int32_t entry) { return uint32_t(sides[entry & kListTriangleMask]); });
-    for (int k = 0; k < 3; ++k)
-        filterList(node.events[k], node.eventCount[k], below.events[k], above.events[k],
-                   [sides](uint64_t event) { return uint32_t(sides[eventTriangle(event)]); });
+    for (int part = 0; part < kSahListParts; ++part)
+        writeSahChildPart(node, sides, part, below, above);
 }
 
 }  // namespace vekr::accel

@@ -28,4 +28,10 @@ Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t
 void writeSahChildren(const SahNode& node, const uint8_t* sides, const SahNode& below,
                       const SahNode& above);
 
+// The same, one part at a time: the events of axis part (0 to 2), or the list (3). The parts
+// touch separate lists, so they may be written side by side.
+constexpr int kSahListParts = 4;
+void writeSahChildPart(const SahNode& node, const uint8_t* sides, int part, const SahNode& below,
+                       const SahNode& above);
+
 }  // namespace vekr::accel

@@ -30,9 +30,9 @@ struct AxisCost {
     double across;  // A = a b / (a + b), or 0 for a b < 1e-9
     double lo, hi;
 
-    double at(double x, int64_t below, int64_t above) const
+    double at(double x, double below, double above) const
     {
-        return double(below) * (across + (x - lo)) + double(above) * (across + (hi - x));
+        return below * (across + (x - lo)) + above * (across + (hi - x));
     }
 };
 
@@ -44,15 +44,18 @@ struct AxisBest {
     bool flatBelow = false;
     int32_t below = 0, above = 0;
 
-    void offer(double c, float x, bool flat, int64_t nBelow, int64_t nAbove)
+    void offer(double c, float x, bool flat, double nBelow, double nAbove)
     {
-        if (!(c < cost)) return;
+        if (c < cost) take(c, x, flat, int32_t(nBelow), int32_t(nAbove));
+    }
+    void take(double c, float x, bool flat, int32_t nBelow, int32_t nAbove)
+    {
         found = true;
         cost = c;
         position = x;
         flatBelow = flat;
-        below = int32_t(nBelow);
-        above = int32_t(nAbove);
+        below = nBelow;
+        above = nAbove;
     }
 };
 
@@ -60,18 +63,165 @@ struct AxisBest {
 // The events of a node all reach its cell, so no start lies above hi and no end below lo.
 struct KeyClamp {
     uint32_t lo, hi;
-    uint32_t operator()(uint64_t event) const { return std::min(std::max(eventKey(event), lo), hi); }
+    uint32_t operator()(uint64_t event) const
+    {
+        return std::min(std::max(eventKey(event), lo), hi);
+    }
 };
 
-// The flat events among the run of events whose trimmed key is key, from events[i] on in the
-// direction step (+1 or -1).
-int32_t countFlatsInRun(const uint64_t* events, int32_t n, int32_t i, int step, KeyClamp clamp,
-                        uint32_t key)
+// The root cell takes its bounds from vertices, so a bound may be -0, which no event is (see
+// sahBoundKey): an event at +0 then lies at that bound, not beyond it.
+KeyClamp clampTo(float lo, float hi)
 {
-    int32_t flats = 0;
-    for (; i >= 0 && i < n && clamp(events[i]) == key; i += step)
-        flats += eventKind(events[i]) == kEventFlat;
-    return flats;
+    return {sahBoundKey(lo), sahBoundKey(hi)};
+}
+
+struct RunSweep {
+    AxisBest best;
+    uint32_t firstKey, lastKey;
+    int32_t firstLying, lastLying;
+};
+
+// Runs are gathered this many events at a time, so the counts within a chunk fit a byte.
+constexpr int32_t kRunChunk = 128;
+
+// What an event of each kind adds to a chunk's packed counts: ends in bits 0-7, flat events
+// in bits 8-15, starts in bits 16-23.
+constexpr uint32_t kKindCounts[4] = {1, 1 << 8, 1 << 16, 0};
+
+// The sweep: at each position x, the triangles below are those starting before x (and flat
+// ones before x), those above end after x (and flat ones after x). Triangles lying flat at x
+// are costed above first, then below; a candidate replaces the best only when strictly
+// cheaper. Keys repeat (triangles share vertices), so the ends of the runs of equal keys are
+// found first, without branches on the data, and then each run is costed, choosing the best
+// by selection rather than by branches.
+RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
+                   const AxisCost& model)
+{
+    RunSweep sweep{};
+    // Per run end: its key (low half) and the chunk's counts through it (high half).
+    uint64_t ends[kRunChunk];
+    int32_t below = 0, flatsBefore = 0;                      // through the last costed run
+    int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
+    uint64_t event = events[0];
+    uint32_t key = clamp(event);
+    sweep.firstKey = key;
+    bool firstRunDone = false;
+    for (int32_t chunk = 0; chunk < m; chunk += kRunChunk) {
+        const int32_t chunkEnd = std::min(chunk + kRunChunk, m);
+        const int32_t lookAheadEnd = std::min(chunkEnd, m - 1);
+        int32_t runCount = 0;
+        uint32_t counts = 0;
+        int32_t i = chunk;
+        for (; i < lookAheadEnd; ++i) {
+            counts += kKindCounts[eventKind(event)];
+            ends[runCount] = key | uint64_t(counts) << 32;
+            event = events[i + 1];
+            const uint32_t next = clamp(event);
+            runCount += int32_t(next != key);
+            key = next;
+        }
+        if (i < chunkEnd) {  // the last event ends the last run
+            counts += kKindCounts[eventKind(event)];
+            ends[runCount++] = key | uint64_t(counts) << 32;
+        }
+        // The costs, keeping the first of the cheapest: its run and whether flat ones lie below.
+        double bestCost = sweep.best.cost;
+        int32_t bestChoice = -1, bestBelow = 0, bestAbove = 0;
+        for (int32_t r = 0; r < runCount; ++r) {
+            const uint32_t through = uint32_t(ends[r] >> 32);
+            const int32_t endsThrough = chunkEnds + int32_t(through & 0xFF);
+            const int32_t flatsThrough = chunkFlats + int32_t(through >> 8 & 0xFF);
+            const int32_t startsThrough = chunkStarts + int32_t(through >> 16);
+            const int32_t lying = flatsThrough - flatsBefore;
+            const int32_t above = n - endsThrough - flatsBefore;
+            const double x = keyFloat(uint32_t(ends[r]));
+            const double toLo = model.across + (x - model.lo);
+            const double toHi = model.across + (model.hi - x);
+            const double cost = double(below) * toLo + double(above) * toHi;
+            const bool costWins = cost < bestCost;
+            bestChoice = costWins ? 2 * r : bestChoice;
+            bestBelow = costWins ? below : bestBelow;
+            bestAbove = costWins ? above : bestAbove;
+            bestCost = costWins ? cost : bestCost;
+            if (lying > 0) {
+                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
+                const bool flatWins = flatCost < bestCost;
+                bestChoice = flatWins ? 2 * r + 1 : bestChoice;
+                bestBelow = flatWins ? below + lying : bestBelow;
+                bestAbove = flatWins ? above - lying : bestAbove;
+                bestCost = flatWins ? flatCost : bestCost;
+            }
+            if (r == runCount - 1) sweep.lastLying = lying;
+            if (!firstRunDone) sweep.firstLying = lying;
+            firstRunDone = true;
+            below = startsThrough + flatsThrough;
+            flatsBefore = flatsThrough;
+        }
+        if (bestChoice >= 0)
+            sweep.best.take(bestCost, keyFloat(uint32_t(ends[bestChoice >> 1])),
+                            (bestChoice & 1) != 0, bestBelow, bestAbove);
+        if (runCount > 0) sweep.lastKey = uint32_t(ends[runCount - 1]);
+        chunkEnds += int32_t(counts & 0xFF);
+        chunkFlats += int32_t(counts >> 8 & 0xFF);
+        chunkStarts += int32_t(counts >> 16);
+    }
+    return sweep;
+}
+
+// The best split on axis, with the cell's extents in double.
+template <int axis>
+SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
+{
+    AxisBest best;
+    const float lo = node.cell.lo[axis], hi = node.cell.hi[axis];
+    const double extent = extents[axis];
+    const int32_t n = node.count, m = node.eventCount[axis];
+    if (!(extent > kMinExtent) || n == 0) return {};
+    const double a = extents[(axis + 1) % 3], b = extents[(axis + 2) % 3];
+    const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
+    const uint64_t* events = node.events[axis];
+    const KeyClamp clamp = clampTo(lo, hi);
+
+    // The first event is the lowest start (or flat position), the last the highest end. Where
+    // they meet the cell's far bound, that bound is kept, sign and all: a bound of -0 is where
+    // a cut at them lies.
+    const float lowestStart = keyFloat(clamp(events[0]));
+    const float highestEnd = keyFloat(clamp(events[m - 1]));
+    const float firstStart = lowestStart < hi ? lowestStart : hi;
+    const float lastEnd = lo < highestEnd ? highestEnd : lo;
+
+    // Empty space below the first start or above the last end: the cut alone decides.
+    if (double(firstStart) - lo > kEmptyShare * extent)
+        best.offer(double(n) * (model.across + (hi - double(firstStart))), firstStart, false, 0, n);
+    if (hi - double(lastEnd) > kEmptyShare * extent)
+        best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
+    if (best.found) {
+        best.cost *= kBonusFactor * (a + b);
+        return {axis, best.position, best.flatBelow, best.below, best.above, best.cost};
+    }
+
+    const RunSweep sweep = sweepRuns(events, m, n, clamp, model);
+    const int32_t flatsAtLo = sweep.firstKey == clamp.lo ? sweep.firstLying : 0;
+    const int32_t flatsAtHi = sweep.lastKey == clamp.hi ? sweep.lastLying : 0;
+
+    // Flat triangles in the cell's lower or upper plane, cut off with the bonus, come before
+    // the sweep: a sweep candidate replaces them only when strictly cheaper.
+    if (flatsAtLo > 0)
+        best.offer(model.at(lo, flatsAtLo, n - flatsAtLo) * kBonusFactor, lo, true, flatsAtLo,
+                   n - flatsAtLo);
+    if (flatsAtHi > 0)
+        best.offer(model.at(hi, n - flatsAtHi, flatsAtHi) * kBonusFactor, hi, false, n - flatsAtHi,
+                   flatsAtHi);
+    if (sweep.best.found && sweep.best.cost < best.cost) best = sweep.best;
+    if (!best.found) return {};
+    return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * (a + b)};
+}
+
+void cellExtents(const Cell& cell, double (&extents)[3])
+{
+    for (int k = 0; k < 3; ++k)
+        extents[k] = double(cell.hi[k]) - double(cell.lo[k]);
 }
 
 }  // namespace
@@ -99,66 +249,16 @@ bool sahSplitPays(double leafCost, double splitCost, int32_t count, float gainFa
 
 SahSplit searchSplitAxis(const SahNode& node, int axis)
 {
-    AxisBest best;
-    const Cell& cell = node.cell;
-    const float lo = cell.lo[axis], hi = cell.hi[axis];
-    const double extent = double(hi) - double(lo);
-    const int32_t n = node.count, m = node.eventCount[axis];
-    if (!(extent > kMinExtent) || n == 0) return {};
-    const int u = (axis + 1) % 3, v = (axis + 2) % 3;
-    const double a = double(cell.hi[u]) - double(cell.lo[u]);
-    const double b = double(cell.hi[v]) - double(cell.lo[v]);
-    const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
-    const uint64_t* events = node.events[axis];
-    const KeyClamp clamp{floatKey(lo), floatKey(hi)};
-
-    // The first event is the lowest start (or flat position), the last the highest end.
-    const float firstStart = keyFloat(clamp(events[0]));
-    const float lastEnd = keyFloat(clamp(events[m - 1]));
-
-    // Empty space below the first start or above the last end: the cut alone decides.
-    if (double(firstStart) - lo > kEmptyShare * extent)
-        best.offer(double(n) * (model.across + (hi - double(firstStart))), firstStart, false, 0, n);
-    if (hi - double(lastEnd) > kEmptyShare * extent)
-        best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
-    if (best.found) {
-        best.cost *= kBonusFactor * (a + b);
-        return {axis, best.position, best.flatBelow, best.below, best.above, best.cost};
+    double extents[3];
+    cellExtents(node.cell, extents);
+    switch (axis) {
+        case 0:
+            return searchAxis<0>(node, extents);
+        case 1:
+            return searchAxis<1>(node, extents);
+        default:
+            return searchAxis<2>(node, extents);
     }
-
-    // Flat triangles in the cell's lower or upper plane, cut off with the bonus. They lie in
-    // the first or the last run of equal trimmed keys.
-    const int32_t flatsAtLo = countFlatsInRun(events, m, 0, 1, clamp, clamp.lo);
-    if (flatsAtLo > 0)
-        best.offer(model.at(lo, flatsAtLo, n - flatsAtLo) * kBonusFactor, lo, true, flatsAtLo,
-                   n - flatsAtLo);
-    const int32_t flatsAtHi = countFlatsInRun(events, m, m - 1, -1, clamp, clamp.hi);
-    if (flatsAtHi > 0)
-        best.offer(model.at(hi, n - flatsAtHi, flatsAtHi) * kBonusFactor, hi, false,
-                   n - flatsAtHi, flatsAtHi);
-
-    // The sweep: at each position x, the triangles below are those starting before x (and
-    // flat ones before x), those above end after x (and flat ones after x). Triangles lying
-    // flat at x are costed above first, then below.
-    int64_t below = 0, above = n;
-    for (int32_t i = 0; i < m;) {
-        const uint32_t key = clamp(events[i]);
-        int32_t ofKind[3] = {0, 0, 0};
-        do {
-            ++ofKind[eventKind(events[i])];
-        } while (++i < m && clamp(events[i]) == key);
-        const int32_t lying = ofKind[kEventFlat];
-        const float x = keyFloat(key);
-        above -= ofKind[kEventEnd];
-        best.offer(model.at(x, below, above), x, false, below, above);
-        if (lying > 0)
-            best.offer(model.at(x, below + lying, above - lying), x, true, below + lying,
-                       above - lying);
-        above -= lying;
-        below += lying + ofKind[kEventStart];
-    }
-    if (!best.found) return {};
-    return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * (a + b)};
 }
 
 SahSplit chooseSplitAxis(const SahSplit (&axes)[3])
@@ -176,14 +276,18 @@ SahSplit chooseSplitAxis(const SahSplit (&axes)[3])
 SahSplit findBestSplit(const SahNode& node, int32_t parallelMinTriangles)
 {
     SahSplit axes[3];
-    auto searchShare = [&](int member, int teamSize) {
-        for (int axis = member; axis < 3; axis += teamSize)
-            axes[axis] = searchSplitAxis(node, axis);
-    };
-    if (node.count >= parallelMinTriangles)
-        frame::runParallelRegion(searchShare);
-    else
-        searchShare(0, 1);
+    if (node.count >= parallelMinTriangles) {
+        frame::runParallelRegion([&](int member, int teamSize) {
+            for (int axis = member; axis < 3; axis += teamSize)
+                axes[axis] = searchSplitAxis(node, axis);
+        });
+    } else {
+        double extents[3];
+        cellExtents(node.cell, extents);
+        axes[0] = searchAxis<0>(node, extents);
+        axes[1] = searchAxis<1>(node, extents);
+        axes[2] = searchAxis<2>(node, extents);
+    }
     return chooseSplitAxis(axes);
 }
 

@@ -1,5 +1,6 @@
 #include "kd_sah_subtree.h"
 
+#include "frame/parallel_region.h"
 #include "kd_sah_partition.h"
 
 namespace vekr::accel {
@@ -8,6 +9,9 @@ namespace {
 
 // A subtree built on a shared budget charges its kept words in steps of this many.
 constexpr int64_t kSharedChargeStepWords = 1 << 16;
+// Nodes this many times larger than those that search in parallel also write their
+// children's lists in parallel: a pass that only copies needs more work to pay for the team.
+constexpr int32_t kParallelPartitionFactor = 64;
 
 }  // namespace
 
@@ -36,8 +40,8 @@ bool sahMaySplit(const SahNode& node, const SahTreeRules& rules, uint32_t splits
 
 SahSplit keepSplitIfPays(const SahNode& node, const SahTreeRules& rules, SahSplit best)
 {
-    if (best.axis >= 0 && !sahSplitPays(sahLeafCost(node.cell, node.count), best.cost,
-                                        node.count, rules.gainFactor))
+    if (best.axis >= 0 &&
+        !sahSplitPays(sahLeafCost(node.cell, node.count), best.cost, node.count, rules.gainFactor))
         best.axis = -1;
     return best;
 }
@@ -49,7 +53,9 @@ Status SahSubtreeBuilder::build(const SahNode& root, uint32_t splitsAbove, Build
     Status status = buildFrom({&out, root, splitsAbove, base});
     if (status == StatusOk && shared_ != nullptr) {
         status = chargeKept(0);
-        if (status == StatusOk && !shared_->raisePeak(uint64_t(stack_.peakWords() - base.liveWords) * 4))
+        if (status == StatusOk &&
+            !shared_->raisePeak(SharedBudget::kSubtreeStack,
+                                uint64_t(stack_.peakWords() - base.liveWords) * 4))
             status = StatusMemoryLimit;
     }
     stack_.rewind(base);
@@ -97,13 +103,31 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
     classifySahSplit(node.lists, best, sides_);
     status = sizeSahChildren(node.lists, best, sides_, below, higher);
     if (status != StatusOk) return status;
-    int32_t* words = stack_.take(sahNodeWords(higher.count, higher.eventCount), &status);
-    if (words == nullptr) return status;
-    placeSahNode(words, higher);
-    below.list = node.lists.list;
-    for (int k = 0; k < 3; ++k)
-        below.events[k] = node.lists.events[k];
-    writeSahChildren(node.lists, sides_, below, higher);
+    // A cut that leaves one side empty (empty space, flat triangles in the cell's face) hands
+    // the other side the node's own lists, which are already what the partition would write.
+    const bool oneSided = below.count == 0 || higher.count == 0;
+    SahNode& whole = below.count == 0 ? higher : below;
+    if (oneSided) {
+        whole.list = node.lists.list;
+        for (int k = 0; k < 3; ++k)
+            whole.events[k] = node.lists.events[k];
+    } else {
+        int32_t* words = stack_.take(sahNodeWords(higher.count, higher.eventCount), &status);
+        if (words == nullptr) return status;
+        placeSahNode(words, higher);
+        below.list = node.lists.list;
+        for (int k = 0; k < 3; ++k)
+            below.events[k] = node.lists.events[k];
+        if (int64_t(node.lists.count) >=
+            int64_t(rules_.parallelMinTriangles) * kParallelPartitionFactor) {
+            frame::runParallelRegion([&](int member, int teamSize) {
+                for (int part = member; part < kSahListParts; part += teamSize)
+                    writeSahChildPart(node.lists, sides_, part, below, higher);
+            });
+        } else {
+            writeSahChildren(node.lists, sides_, below, higher);
+        }
+    }
 
     above = OpenNode{children + 1, higher, node.splitsAbove + 1, stack_.mark()};
     node = OpenNode{children, below, node.splitsAbove + 1, {}};

@@ -17,8 +17,8 @@ enum class SahDepthRule { SplitsInTree, SplitsOnPath };
 
 struct SahTreeRules {
     SahDepthRule depthRule;
-    uint32_t maxDepth;   // 0 to 50
-    float gainFactor;    // sahGainFactor of the build's ratio
+    uint32_t maxDepth;  // 0 to 50
+    float gainFactor;   // sahGainFactor of the build's ratio
     // Nodes of this many triangles or more search their split in a parallel region.
     int32_t parallelMinTriangles;
 };
@@ -53,7 +53,11 @@ public:
     // sides: one byte per triangle of the mesh, for the partitions (kd_sah_partition.h).
     SahSubtreeBuilder(const SahTreeRules& rules, WordPool& stack, WordPool& kept, uint8_t* sides,
                       SharedBudget* shared = nullptr)
-        : rules_(rules), stack_(stack), kept_(kept), sides_(sides), shared_(shared),
+        : rules_(rules),
+          stack_(stack),
+          kept_(kept),
+          sides_(sides),
+          shared_(shared),
           keptCharged_(kept.liveWords())
     {
     }
@@ -79,7 +83,7 @@ private:
     WordPool& kept_;
     uint8_t* const sides_;
     SharedBudget* const shared_;
-    int64_t keptCharged_;  // the kept pool's live words when shared_ was last charged
+    int64_t keptCharged_;      // the kept pool's live words when shared_ was last charged
     uint32_t splitCount_ = 0;  // splits of this subtree
 };
 

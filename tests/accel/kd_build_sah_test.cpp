@@ -6,8 +6,10 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,7 @@
 #include "ray/kd_traverse.h"
 #include "support/float_bits.h"
 #include "support/guard_buffer.h"
+#include "support/kd_sah_reference.h"
 #include "support/ray_scenes.h"
 #include "vekcore.h"
 #include "vekr.h"
@@ -540,63 +543,193 @@ Mesh makeCrossingPlanks(int perAxis)
     return mesh;
 }
 
-TEST(KdBuildSah, BudgetRunningOutDuringTheBuildIsMemoryLimitWithNothingLeaked)
+// Subtrees built side by side take scratch of their own, but the budget is charged the same
+// for every team: the least budget that suffices is the same for 1, 2 and 3 threads, and one
+// megabyte less runs out during the build, with nothing leaked.
+TEST(KdBuildSah, BudgetRunningOutDuringTheBuildIsMemoryLimitForEveryThreadCount)
 {
-    const Mesh planks = makeCrossingPlanks(800);
-    const uint32_t smallest = smallestBudgetMB(planks);
-    const long long live = vekGetLiveAllocationCount();
-    Tree tree;
-    buildExported(planks, nullptr, {KDTreeBuildSahFullDepth, 50, 1.0f}, tree, smallest);
-    EXPECT_EQ(tree.status, StatusMemoryLimit);
-    EXPECT_EQ(tree.block, nullptr);
-    EXPECT_EQ(vekGetLiveAllocationCount(), live);
-    Tree roomy;
-    buildExported(planks, nullptr, {KDTreeBuildSahFullDepth, 50, 1.0f}, roomy, smallest + 64);
-    EXPECT_EQ(roomy.status, StatusOk);
+    const Mesh planks = makeCrossingPlanks(700);
+    auto build = [&](int threads, uint32_t mb) {
+        const int previous = vekGetNumThreads();
+        vekSetNumThreads(threads);
+        const long long live = vekGetLiveAllocationCount();
+        Tree tree;
+        buildExported(planks, nullptr, {KDTreeBuildSahFullDepth, 50, 1.0f}, tree, mb);
+        vekSetNumThreads(previous);
+        if (tree.status != StatusOk) {
+            EXPECT_EQ(tree.block, nullptr);
+            EXPECT_EQ(vekGetLiveAllocationCount(), live);
+        }
+        return tree.status;
+    };
+    // The smallest budget runs out, 64 MB more suffice: the last two checks confirm both.
+    uint32_t fails = smallestBudgetMB(planks), suffices = fails + 64;
+    while (suffices - fails > 1) {
+        const uint32_t middle = (fails + suffices) / 2;
+        (build(1, middle) == StatusOk ? suffices : fails) = middle;
+    }
+    for (int threads : {2, 3}) {
+        EXPECT_EQ(build(threads, fails), StatusMemoryLimit) << threads << " threads";
+        EXPECT_EQ(build(threads, suffices), StatusOk) << threads << " threads";
+    }
 }
 
 }  // namespace
 
 namespace {
 
-// --- Threads -----------------------------------------------------------------------------
+// --- Against the plain build ----------------------------------------------------------
 
-std::vector<uint8_t> buildBytes(const Mesh& mesh, const BoundBox* clip, uint32_t method,
-                                int threads, int32_t parallelMinTriangles)
+// An OFF file as the example renderer reads it: polygons fan-triangulated, comments and face
+// colours skipped.
+Mesh loadOffMesh(const std::string& path)
+{
+    std::ifstream in(path);
+    std::vector<std::vector<double>> lines;  // the numbers of each line that has any
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line.substr(0, line.find('#')));
+        std::vector<double> numbers;
+        for (double x; words >> x;)
+            numbers.push_back(x);
+        if (!numbers.empty()) lines.push_back(numbers);
+    }
+    Mesh mesh;
+    if (lines.empty()) return mesh;
+    const size_t vertexCount = size_t(lines[0][0]);
+    for (size_t i = 1; i <= vertexCount && i < lines.size(); ++i)
+        mesh.addVertex(float(lines[i][0]), float(lines[i][1]), float(lines[i][2]));
+    for (size_t i = vertexCount + 1; i < lines.size(); ++i)
+        for (size_t c = 3; c <= size_t(lines[i][0]); ++c)
+            mesh.addTriangle(int(lines[i][1]), int(lines[i][c - 1]), int(lines[i][c]));
+    return mesh;
+}
+
+// The scenes of the end-to-end test, and: every triangle twice, a height field sharing every
+// vertex among six triangles (as a scanned surface does), bounds at -0, and the example
+// renderer's pyramid.
+std::vector<Scene> makeReferenceScenes()
+{
+    std::vector<Scene> scenes = makeScenes();
+    const Mesh soup = makeTriangleSoup(150, 17);
+    scenes.push_back({"Duplicates", concatenate(soup, soup), std::nullopt});
+    scenes.push_back({"Scan", makeHeightField(40, 11), std::nullopt});
+    // The root cell takes its bounds from the first triangle that reaches them: here -0 on
+    // both sides (its x is -0, the least; its y ends at -0, the largest) while the other
+    // triangles lie flat at +0 or reach it. -0 and +0 must count as one position.
+    Mesh signedZeros;
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    auto addTriangle = [&](const float(&x)[3], const float(&y)[3]) {
+        int v[3];
+        for (int c = 0; c < 3; ++c)
+            v[c] = signedZeros.addVertex(x[c], y[c], unit(rng));
+        signedZeros.addTriangle(v[0], v[1], v[2]);
+    };
+    addTriangle({-0.0f, -0.0f, -0.0f}, {-1.0f, -0.5f, -0.0f});
+    for (int i = 0; i < 300; ++i) {
+        const bool flat = i % 3 == 0;
+        addTriangle({flat ? 0.0f : unit(rng), flat ? 0.0f : unit(rng), flat ? 0.0f : unit(rng)},
+                    {-unit(rng), -unit(rng), i % 4 == 0 ? 0.0f : -unit(rng)});
+    }
+    scenes.push_back({"SignedZeroBounds", signedZeros, std::nullopt});
+    // Found by fuzzing against the plain build: a point at z = -0 and one other triangle; the
+    // empty space above the point is cut at the cell's -0 bound, which was written as +0.
+    Mesh pointAtZero;
+    for (const auto& v :
+         {std::array{0x1.0a066p-4f, 0x1.de05a8p-1f, -0x0p+0f},
+          std::array{-0x1p+0f, -0x1p+0f, 0x1p+0f}, std::array{-0x1.a4205cp-1f, 0x1p+0f, -0x0p+0f}})
+        pointAtZero.addVertex(v[0], v[1], v[2]);
+    pointAtZero.addTriangle(0, 0, 0);
+    pointAtZero.addTriangle(1, 2, 2);
+    scenes.push_back({"SignedZeroCut", pointAtZero, std::nullopt});
+    const Mesh pyramid = loadOffMesh(VEKR_EXAMPLE_DATA_DIR "/pyramid.off");
+    EXPECT_EQ(pyramid.triangleCount(), 6);
+    scenes.push_back({"Pyramid", pyramid, std::nullopt});
+    return scenes;
+}
+
+TEST(KdBuildSah, BlockIsThatOfThePlainBuildForEveryMethodSettingAndBudget)
+{
+    const BuildSettings settings[] = {{0, 50, 1.0f}, {0, 50, 0.0f}, {0, 7, 0.5f}, {0, 0, 1.0f}};
+    for (const Scene& scene : makeReferenceScenes())
+        for (uint32_t method : kSahMethods)
+            for (BuildSettings s : settings) {
+                s.method = method;
+                const BoundBox* clip = scene.clip ? &*scene.clip : nullptr;
+                const ReferenceSahBuild reference(scene.mesh, clip ? &clip->minX : nullptr, method,
+                                                  s.maxDepth, s.ratio);
+                for (uint32_t mb : {smallestBudgetMB(scene.mesh), 256u}) {
+                    const std::string what = scene.name + ", " + methodName(method) + ", depth " +
+                                             std::to_string(s.maxDepth) + ", ratio " +
+                                             std::to_string(s.ratio) + ", " + std::to_string(mb) +
+                                             " MB";
+                    Tree tree;
+                    buildExported(scene.mesh, clip, s, tree, mb);
+                    ASSERT_EQ(tree.status, StatusOk) << what;
+                    const auto* bytes = static_cast<const uint8_t*>(tree.block);
+                    ASSERT_EQ(std::vector<uint8_t>(bytes, bytes + tree.size), reference.bytes())
+                        << what;
+                }
+            }
+}
+
+Status buildWith(const Mesh& mesh, const BoundBox* clip, uint32_t method, int threads,
+                 int32_t parallelMinTriangles, int32_t levelMinTriangles, uint64_t budgetBytes,
+                 std::vector<uint8_t>* bytes = nullptr)
 {
     const int previous = vekGetNumThreads();
     vekSetNumThreads(threads);
-    const accel::SahBuildOptions options{1.0f, 50, uint64_t(512) << 20,
+    const accel::SahBuildOptions options{1.0f,
+                                         50,
+                                         budgetBytes,
                                          method == KDTreeBuildSah
                                              ? accel::SahDepthRule::SplitsInTree
                                              : accel::SahDepthRule::SplitsOnPath,
-                                         parallelMinTriangles};
+                                         parallelMinTriangles,
+                                         levelMinTriangles};
     void* block = nullptr;
     int size = 0;
     const Status status = accel::buildKdTreeSah(
         {mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(), mesh.triangleCount()},
         clip ? &clip->minX : nullptr, options, &block, &size);
     vekSetNumThreads(previous);
-    EXPECT_EQ(status, StatusOk);
-    std::vector<uint8_t> bytes(static_cast<const uint8_t*>(block),
-                               static_cast<const uint8_t*>(block) + size);
+    if (bytes != nullptr && status == StatusOk)
+        bytes->assign(static_cast<const uint8_t*>(block),
+                      static_cast<const uint8_t*>(block) + size);
     vekrKDTreeFree(block);
+    return status;
+}
+
+std::vector<uint8_t> buildBytes(const Mesh& mesh, const BoundBox* clip, uint32_t method,
+                                int threads, int32_t parallelMinTriangles,
+                                int32_t levelMinTriangles)
+{
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(buildWith(mesh, clip, method, threads, parallelMinTriangles, levelMinTriangles,
+                        uint64_t(512) << 20, &bytes),
+              StatusOk);
     return bytes;
 }
 
-TEST(KdBuildSah, BlockIsTheSameForEveryThreadCountAndWithoutTheParallelSearch)
+// The work shared in every way the build can: 1 to 3 threads; the split search in a parallel
+// region or not; for the full depth, every node split level by level, none, or the large ones.
+TEST(KdBuildSah, BlockIsThatOfThePlainBuildForEveryThreadCountAndSharingOfTheWork)
 {
     const Mesh mesh = concatenate(concatenate(makeTriangleSoup(4000, 31), makeHeightField(30, 2)),
                                   makeGridPlanes());
     const BoundBox clip{-0.8f, -1.2f, -0.6f, 1.1f, 0.9f, 1.3f};
     for (uint32_t method : kSahMethods)
         for (const BoundBox* box : {static_cast<const BoundBox*>(nullptr), &clip}) {
-            const auto sequential = buildBytes(mesh, box, method, 1, INT32_MAX);
-            ASSERT_GT(sequential.size(), 1000u);
+            const ReferenceSahBuild reference(mesh, box ? &box->minX : nullptr, method, 50, 1.0f);
+            ASSERT_GT(reference.bytes().size(), 1000u);
             for (int threads : {1, 2, 3})
-                EXPECT_EQ(buildBytes(mesh, box, method, threads, accel::kSahParallelMinTriangles),
-                          sequential)
-                    << methodName(method) << ", " << threads << " threads";
+                for (int32_t parallelMin : {accel::kSahParallelMinTriangles, INT32_MAX})
+                    for (int32_t levelMin : {0, 300, accel::kSahLevelMinTriangles, INT32_MAX})
+                        EXPECT_EQ(buildBytes(mesh, box, method, threads, parallelMin, levelMin),
+                                  reference.bytes())
+                            << methodName(method) << ", " << threads << " threads, parallel from "
+                            << parallelMin << ", levels from " << levelMin
+                            << (box ? ", clipped" : "");
         }
 }
 
