@@ -116,7 +116,7 @@ def against_c(path, repeat):
         ("resize 128^3 -> 256^3", "BM_Resize32fV/{k}/{t}/16777216/real_time",
          lambda k: vekr.resize(small, 2.0, interpolation=names[k], out=out)),
         ("warp 30 deg 256^3", "BM_WarpAffine32f/{k}/{t}/16777216/real_time",
-         lambda k: vekr.warp_affine(large, forward, interpolation=names[k], out=out, cval=None)),
+         lambda k: vekr.warp_affine(large, forward, interpolation=names[k], out=out)),
     ]:
         for kind in (2, 6):
             for threads in (1, 2):
@@ -150,7 +150,7 @@ def overhead(repeat=20000):
     public = per_call(lambda: vekr.resize(volume, 1.0, out=out))
     direct = per_call(lambda: _vekr.resize_c1v(volume, box, out, box, (1.0, 1.0, 1.0),
                                                (0.0, 0.0, 0.0), 2, buffer))
-    warp_public = per_call(lambda: vekr.warp_affine(volume, identity, out=out, cval=None))
+    warp_public = per_call(lambda: vekr.warp_affine(volume, identity, out=out))
     warp_direct = per_call(lambda: _vekr.warp_affine_c1pv(volume, box, out, box, coeffs, 2))
     noop = per_call(_vekr.get_num_threads)
     print(f"\nper call on 2^3 voxels (us): resize {public:.2f} public, {direct:.2f} direct "

@@ -45,7 +45,8 @@ def warp_affine(
     output_shape: Optional[Sequence[int]] = ...,
     interpolation: Interpolation = ...,
     out: Optional[Volume] = ...,
-    cval: Optional[float] = ...,
+    cval_keep: bool = ...,
+    cval: float = ...,
     *,
     copy: bool = ...,
 ) -> Volume: ...
@@ -54,7 +55,8 @@ def remap(
     coordinates: npt.NDArray[np.float32],
     interpolation: Interpolation = ...,
     out: Optional[Volume] = ...,
-    cval: Optional[float] = ...,
+    cval_keep: bool = ...,
+    cval: float = ...,
     *,
     copy: bool = ...,
 ) -> Volume: ...

@@ -14,12 +14,13 @@ from . import _args, _vekr
 
 __all__ = ["resize", "resize_shape", "warp_affine", "remap", "filter"]
 
-def _fill(shape, dtype, out, cval):
+def _fill(shape, dtype, out, cval_keep, cval):
+    """The destination: `out` (filled with `cval` unless `cval_keep`) or a new array."""
     if out is None:
-        if cval is None or cval == 0:
+        if cval_keep or cval == 0:
             return np.zeros(shape, dtype)
         return np.full(shape, cval, dtype)
-    if cval is not None:
+    if not cval_keep:
         out[...] = cval
     return out
 
@@ -138,8 +139,8 @@ def _library_matrix(matrix):
     return coeffs
 
 
-def warp_affine(volume, matrix, output_shape=None, interpolation="linear", out=None, cval=0,
-                *, copy=False):
+def warp_affine(volume, matrix, output_shape=None, interpolation="linear", out=None,
+                cval_keep=True, cval=0, *, copy=False):
     """Warp a volume by an affine transform.
 
     Parameters
@@ -157,9 +158,12 @@ def warp_affine(volume, matrix, output_shape=None, interpolation="linear", out=N
         As for :func:`resize`.
     out : ndarray, optional
         The destination (its shape then gives output_shape).
-    cval : number or None, optional
-        The value of destination voxels whose inverse image lies outside the source (0).
-        None leaves them as they are in `out`.
+    cval_keep : bool, optional
+        True (the default): destination voxels whose inverse image lies outside the source are
+        not written, so they keep their value in `out` (0 in an allocated output), as the
+        library leaves them. False: they are set to `cval`.
+    cval : number, optional
+        The value of those voxels when `cval_keep` is False (0).
     copy : bool, optional
         Convert a volume of another dtype (to float32) or layout instead of raising.
 
@@ -191,14 +195,15 @@ def warp_affine(volume, matrix, output_shape=None, interpolation="linear", out=N
             _args.integer(n, "output_shape", 1) for n in output_shape)
         if len(shape) != 3:
             raise ValueError(f"output_shape must have three extents (z, y, x), not {shape}")
-    out = _fill(shape, src.dtype, out, cval)
+    out = _fill(shape, src.dtype, out, cval_keep, cval)
     d, h, w = src.shape
     _vekr.warp_affine_c1pv(src, (0, 0, 0, w, h, d), out, (0, 0, 0, shape[2], shape[1], shape[0]),
                            coeffs, kind)
     return out
 
 
-def remap(volume, coordinates, interpolation="linear", out=None, cval=0, *, copy=False):
+def remap(volume, coordinates, interpolation="linear", out=None, cval_keep=True, cval=0, *,
+          copy=False):
     """Sample a volume at the coordinates given for each output voxel.
 
     Parameters
@@ -214,9 +219,11 @@ def remap(volume, coordinates, interpolation="linear", out=None, cval=0, *, copy
         linearly, thinner than 2 by the nearest voxel.
     out : ndarray, optional
         The destination, of shape output_shape.
-    cval : number or None, optional
-        The value of output voxels whose position lies outside the source (0). None leaves
-        them as they are in `out`.
+    cval_keep : bool, optional
+        True (the default): output voxels whose position lies outside the source keep their
+        value in `out` (0 in an allocated output). False: they are set to `cval`.
+    cval : number, optional
+        The value of those voxels when `cval_keep` is False (0).
     copy : bool, optional
         Convert a volume or coordinates of another dtype or layout instead of raising.
 
@@ -244,7 +251,7 @@ def remap(volume, coordinates, interpolation="linear", out=None, cval=0, *, copy
         raise ValueError(f"coordinates must not be empty, their shape is {maps.shape}")
     if out is not None:
         _args.output(out, "out", shape, src.dtype)
-    out = _fill(shape, src.dtype, out, cval)
+    out = _fill(shape, src.dtype, out, cval_keep, cval)
     d, h, w = src.shape
     _vekr.remap_c1pv(src, (0, 0, 0, w, h, d), maps[2], maps[1], maps[0], out, kind)
     return out

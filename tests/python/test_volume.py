@@ -112,14 +112,21 @@ def test_remap_matches_map_coordinates(rng, threads, dtype, interpolation, order
     assert_matches_float_reference(result, reference)
 
 
-def test_remap_outside_the_source_keeps_out_or_takes_cval(rng):
+def test_outside_the_source_keeps_out_or_takes_cval(rng):
     volume = random_volume(rng, (4, 5, 6), np.float32)
     coordinates = np.full((3, 2, 2, 2), -1.0, np.float32)
     coordinates[:, 0, 0, 0] = (1, 2, 3)
     out = np.full((2, 2, 2), 7.0, np.float32)
-    assert vekr.remap(volume, coordinates, "nearest", out=out, cval=None) is out
+    assert vekr.remap(volume, coordinates, "nearest", out=out) is out
     assert out[0, 0, 0] == volume[1, 2, 3] and (out.ravel()[1:] == 7).all()
-    assert (vekr.remap(volume, coordinates, cval=-2).ravel()[1:] == -2).all()
+    assert (vekr.remap(volume, coordinates).ravel()[1:] == 0).all()
+    assert (vekr.remap(volume, coordinates, cval_keep=False, cval=-2).ravel()[1:] == -2).all()
+    moved = np.eye(4)
+    moved[:3, 3] = (0, 0, 100)                  # every destination voxel maps outside
+    out = np.full(volume.shape, 7.0, np.float32)
+    assert vekr.warp_affine(volume, moved, out=out) is out and (out == 7).all()
+    vekr.warp_affine(volume, moved, out=out, cval_keep=False, cval=-3)
+    assert (out == -3).all()
 
 
 # --- Affine warp ----------------------------------------------------------------------------
@@ -157,7 +164,7 @@ def test_warp_equals_the_direct_call_with_the_matrix_in_x_y_z_order(rng, dtype):
     volume = random_volume(rng, (7, 8, 9), dtype)
     forward = rotation_about_centre(volume.shape, 40)
     forward[:3, :3] *= (1.2, 0.9, 1.1)
-    result = vekr.warp_affine(volume, forward[:3], interpolation="catmull-rom", cval=None,
+    result = vekr.warp_affine(volume, forward[:3], interpolation="catmull-rom",
                               out=np.zeros_like(volume))
     coeffs = np.empty((3, 4))
     coeffs[:, :3] = np.flip(forward[:3, :3])  # row and column (z, y, x) -> (x, y, z)
