@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <cmath>
 
-#include "frame/parallel_region.h"
+#include "slice_split.h"
 #include "vekcore.h"
 #include "volume_geometry.h"
 
 namespace vekr::volume {
 namespace {
 
-constexpr int32_t kMinParallelExtent = 16;
 constexpr int kTapLanes = 4;
 constexpr int kAvxBlock = 8;  // voxels per block of the AVX row kernel
 // Kernels of more elements keep 64-bit sums: the paired row kernel holds a pointer per tap.
@@ -260,16 +259,8 @@ void filterSlices(const FilterJob& job, uint8_t* share, int32_t sliceBegin, int3
 void filterVolume(const FilterJob& job, uint8_t* buffer, FilterRowKernel rowKernel)
 {
     const VolumeSize roi = job.roi;
-    if (roi.width < kMinParallelExtent || roi.height < kMinParallelExtent ||
-        roi.depth < kMinParallelExtent || ownGetNumThreads() <= 1) {
-        filterSlices(job, buffer, 0, roi.depth, rowKernel);
-        return;
-    }
     const std::size_t shareBytes = filterBufferBytesPerThread(roi.width, job.kernelExtent);
-    frame::runParallelRegion([&](int member, int teamSize) {
-        const int32_t share = roi.depth / teamSize;
-        const int32_t begin = member * share;
-        const int32_t end = member == teamSize - 1 ? roi.depth : begin + share;
+    splitSlices(roi.width, roi.height, roi.depth, [&](int member, int32_t begin, int32_t end) {
         filterSlices(job, buffer + std::size_t(member) * shareBytes, begin, end, rowKernel);
     });
 }

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "frame/parallel_region.h"
 #include "sample_lanes.h"
+#include "slice_split.h"
 #include "vekcore.h"
 
 namespace vekr::volume {
@@ -90,26 +90,6 @@ template WarpRowKernel<float> warpRowKernel<float>(const InterpolationKernel&, R
 
 namespace {
 
-// The team pays off only for boxes this large on every axis.
-constexpr int32_t kMinParallelExtent = 16;
-
-// slices(begin, end) over 0 .. depth - 1: once on the calling thread, or with n members member
-// t takes q = depth / n slices from t * q on and the last member also the depth % n left.
-template <class SliceRange>
-void splitSlices(int32_t width, int32_t height, int32_t depth, SliceRange&& slices)
-{
-    if (width < kMinParallelExtent || height < kMinParallelExtent || depth < kMinParallelExtent ||
-        ownGetNumThreads() <= 1) {
-        slices(0, depth);
-        return;
-    }
-    frame::runParallelRegion([&](int member, int teamSize) {
-        const int share = depth / teamSize;
-        const int begin = member * share;
-        slices(begin, member == teamSize - 1 ? depth : begin + share);
-    });
-}
-
 // The slice routine both share: row j of slice k of the box goes to writeRow(k, j, first voxel).
 // Rows and slices are counted in ptrdiff_t: a box may end at the last int (rows of step 0 let
 // a caller place it there), and its first row plus j must not overflow.
@@ -164,7 +144,7 @@ void remapVolume(const VolumeView<const T>& src, VolumeSize srcVolume, Cuboid sr
     const InterpolationKernel& used = remapKernelFor(kernel, srcVolume);
     const RemapRowKernel<T> row = remapRowKernel<T>(used);
     const Cuboid box = {0, 0, 0, roi.width, roi.height, roi.depth};
-    splitSlices(roi.width, roi.height, roi.depth, [&](int begin, int end) {
+    splitSlices(roi.width, roi.height, roi.depth, [&](int, int begin, int end) {
         writeSlices(dst, box, begin, end, [&](int k, int j, T* out) {
             const std::ptrdiff_t at = std::ptrdiff_t(j) * maps.rowStep;
             row(window, used, maps.x[k] + at, maps.y[k] + at, maps.z[k] + at, out, roi.width);
@@ -208,7 +188,7 @@ void warpAffineVolume(const VolumeView<const T>& src, VolumeSize srcVolume, Cubo
     const double(&b)[3][4] = inverse.b;
     const double step[3] = {b[0][0], b[1][0], b[2][0]};
     const double x0 = dstVOI.x;
-    splitSlices(dstVOI.width, dstVOI.height, dstVOI.depth, [&](int begin, int end) {
+    splitSlices(dstVOI.width, dstVOI.height, dstVOI.depth, [&](int, int begin, int end) {
         writeSlices(dst, dstVOI, begin, end, [&](int k, int j, T* out) {
             const double y = double(dstVOI.y) + j, z = double(dstVOI.z) + k;
             double start[3];

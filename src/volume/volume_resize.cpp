@@ -4,16 +4,13 @@
 #include <cstring>
 #include <type_traits>
 
-#include "frame/parallel_region.h"
 #include "frame/streaming_stores.h"
 #include "resize_tables.h"
+#include "slice_split.h"
 #include "vekcore.h"
 
 namespace vekr::volume {
 namespace {
-
-// The team pays off only for boxes this large on every axis.
-constexpr int32_t kMinParallelExtent = 16;
 
 int32_t regionExtent(const ResizeRegion& region, int a)
 {
@@ -198,18 +195,14 @@ void resizeVolumeInTeam(const VolumeView<const float>& src, VolumeSize srcVolume
 {
     const int32_t width = regionExtent(region, 0), height = regionExtent(region, 1);
     const int32_t depth = regionExtent(region, 2);
-    if (width < kMinParallelExtent || height < kMinParallelExtent || depth < kMinParallelExtent ||
-        ownGetNumThreads() <= 1) {
+    if (slicesTeamSize(width, height, depth) <= 1) {
         resizeVolume(src, srcVolume, dst, region, kernel, buffer);
         return;
     }
     const std::size_t shareBytes = resizeBufferBytesPerThread(width, height, depth, kernel.code);
     const ResizeRowKernels<float> kernels =
         avxRowKernels<float>(preferStreamingStores(region, sizeof(float)));
-    frame::runParallelRegion([&](int member, int teamSize) {
-        const int share = depth / teamSize;
-        const int begin = member * share;
-        const int end = member == teamSize - 1 ? depth : begin + share;
+    splitSlices(width, height, depth, [&](int member, int begin, int end) {
         resizeSlices(src, srcVolume, dst, region, kernel, buffer + std::size_t(member) * shareBytes,
                      begin, end, kernels);
     });
