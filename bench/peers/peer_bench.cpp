@@ -155,7 +155,7 @@ struct VekrScene {
 };
 
 // The renderer's build parameters: at most 50 splits (in all, or on each path for the
-// full-depth method), ratio 1 (split wherever the cost model says it pays), and its memory
+// full-depth method), ratio 0 (split only where the cost model expects a clear gain), and its memory
 // budget: the least the build accepts, 12 bytes per vertex + 84 per triangle + 32 MiB, plus
 // room for the node and leaf pools (up to about 300 bytes per triangle for full depth).
 KDTreeBuildParams rendererBuildParams(const SceneMesh& mesh, uint32_t method, const float* box)
@@ -164,7 +164,7 @@ KDTreeBuildParams rendererBuildParams(const SceneMesh& mesh, uint32_t method, co
         std::ceil((12.0 * mesh.vertexCount + 84.0 * mesh.triangleCount + 33554676.0) / 1048576.0);
     const double roomMB = 64 + std::ceil(384.0 * mesh.triangleCount / 1048576.0);
     if (neededMB > 4095) fail("mesh too large for the surface-area-heuristic build budget");
-    return {method, 50, 1.0f, uint32_t(std::min(4095.0, neededMB + roomMB)), box};
+    return {method, 50, 0.0f, uint32_t(std::min(4095.0, neededMB + roomMB)), box};
 }
 
 // Builds records, box and tree into scene (whose records block is allocated beforehand, as

@@ -16,6 +16,7 @@ typedef struct Options {
     float fovYDegrees;
     int hasEye, hasTarget, hasFov;
     TreeChoice tree;
+    float treeRatio; /* the surface-area-heuristic builds' ratio, 0 to 1 */
     int blockSide;
     int threadCount;
     Lighting lighting; /* the --light options in order (intensity 0 when not given), shadows */

@@ -120,7 +120,7 @@ void releaseScene(PreparedScene* scene)
     memset(scene, 0, sizeof *scene);
 }
 
-int prepareScene(PreparedScene* scene, TreeChoice tree)
+int prepareScene(PreparedScene* scene, TreeChoice tree, float ratio)
 {
     const SceneMesh* mesh = &scene->mesh;
     int recordBytes = 0;
@@ -154,7 +154,7 @@ int prepareScene(PreparedScene* scene, TreeChoice tree)
         params.memoryLimitMB = (uint32_t)fmin(4095, neededMB + roomMB);
         params.method = tree == TreeSah ? KDTreeBuildSah : KDTreeBuildSahFullDepth;
         params.maxDepth = 50; /* the most splits the build allows (in all, or on each path) */
-        params.ratio = 1.0f;  /* split wherever the cost model says it pays */
+        params.ratio = ratio;
         params.pBoundBox = &scene->box.minX;
     }
     const double start = omp_get_wtime();
@@ -169,8 +169,12 @@ int prepareScene(PreparedScene* scene, TreeChoice tree)
                     "one-leaf tree instead\n");
         return -1;
     }
-    printf("tree: %s, %d bytes, built in %.3f ms\n", kTreeNames[tree], scene->treeBytes,
-           buildSeconds * 1e3);
+    if (tree == TreeSimple)
+        printf("tree: %s, %d bytes, built in %.3f ms\n", kTreeNames[tree], scene->treeBytes,
+               buildSeconds * 1e3);
+    else
+        printf("tree: %s, ratio %g, %d bytes, built in %.3f ms\n", kTreeNames[tree], ratio,
+               scene->treeBytes, buildSeconds * 1e3);
 
     if (makeCornerNormals(mesh, &scene->cornerNormals, &scene->normalIndices) != 0) return -1;
     scene->context.boundBox = &scene->box.minX;

@@ -23,7 +23,7 @@ typedef struct PreparedScene {
 
 /* Builds records, box, tree and normals for scene->mesh; prints what it built and how long
  * the tree took. Returns 0, or -1 after reporting the failure (release the scene either way). */
-int prepareScene(PreparedScene* scene, TreeChoice tree);
+int prepareScene(PreparedScene* scene, TreeChoice tree, float ratio);
 
 /* Releases everything prepareScene built and the mesh, and empties the scene. */
 void releaseScene(PreparedScene* scene);

@@ -58,7 +58,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "out of memory for a %dx%d image\n", o.width, o.height);
         goto done;
     }
-    if (prepareScene(&scene, o.tree) != 0 ||
+    if (prepareScene(&scene, o.tree, o.treeRatio) != 0 ||
         makeCamera(eye, target, up, fovY, o.width, o.height, &camera) != 0)
         goto done;
     completeLights(&o.lighting, &scene.box);

@@ -84,6 +84,7 @@ class Scene:
         vertices: FloatRows,
         triangles: npt.NDArray[np.integer],
         method: Literal["sah-full", "sah", "simple"] = ...,
+        ratio: float = ...,
     ) -> None: ...
     @property
     def tree_size(self) -> int: ...

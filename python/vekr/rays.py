@@ -76,6 +76,10 @@ class Scene:
     method : {'sah-full', 'sah', 'simple'}, optional
         The KD-tree build: the surface-area heuristic with up to 50 splits on each path
         (default), with at most 50 splits in all, or one leaf holding every triangle.
+    ratio : float, optional
+        The surface-area-heuristic builds' ratio, 0 to 1: higher values split where smaller
+        gains are expected, giving larger trees. 0 (the default) built and traced fastest on
+        the meshes measured.
 
     Examples
     --------
@@ -87,7 +91,7 @@ class Scene:
     (array([0], dtype=int32), array([1.], dtype=float32))
     """
 
-    def __init__(self, vertices, triangles, method="sah-full"):
+    def __init__(self, vertices, triangles, method="sah-full", ratio=0.0):
         vertices = _args.float_rows(vertices, "vertices")
         if vertices.ndim != 2 or len(vertices) == 0:
             raise ValueError(f"vertices must have shape (N, 3) with N >= 1, not {vertices.shape}")
@@ -106,6 +110,8 @@ class Scene:
                              f"{corners.min()} to {corners.max()}")
         if method not in TREE_METHODS:
             raise ValueError(f"method must be one of {tuple(TREE_METHODS)}, not {method!r}")
+        if not 0.0 <= ratio <= 1.0:
+            raise ValueError(f"ratio must lie in 0 to 1, not {ratio!r}")
         if not np.all(np.isfinite(vertices)):
             raise ValueError("vertices must be finite")
         low = vertices.min(axis=0).astype(np.float64)
@@ -123,7 +129,7 @@ class Scene:
         simple = method == "simple"
         started = time.perf_counter()
         tree = _vekr.kd_tree_build_alloc(
-            local, tris, TREE_METHODS[method], 0 if simple else _MAX_SPLITS, 1.0,
+            local, tris, TREE_METHODS[method], 0 if simple else _MAX_SPLITS, float(ratio),
             0 if simple else _budget_mb(len(local), len(tris)), None if simple else self._box)
         self._build_time = time.perf_counter() - started
         self._tree = tree
