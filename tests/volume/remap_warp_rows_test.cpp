@@ -2,11 +2,13 @@
 // of 0 .. 40 voxels and one long row, with maps and output flush against guard pages.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "support/guard_buffer.h"
@@ -14,6 +16,7 @@
 #include "volume/remap_rows.h"
 #include "volume/resample_kernels.h"
 #include "volume/warp_rows.h"
+#include "volume_exports.h"
 
 namespace {
 
@@ -75,106 +78,89 @@ float randomCoordinate(std::mt19937& rng, int32_t lo, int32_t hi)
     }
 }
 
-template <class T>
-void expectSameBytes(const T* scalar, const T* avx, int n, const char* what)
+// For each window thickness, guard end and row length (0 .. 40, then one long row),
+// rows(window, thin, end, n, count, scalar, avx) writes a row through each twin, both rows
+// starting as 7 everywhere; the Avx row must hold the Scalar row's bytes.
+template <class T, class Rows>
+void expectTwinsAgree(const Source<T>& src, const char* what, Rows rows)
 {
-    for (int i = 0; i < n; ++i)
-        ASSERT_EQ(std::memcmp(scalar + i, avx + i, sizeof(T)), 0)
-            << what << ", n " << n << ", voxel " << i;
-}
-
-template <class T>
-void checkRemapTwins(const volume::InterpolationKernel& kernel, const char* what)
-{
-    const auto scalarRow = volume::remapRowKernel<T>(kernel, volume::RowPath::Scalar);
-    const auto avxRow = volume::remapRowKernel<T>(kernel, volume::RowPath::Avx);
-    std::mt19937 rng(7);
-    const Source<T> src(rng);
-    for (Thin thin : kThin) {
-        const volume::SourceWindow<T> window = src.window(thin);
+    for (Thin thin : kThin)
         for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
             for (int n = 0; n <= 41; ++n) {
                 const int count = n == 41 ? kLongRow : n;
-                GuardedArray<float> map[3] = {GuardedArray<float>(count, end),
-                                              GuardedArray<float>(count, end),
-                                              GuardedArray<float>(count, end)};
-                // Odd rows keep x where the four cubic taps lie inside the window.
-                std::uniform_real_distribution<float> interiorX(window.lo[0] + 1.0f,
-                                                                window.hi[0] - 2.0f);
-                for (int a = 0; a < 3; ++a)
-                    for (int i = 0; i < count; ++i)
-                        map[a].data()[i] = a == 0 && n % 2
-                                               ? interiorX(rng)
-                                               : randomCoordinate(rng, window.lo[a], window.hi[a]);
                 GuardedArray<T> scalar(count, end), avx(count, end);
+                std::fill_n(scalar.data(), count, T(7));
+                std::fill_n(avx.data(), count, T(7));
+                rows(src.window(thin), thin, end, n, count, scalar.data(), avx.data());
                 for (int i = 0; i < count; ++i)
-                    scalar.data()[i] = avx.data()[i] = T(7);
-                scalarRow(window, kernel, map[0].data(), map[1].data(), map[2].data(),
-                          scalar.data(), count);
-                avxRow(window, kernel, map[0].data(), map[1].data(), map[2].data(), avx.data(),
-                       count);
-                expectSameBytes(scalar.data(), avx.data(), count, what);
+                    ASSERT_EQ(std::memcmp(scalar.data() + i, avx.data() + i, sizeof(T)), 0)
+                        << what << ", n " << count << ", voxel " << i;
             }
-    }
+}
+
+template <class T>
+void checkRemapTwins(const volume::InterpolationKernel& kernel)
+{
+    std::mt19937 rng(7);
+    expectTwinsAgree(Source<T>(rng), "remap",
+                     [&](const volume::SourceWindow<T>& window, Thin, FlushEnd end, int n,
+                         int count, T* scalar, T* avx) {
+                         GuardedArray<float> x(count, end), y(count, end), z(count, end);
+                         GuardedArray<float>* map[3] = {&x, &y, &z};
+                         // Odd rows keep x where the four cubic taps lie inside the window.
+                         std::uniform_real_distribution<float> interiorX(window.lo[0] + 1.0f,
+                                                                         window.hi[0] - 2.0f);
+                         for (int a = 0; a < 3; ++a)
+                             for (int i = 0; i < count; ++i)
+                                 map[a]->data()[i] =
+                                     a == 0 && n % 2
+                                         ? interiorX(rng)
+                                         : randomCoordinate(rng, window.lo[a], window.hi[a]);
+                         for (auto [path, out] : {std::pair{volume::RowPath::Scalar, scalar},
+                                                  std::pair{volume::RowPath::Avx, avx}})
+                             volume::remapRowKernel<T>(kernel, path)(
+                                 window, kernel, x.data(), y.data(), z.data(), out, count);
+                     });
 }
 
 // Rows that start outside the window and cross it on a slant, so each row has voxels outside,
 // inside and on the way out; the long row takes a smaller step to stay near the box.
 template <class T>
-void checkWarpTwins(const volume::InterpolationKernel& kernel, const char* what)
+void checkWarpTwins(const volume::InterpolationKernel& kernel)
 {
-    const auto scalarRow = volume::warpRowKernel<T>(kernel, volume::RowPath::Scalar);
-    const auto avxRow = volume::warpRowKernel<T>(kernel, volume::RowPath::Avx);
     std::mt19937 rng(11);
     std::uniform_real_distribution<double> jitter(-0.5, 0.5);
-    const Source<T> src(rng);
-    for (Thin thin : kThin) {
-        const volume::SourceWindow<T> window = src.window(thin);
-        for (FlushEnd end : {FlushEnd::Back, FlushEnd::Front})
-            for (int n = 0; n <= 41; ++n) {
-                const int count = n == 41 ? kLongRow : n;
-                const double scale = count > 40 ? 0.01 : 0.3;
-                double start[3], step[3];
-                for (int a = 0; a < 3; ++a) {
-                    start[a] = window.lo[a] - 1.0 + jitter(rng);
-                    step[a] = scale * (window.hi[a] - window.lo[a] + 1.5 + jitter(rng)) / 3;
-                }
-                if (thin != Thin::None) step[2] = 0.0, start[2] = window.hi[2];  // one plane
-                if (thin == Thin::YZ) step[1] = 0.0, start[1] = window.lo[1];    // and one row
-                GuardedArray<T> scalar(count, end), avx(count, end);
-                for (int i = 0; i < count; ++i)
-                    scalar.data()[i] = avx.data()[i] = T(7);
-                scalarRow(window, kernel, start, step, scalar.data(), count);
-                avxRow(window, kernel, start, step, avx.data(), count);
-                expectSameBytes(scalar.data(), avx.data(), count, what);
+    expectTwinsAgree(
+        Source<T>(rng), "warp",
+        [&](const volume::SourceWindow<T>& window, Thin thin, FlushEnd, int, int count, T* scalar,
+            T* avx) {
+            const double scale = count > 40 ? 0.01 : 0.3;
+            double start[3], step[3];
+            for (int a = 0; a < 3; ++a) {
+                start[a] = window.lo[a] - 1.0 + jitter(rng);
+                step[a] = scale * (window.hi[a] - window.lo[a] + 1.5 + jitter(rng)) / 3;
             }
-    }
+            if (thin != Thin::None) step[2] = 0.0, start[2] = window.hi[2];  // one plane
+            if (thin == Thin::YZ) step[1] = 0.0, start[1] = window.lo[1];    // one row
+            for (auto [path, out] :
+                 {std::pair{volume::RowPath::Scalar, scalar}, std::pair{volume::RowPath::Avx, avx}})
+                volume::warpRowKernel<T>(kernel, path)(window, kernel, start, step, out, count);
+        });
 }
 
 template <class T>
-void checkAllTwins()
+class RemapWarpRowKernels : public testing::Test {};
+using VoxelTypes = testing::Types<uint8_t, uint16_t, float>;
+TYPED_TEST_SUITE(RemapWarpRowKernels, VoxelTypes);
+
+TYPED_TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit)
 {
-    for (int code :
-         {InterpolationNearest, InterpolationLinear, InterpolationCubicLagrange,
-          InterpolationCubicBSpline, InterpolationCubicCatmullRom, InterpolationCubicB05C03}) {
+    for (int code : test::kKinds) {
         const volume::InterpolationKernel& kernel = *volume::findInterpolationKernel(code);
         SCOPED_TRACE(code);
-        checkRemapTwins<T>(kernel, "remap");
-        checkWarpTwins<T>(kernel, "warp");
+        checkRemapTwins<TypeParam>(kernel);
+        checkWarpTwins<TypeParam>(kernel);
     }
-}
-
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit8u)
-{
-    checkAllTwins<uint8_t>();
-}
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit16u)
-{
-    checkAllTwins<uint16_t>();
-}
-TEST(RemapWarpRowKernels, AvxMatchesScalarBitForBit32f)
-{
-    checkAllTwins<float>();
 }
 
 }  // namespace
