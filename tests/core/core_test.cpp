@@ -31,15 +31,12 @@ TEST(CoreAlloc, BlocksAre64ByteAlignedAndCounted)
 TEST(CoreAlloc, FailsExactlyTheNthCallThenRecovers)
 {
     vekFailNthAllocation(3);
-    void* first = vekMalloc(16);
-    void* second = vekMalloc(16);
-    void* third = vekMalloc(16);
-    void* fourth = vekMalloc(16);
-    EXPECT_NE(first, nullptr);
-    EXPECT_NE(second, nullptr);
-    EXPECT_EQ(third, nullptr);
-    EXPECT_NE(fourth, nullptr);
-    for (void* p : {first, second, fourth})
+    void* blocks[4];
+    for (int i = 0; i < 4; ++i) {
+        blocks[i] = vekMalloc(16);
+        EXPECT_EQ(blocks[i] == nullptr, i == 2) << "call " << i + 1;
+    }
+    for (void* p : blocks)
         vekFree(p);
 
     vekFailNthAllocation(1);

@@ -6,9 +6,11 @@
 
 #include "frame/parallel_region.h"
 #include "frame/scratch.h"
+#include "support/thread_count_scope.h"
 #include "vekcore.h"
 
 using namespace vekr::frame;
+using vekr::test::ThreadCountScope;
 
 TEST(Scratch, CountBelowOneNeverReachesTheAllocator)
 {
@@ -57,19 +59,16 @@ std::vector<int> teamSeenByMembers()
 
 TEST(ParallelRegion, TeamHasTheCoreThreadCount)
 {
-    const int initial = vekGetNumThreads();
     for (int threads : {1, 2, 3}) {
-        vekSetNumThreads(threads);
+        const ThreadCountScope scope(threads);
         EXPECT_EQ(teamSeenByMembers(), std::vector<int>(threads, threads)) << threads;
     }
-    vekSetNumThreads(initial);
 }
 
 TEST(ParallelRegion, RunsSerialisedWhereTheRuntimeAllowsNoNewLevel)
 {
-    const int initial = vekGetNumThreads();
+    const ThreadCountScope scope(2);
     const int initialLevels = omp_get_max_active_levels();
-    vekSetNumThreads(2);
     omp_set_max_active_levels(1);
     std::vector<int> inner[2];
 #pragma omp parallel num_threads(2)
@@ -79,5 +78,4 @@ TEST(ParallelRegion, RunsSerialisedWhereTheRuntimeAllowsNoNewLevel)
         EXPECT_EQ(inner[1], std::vector<int>{1});
     }
     omp_set_max_active_levels(initialLevels);
-    vekSetNumThreads(initial);
 }

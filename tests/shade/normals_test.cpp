@@ -14,6 +14,7 @@
 #include "shade/normals.h"
 #include "support/float_bits.h"
 #include "support/guard_buffer.h"
+#include "support/thread_count_scope.h"
 #include "vekcore.h"
 #include "vekr.h"
 
@@ -191,7 +192,7 @@ void expectPerRayNormals(FlushEnd flush, size_t shifted, int step, int n)
 // threads write the scalar twin's bytes, wherever the shares' scalar tails fall.
 TEST(TriangleNormal, ReferenceBetweenGuardPagesAndIdenticalBytesOnTwinsAndThreads)
 {
-    const int saved = vekGetNumThreads();
+    ThreadCountScope team(vekGetNumThreads());  // restored however the test ends
     for (int n = 0; n <= 42; ++n) {
         const int count = n == 41 ? 1001 : n == 42 ? 100003 : n;
         const Mesh m = randomMesh(count, unsigned(count) + 1);
@@ -213,7 +214,7 @@ TEST(TriangleNormal, ReferenceBetweenGuardPagesAndIdenticalBytesOnTwinsAndThread
         };
         EXPECT_TRUE(same(runTriangles(&shade::computeTriangleNormalsAvx, odd, count))) << count;
         for (int threads : {1, 2, 3}) {
-            vekSetNumThreads(threads);
+            team.set(threads);
             EXPECT_TRUE(same(runTriangles(
                 [](const float* v, const int* t, float* out, int c) {
                     ASSERT_EQ(vekrTriangleNormal_32f(v, t, out, c), StatusOk);
@@ -222,7 +223,6 @@ TEST(TriangleNormal, ReferenceBetweenGuardPagesAndIdenticalBytesOnTwinsAndThread
                 << count << " triangles, " << threads << " threads";
         }
     }
-    vekSetNumThreads(saved);
 }
 
 TEST(TriangleNormal, DocumentedCasesOrientationAndTheDoubleEpsilonThreshold)

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/guarded_volume.h"
+#include "support/thread_count_scope.h"
 #include "vekcore.h"
 #include "vekr.h"
 
@@ -115,19 +116,6 @@ void expectRegion(const GuardedVolume<T>& dst, const std::vector<T>& before, Cub
             << "kind " << kind << " at " << x << "," << y << "," << z;
     }
 }
-
-// The library's thread count for one scope.
-class ThreadCountScope {
-public:
-    explicit ThreadCountScope(int threads) : saved_(vekGetNumThreads())
-    {
-        vekSetNumThreads(threads);
-    }
-    ~ThreadCountScope() { vekSetNumThreads(saved_); }
-
-private:
-    int saved_;
-};
 
 template <class T>
 std::vector<uint8_t> bytesOf(const std::vector<T>& v)

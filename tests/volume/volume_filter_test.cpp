@@ -210,6 +210,16 @@ TEST(VolumeFilter, MatchesTheFormulaOnBothRowKernelsReadingOnlyItsVoxels)
     EXPECT_TRUE(sawMax && sawMin);
 }
 
+// One row of `width` voxels through a single tap, with a buffer of the reported size.
+Status filterRow(const int16_t* srcPlane, int16_t* dstPlane, int width, int32_t tap, int divisor)
+{
+    int bytes = 0;
+    EXPECT_EQ(vekrFilterGetBufSize({width, 1, 1}, {1, 1, 1}, 1, &bytes), StatusOk);
+    std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
+    return vekrFilter_16s_C1PV(&srcPlane, width * 2, &dstPlane, width * 2, {width, 1, 1}, &tap,
+                               {1, 1, 1}, 0, 0, 0, divisor, buffer.data());
+}
+
 // One voxel, one tap: src * tap / divisor rounded half away from zero, then saturated.
 TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
 {
@@ -219,38 +229,22 @@ TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
         int divisor;
         int16_t expected;
     };
+    // clang-format off
     const Row rows[] = {
-        {3, 1, 2, 2},
-        {-3, 1, 2, -2},
-        {3, 1, -2, -2},
-        {-3, 1, -2, 2},
-        {5, 1, 2, 3},
-        {1, 1, 3, 0},
-        {2, 1, 3, 1},
-        {-2, 1, 3, -1},
-        {7, 1, -1, -7},
-        {0, 9, -5, 0},
-        {-32768, 1, -1, 32767},
-        {32767, 2, 2, 32767},
-        {-32768, 3, 2, -32768},
-        {32767, 65538, 2, 32767},
+        {3, 1, 2, 2}, {-3, 1, 2, -2}, {3, 1, -2, -2}, {-3, 1, -2, 2}, {5, 1, 2, 3}, {1, 1, 3, 0},
+        {2, 1, 3, 1}, {-2, 1, 3, -1}, {7, 1, -1, -7}, {0, 9, -5, 0}, {-32768, 1, -1, 32767},
+        {32767, 2, 2, 32767}, {-32768, 3, 2, -32768}, {32767, 65538, 2, 32767},
         {-32768, kInt32Max, 1, -32768},
         {16384, 65536, kInt32Min, -1},  // -0.5 exactly: away from zero
         {16383, 65536, kInt32Min, 0},
         {-32768, kInt32Min, kInt32Min, -32768},
         {32767, kInt32Max, 65536, 32767},
     };
+    // clang-format on
     for (const Row& r : rows) {
         SCOPED_TRACE(testing::Message() << r.voxel << " * " << r.tap << " / " << r.divisor);
-        const int16_t* srcPlane = &r.voxel;
         int16_t out = kSentinel;
-        int16_t* dstPlane = &out;
-        int bytes = 0;
-        ASSERT_EQ(vekrFilterGetBufSize({1, 1, 1}, {1, 1, 1}, 1, &bytes), StatusOk);
-        std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
-        ASSERT_EQ(vekrFilter_16s_C1PV(&srcPlane, 2, &dstPlane, 2, {1, 1, 1}, &r.tap, {1, 1, 1}, 0,
-                                      0, 0, r.divisor, buffer.data()),
-                  StatusOk);
+        ASSERT_EQ(filterRow(&r.voxel, &out, 1, r.tap, r.divisor), StatusOk);
         EXPECT_EQ(out, r.expected);
         EXPECT_EQ(out, roundedQuotient(int64_t(r.voxel) * r.tap, r.divisor));
     }
@@ -258,16 +252,8 @@ TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
     std::vector<int16_t> all(65536), out(65536);
     for (int v = 0; v < 65536; ++v)
         all[size_t(v)] = int16_t(v - 32768);
-    const int16_t* srcPlane = all.data();
-    int16_t* dstPlane = out.data();
-    int bytes = 0;
-    ASSERT_EQ(vekrFilterGetBufSize({65536, 1, 1}, {1, 1, 1}, 1, &bytes), StatusOk);
-    std::vector<uint8_t> buffer(static_cast<size_t>(bytes));
-    const int32_t tap = 1;
     for (int divisor : {1, 2, 3, 7, 10, 27, 255, 1000, -2, -3}) {
-        ASSERT_EQ(vekrFilter_16s_C1PV(&srcPlane, 131072, &dstPlane, 131072, {65536, 1, 1}, &tap,
-                                      {1, 1, 1}, 0, 0, 0, divisor, buffer.data()),
-                  StatusOk);
+        ASSERT_EQ(filterRow(all.data(), out.data(), 65536, 1, divisor), StatusOk);
         for (int v = 0; v < 65536; ++v)
             if (out[size_t(v)] != roundedQuotient(all[size_t(v)], divisor))
                 FAIL() << all[size_t(v)] << " / " << divisor << " gave " << out[size_t(v)];
