@@ -22,11 +22,8 @@ using namespace vekr::test;
 
 namespace {
 
-template <class T>
-using Planes = GuardedVolume<T>;
-
 struct Maps {
-    Planes<float> x, y, z;
+    GuardedVolume<float> x, y, z;
     explicit Maps(VolumeSize roi, FlushEnd end = FlushEnd::Back)
         : x(roi, true, end), y(roi, true, end), z(roi, true, end)
     {
@@ -40,7 +37,7 @@ Maps randomMaps(VolumeSize roi, const int lo[3], const int hi[3], unsigned seed,
 {
     std::mt19937 rng(seed);
     Maps m(roi, end);
-    Planes<float>* axes[3] = {&m.x, &m.y, &m.z};
+    GuardedVolume<float>* axes[3] = {&m.x, &m.y, &m.z};
     int n = 0;
     for (int a = 0; a < 3; ++a)
         axes[a]->fill([&](int, int, int) {
@@ -55,8 +52,8 @@ Maps randomMaps(VolumeSize roi, const int lo[3], const int hi[3], unsigned seed,
 }
 
 template <class T>
-Status remap(const Planes<T>& src, Cuboid srcVOI, Maps& maps, Planes<T>& dst, VolumeSize roi,
-             int kind)
+Status remap(const GuardedVolume<T>& src, Cuboid srcVOI, Maps& maps, GuardedVolume<T>& dst,
+             VolumeSize roi, int kind)
 {
     return VolumeExports<T>::kRemap(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
                                     maps.x.constPlanes(), maps.y.constPlanes(),
@@ -72,14 +69,8 @@ void clippedBounds(VolumeSize v, Cuboid box, int lo[3], int hi[3])
     hi[2] = box.z + std::min(v.depth - box.z, box.depth) - 1;
 }
 
-// The destination is larger than the region on every axis, so bytes after it are compared too.
-VolumeSize around(VolumeSize roi)
-{
-    return {roi.width + 2, roi.height + 1, roi.depth + 1};
-}
-
 template <class T>
-Status warp(const Planes<T>& src, Cuboid srcVOI, Planes<T>& dst, Cuboid dstVOI,
+Status warp(const GuardedVolume<T>& src, Cuboid srcVOI, GuardedVolume<T>& dst, Cuboid dstVOI,
             const double* coeffs, int kind)
 {
     return VolumeExports<T>::kWarp(src.constPlanes(), src.size(), src.rowBytes(), srcVOI,
@@ -152,17 +143,15 @@ template <class T>
 void expectNearReference(const ResampleCase& c, unsigned seed, FlushEnd end)
 {
     std::mt19937 rng(seed);
-    Planes<T> src(c.src, true, end);
+    GuardedVolume<T> src(c.src, true, end);
     src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
     int lo[3], hi[3];
     clippedBounds(c.src, c.srcVOI, lo, hi);
     const VolumeSize roi = {c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth};
     std::optional<Maps> maps;
     if (!c.warp) maps.emplace(randomMaps(roi, lo, hi, seed, end));
-    const VolumeSize dstSize = {c.dstVOI.x + roi.width + 2, c.dstVOI.y + roi.height + 1,
-                                c.dstVOI.z + roi.depth + 1};  // bytes after the box compared too
     for (int kind : kKinds) {
-        Planes<T> dst(dstSize, true, end);
+        GuardedVolume<T> dst(withMargin(c.dstVOI), true, end);
         const std::vector<T> before = dst.storage();
         ASSERT_EQ(c.warp ? warp(src, c.srcVOI, dst, c.dstVOI, c.coeffs, kind)
                          : remap(src, c.srcVOI, *maps, dst, roi, kind),
@@ -209,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, VolumeRemapWarp, testing::ValuesIn(kResampleCase
 // the voxel alone.
 TEST(VolumeRemapBounds, MaximumIsInsideAndTheNextFloatOutside)
 {
-    Planes<float> src({6, 5, 4});
+    GuardedVolume<float> src({6, 5, 4});
     src.fill([](int x, int y, int z) { return float(100 * z + 10 * y + x); });
     const Cuboid box = {1, 1, 1, 4, 3, 2};  // x 1..4, y 1..3, z 1..2
     Maps maps({2, 1, 1});
@@ -217,7 +206,7 @@ TEST(VolumeRemapBounds, MaximumIsInsideAndTheNextFloatOutside)
     maps.x.at(1, 0, 0) = std::nextafter(4.0f, 5.0f), maps.y.at(1, 0, 0) = 1.0f;
     maps.z.at(1, 0, 0) = 1.0f;
     for (int kind : kKinds) {
-        Planes<float> dst({2, 1, 1});
+        GuardedVolume<float> dst({2, 1, 1});
         dst.fill([](int, int, int) { return -1.0f; });
         ASSERT_EQ(remap(src, box, maps, dst, {2, 1, 1}, kind), StatusOk);
         // The B-spline and B05C03 cubics smooth, so they only have to write something there.
@@ -245,17 +234,17 @@ TEST(VolumeRemapBounds, SmallSourcesDowngradeTheKind)
     };
     for (const auto& c : cases) {
         std::mt19937 rng(5);
-        Planes<uint16_t> src(c.src);
+        GuardedVolume<uint16_t> src(c.src);
         src.fill([&](int, int, int) { return randomVoxel<uint16_t>(rng); });
         const Cuboid box = {0, 0, 0, c.src.width, c.src.height, c.src.depth};
         int lo[3], hi[3];
         clippedBounds(c.src, box, lo, hi);
         const VolumeSize roi = {19, 4, 3};
         Maps maps = randomMaps(roi, lo, hi, 9);
-        Planes<uint16_t> expected(roi);
+        GuardedVolume<uint16_t> expected(roi);
         ASSERT_EQ(remap(src, box, maps, expected, roi, c.downgradedTo), StatusOk);
         for (int kind : c.kinds) {
-            Planes<uint16_t> dst(roi);
+            GuardedVolume<uint16_t> dst(roi);
             ASSERT_EQ(remap(src, box, maps, dst, roi, kind), StatusOk);
             EXPECT_EQ(dst.storage(), expected.storage()) << "kind " << kind;
         }
@@ -268,12 +257,12 @@ TEST(VolumeWarpAffineIdentity, CopiesTheSourceBox)
 {
     const double identity[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     std::mt19937 rng(4);
-    Planes<float> src({9, 7, 6});
+    GuardedVolume<float> src({9, 7, 6});
     src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
     const Cuboid srcVOI = {2, 1, 1, 5, 5, 4}, dstVOI = {0, 0, 0, 9, 7, 6};
     const float kUntouched = vekr::test::bitsToFloat(0xA5A5A5A5u);  // what Planes starts with
     for (int kind : {InterpolationNearest, InterpolationLinear, InterpolationCubicCatmullRom}) {
-        Planes<float> dst({9, 7, 6});
+        GuardedVolume<float> dst({9, 7, 6});
         ASSERT_EQ(warp(src, srcVOI, dst, dstVOI, identity, kind), StatusOk);
         for (int z = 0; z < 6; ++z)
             for (int y = 0; y < 7; ++y)
@@ -309,7 +298,7 @@ TEST(VolumeWarpAffineIdentity, BoxEndingAtTheLastIntOverRowsOfStepZero)
 // are refused with nothing written.
 TEST(VolumeWarpAffineIdentity, DeterminantLimitIsStrict)
 {
-    Planes<uint8_t> src({4, 4, 4});
+    GuardedVolume<uint8_t> src({4, 4, 4});
     src.fill([](int x, int, int) { return uint8_t(x); });
     const Cuboid box = {0, 0, 0, 4, 4, 4};
     const double atLimit[12] = {1e-10, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
@@ -317,11 +306,11 @@ TEST(VolumeWarpAffineIdentity, DeterminantLimitIsStrict)
     const double below[12] = {0.99e-10, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     const double singular[12] = {1, 2, 3, 4, 0, 1, 0, 0, 0, 0, 0, 5};
     for (const double* m : {atLimit, negativeAtLimit}) {
-        Planes<uint8_t> dst({4, 4, 4});
+        GuardedVolume<uint8_t> dst({4, 4, 4});
         EXPECT_EQ(warp(src, box, dst, box, m, InterpolationLinear), StatusOk);
     }
     for (const double* m : {below, singular}) {
-        Planes<uint8_t> dst({4, 4, 4});
+        GuardedVolume<uint8_t> dst({4, 4, 4});
         const std::vector<uint8_t> before = dst.storage();
         EXPECT_EQ(warp(src, box, dst, box, m, InterpolationNearest), StatusBadCoefficients);
         EXPECT_EQ(dst.storage(), before);
@@ -357,12 +346,12 @@ std::vector<uint8_t> remapOrWarpForTeams(int variant, FlushEnd end)
     forVoxelType(variant / 6, [&]<class T>(T, unsigned) {
         const int kind = kKinds[variant % 6];
         std::mt19937 rng(12);
-        Planes<T> src({12, 11, 10}, true, end);
+        GuardedVolume<T> src({12, 11, 10}, true, end);
         src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
         const Cuboid srcVOI = {1, 0, 1, 10, 11, 9};
         if constexpr (kWarp) {
             const double coeffs[12] = {1.4, 0.2, 0, -1, -0.1, 1.5, 0.1, 0.5, 0.05, 0, 1.9, -0.7};
-            Planes<T> warped({18, 19, 20}, true, end);
+            GuardedVolume<T> warped({18, 19, 20}, true, end);
             EXPECT_EQ(warp(src, srcVOI, warped, {1, 0, 2, 16, 18, 17}, coeffs, kind), StatusOk);
             bytes = bytesOf(warped.storage());
         } else {
@@ -370,7 +359,8 @@ std::vector<uint8_t> remapOrWarpForTeams(int variant, FlushEnd end)
             clippedBounds(src.size(), srcVOI, lo, hi);
             const VolumeSize roi = {17, 16, 19};
             Maps maps = randomMaps(roi, lo, hi, 6, end);
-            Planes<T> remapped(around(roi), true, end);
+            GuardedVolume<T> remapped(withMargin({0, 0, 0, roi.width, roi.height, roi.depth}), true,
+                                      end);
             EXPECT_EQ(remap(src, srcVOI, maps, remapped, roi, kind), StatusOk);
             bytes = bytesOf(remapped.storage());
         }

@@ -87,6 +87,13 @@ double tolerance(int kind)
     return (std::is_same_v<T, float> ? 0.0 : 0.5) + 0x1p-20 * kMax;
 }
 
+// A destination volume holding `box` with a margin after it on every axis, so that the bytes
+// just past the box are compared too.
+inline VolumeSize withMargin(Cuboid box)
+{
+    return {box.x + box.width + 2, box.y + box.height + 1, box.z + box.depth + 1};
+}
+
 // Every element of dst's storage against `before`: voxels of `box` for which refAt gives a
 // value hold it within tol, voxels it gives NaN for (the reference cannot decide them) are
 // skipped, and everything else (padding, voxels outside the box, voxels refAt gives nothing

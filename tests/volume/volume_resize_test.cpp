@@ -24,10 +24,6 @@ namespace volume = vekr::volume;
 
 namespace {
 
-// V: one block, planes padded by one row. PV: each plane in a mapping of its own.
-template <class T>
-using TestVolume = GuardedVolume<T>;
-
 struct ResizeCase {
     const char* name;
     VolumeSize src;
@@ -40,17 +36,10 @@ void PrintTo(const ResizeCase& c, std::ostream* os)
     *os << c.name;
 }
 
-// The destination volume holds dstVOI with a margin after it.
-VolumeSize dstVolumeOf(const ResizeCase& c)
-{
-    return {c.dstVOI.x + c.dstVOI.width + 2, c.dstVOI.y + c.dstVOI.height + 1,
-            c.dstVOI.z + c.dstVOI.depth + 1};
-}
-
 // A call through the export with a work buffer of exactly the size the query reports at the
 // current thread count, flush against a guard page at either end.
 template <class T>
-Status resizeThroughExport(bool planar, const TestVolume<T>& src, TestVolume<T>& dst,
+Status resizeThroughExport(bool planar, const GuardedVolume<T>& src, GuardedVolume<T>& dst,
                            const ResizeCase& c, int kind, FlushEnd bufferEnd = FlushEnd::Back)
 {
     int bytes = 0;
@@ -89,7 +78,8 @@ Cuboid writtenBox(const ResizeCase& c)
 }
 
 template <class T>
-double referenceValue(const TestVolume<T>& src, const ResizeCase& c, int kind, int x, int y, int z)
+double referenceValue(const GuardedVolume<T>& src, const ResizeCase& c, int kind, int x, int y,
+                      int z)
 {
     const int at[3] = {x, y, z}, extent[3] = {c.src.width, c.src.height, c.src.depth};
     AxisTaps taps[3];
@@ -134,11 +124,11 @@ TEST_P(VolumeResize, MatchesDoublePrecisionReferenceWithinTheReportedBuffer)
     const ResizeCase& c = GetParam();
     forEachVoxelType([&]<class T>(T, unsigned seed) {
         std::mt19937 rng(seed);
-        TestVolume<T> srcV(c.src, false), srcPV(c.src, true, FlushEnd::Front);
+        GuardedVolume<T> srcV(c.src, false), srcPV(c.src, true, FlushEnd::Front);
         srcV.fill([&](int, int, int) { return randomVoxel<T>(rng); });
         srcPV.fill([&](int x, int y, int z) { return srcV.at(x, y, z); });
         for (int kind : kKinds) {
-            TestVolume<T> dstV(dstVolumeOf(c), false), dstPV(dstVolumeOf(c), true);
+            GuardedVolume<T> dstV(withMargin(c.dstVOI), false), dstPV(withMargin(c.dstVOI), true);
             const std::vector<T> before = dstV.storage();
             ASSERT_EQ(resizeThroughExport(false, srcV, dstV, c, kind), StatusOk) << "kind " << kind;
             ASSERT_EQ(resizeThroughExport(true, srcPV, dstPV, c, kind, FlushEnd::Front), StatusOk);
@@ -159,10 +149,10 @@ TEST_P(VolumeResize, ConstantVolumeStaysConstant)
     const ThreadCountScope oneThread(1);
     const ResizeCase& c = GetParam();
     auto expectConstant = [&]<class T>(T value) {
-        TestVolume<T> src(c.src, false);
+        GuardedVolume<T> src(c.src, false);
         src.fill([&](int, int, int) { return value; });
         for (int kind : kKinds) {
-            TestVolume<T> dst(dstVolumeOf(c), false);
+            GuardedVolume<T> dst(withMargin(c.dstVOI), false);
             const std::vector<T> before = dst.storage();
             ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
             const bool exact = !std::is_same_v<T, float> || kind <= InterpolationLinear;
@@ -187,19 +177,18 @@ TEST(VolumeResizeIdentity, FactorOneCopiesTheBox)
     const ThreadCountScope oneThread(1);
     forEachVoxelType([]<class T>(T, unsigned) {
         std::mt19937 rng(7);
-        TestVolume<T> src({9, 7, 5}, false);
+        GuardedVolume<T> src({9, 7, 5}, false);
         src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
         for (const Cuboid box : {Cuboid{2, 1, 1, 5, 4, 3}, Cuboid{0, 0, 0, 9, 7, 5}})
             for (int kind :
                  {InterpolationNearest, InterpolationLinear, InterpolationCubicCatmullRom}) {
                 const ResizeCase c = {"", src.size(), box, box, {1, 1, 1}, {0, 0, 0}};
-                TestVolume<T> dst(src.size(), false);
+                GuardedVolume<T> dst(src.size(), false);
                 const std::vector<T> before = dst.storage();
                 ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
-                expectRegion(dst, before, box, kind, 0.0,
-                             [&](int x, int y, int z) -> std::optional<double> {
-                                 return src.at(x, y, z);
-                             });
+                expectRegion(
+                    dst, before, box, kind, 0.0,
+                    [&](int x, int y, int z) -> std::optional<double> { return src.at(x, y, z); });
             }
     });
 }
@@ -209,12 +198,12 @@ TEST(VolumeResizeIdentity, FactorOneCopiesTheBox)
 TEST(VolumeResizeIdentity, InfiniteFactorStaysInsideTheDestinationBox)
 {
     const ThreadCountScope oneThread(1);
-    TestVolume<uint8_t> src({8, 8, 8}, false);
+    GuardedVolume<uint8_t> src({8, 8, 8}, false);
     src.fill([](int x, int y, int z) { return uint8_t(x + y + z); });
     const ResizeCase c = {
         "", src.size(), {0, 0, 0, 8, 8, 8}, {5, 0, 0, 6, 4, 4}, {INFINITY, 1, 1}, {0, 0, 0}};
     for (int kind : kKinds) {
-        TestVolume<uint8_t> dst(dstVolumeOf(c), false);  // 0xA5 throughout
+        GuardedVolume<uint8_t> dst(withMargin(c.dstVOI), false);  // 0xA5 throughout
         resizeThroughExport(false, src, dst, c, kind);
         for (int z = 0; z < dst.size().depth; ++z)
             for (int y = 0; y < dst.size().height; ++y)
@@ -229,13 +218,13 @@ TEST(VolumeResizeIdentity, InfiniteFactorStaysInsideTheDestinationBox)
 TEST(VolumeResizeIdentity, Cubic8uSaturatesAtSharpEdges)
 {
     const ThreadCountScope oneThread(1);
-    TestVolume<uint8_t> src({8, 2, 2}, false);
+    GuardedVolume<uint8_t> src({8, 2, 2}, false);
     src.fill([](int x, int, int) { return uint8_t(x < 4 ? 0 : 255); });
     const ResizeCase c = {"",        src.size(), {0, 0, 0, 8, 2, 2}, {0, 0, 0, 24, 2, 2},
                           {3, 1, 1}, {0, 0, 0}};
     for (int kind :
          {InterpolationCubicLagrange, InterpolationCubicCatmullRom, InterpolationCubicB05C03}) {
-        TestVolume<uint8_t> dst(dstVolumeOf(c), false);
+        GuardedVolume<uint8_t> dst(withMargin(c.dstVOI), false);
         ASSERT_EQ(resizeThroughExport(false, src, dst, c, kind), StatusOk);
         int over = 0, under = 0;
         for (int x = 0; x < 24; ++x) {
@@ -256,14 +245,14 @@ TEST(VolumeResizeIdentity, Cubic8uSaturatesAtSharpEdges)
 std::vector<uint8_t> resizeForTeams(int variant, FlushEnd bufferEnd)
 {
     std::mt19937 rng(11);
-    TestVolume<float> src({12, 11, 10}, false);
+    GuardedVolume<float> src({12, 11, 10}, false);
     src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
     ResizeCase c = {"", src.size(), {0, 0, 0, 12, 11, 10}, {}, {1.7, 1.6, 1.9}, {0.3, -0.2, 0.1}};
     EXPECT_EQ(vekrGetResizeCuboid(c.srcVOI, &c.dstVOI, c.factor[0], c.factor[1], c.factor[2],
                                   c.shift[0], c.shift[1], c.shift[2], InterpolationLinear),
               StatusOk);
     EXPECT_GE(std::min({c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth}), 16);
-    TestVolume<float> dst(dstVolumeOf(c), false);
+    GuardedVolume<float> dst(withMargin(c.dstVOI), false);
     EXPECT_EQ(resizeThroughExport(false, src, dst, c, kKinds[variant], bufferEnd), StatusOk);
     return bytesOf(dst.storage());
 }
@@ -283,7 +272,7 @@ void expectAvxMatchesScalar(int kind)
     std::mt19937 rng{unsigned(kind)};
     for (int srcWidth = 1; srcWidth <= 34; ++srcWidth) {
         const VolumeSize srcSize = {srcWidth, 5, 4};
-        TestVolume<T> src(srcSize, false);
+        GuardedVolume<T> src(srcSize, false);
         src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
         const Cuboid srcVOI = {0, 0, 0, srcWidth, 5, 4};
         const Cuboid dstVOI = {srcWidth % 8, 0, 0, 64, 8, 8};
@@ -297,11 +286,11 @@ void expectAvxMatchesScalar(int kind)
         const auto srcView = volume::blockVolume(src.constPlanes()[0], src.rowBytes() / voxelBytes,
                                                  src.planeBytes() / voxelBytes);
         const int depth = region.axis[2].dstEnd - region.axis[2].dstStart;
-        std::vector<std::unique_ptr<TestVolume<T>>> results;
+        std::vector<std::unique_ptr<GuardedVolume<T>>> results;
         for (const auto& kernels : {volume::scalarRowKernels<T>(), volume::avxRowKernels<T>(false),
                                     volume::avxRowKernels<T>(true)}) {
-            results.push_back(std::make_unique<TestVolume<T>>(VolumeSize{72, 8, 8}, false));
-            TestVolume<T>& dst = *results.back();
+            results.push_back(std::make_unique<GuardedVolume<T>>(VolumeSize{72, 8, 8}, false));
+            GuardedVolume<T>& dst = *results.back();
             volume::resizeSlices(srcView, srcSize,
                                  volume::blockVolume(dst.block(), dst.rowBytes() / voxelBytes,
                                                      dst.planeBytes() / voxelBytes),
