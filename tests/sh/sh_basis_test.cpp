@@ -31,16 +31,10 @@ using namespace vekr::test;
 namespace {
 
 // vekrSH_32f on a state of the given order and method, or vekrSHBand_32f band by band.
-struct BasisPath {
-    const char* name;
-    int method;  // -1 for the bands
-    unsigned stateOrder;
-    friend void PrintTo(const BasisPath& path, std::ostream* os) { *os << path.name; }
-};
-const BasisPath kDirect = {"Direct", SHMethodDirect, 15};
+const StatePath kDirect = kStatePaths[0];
 
 // Bands 0 to 15, 256 values per direction, every input and output flush against a guard page.
-std::vector<float> evaluate(const BasisPath& path, const Directions& d, FlushEnd end)
+std::vector<float> evaluate(const StatePath& path, const Directions& d, FlushEnd end)
 {
     const size_t n = size_t(d.size());
     GuardedArray<float> x(n, end), y(n, end), z(n, end), dst(n * kMaxShCount, end);
@@ -62,7 +56,7 @@ std::vector<float> evaluate(const BasisPath& path, const Directions& d, FlushEnd
     return out;
 }
 
-class ShBasis : public testing::TestWithParam<BasisPath> {};
+class ShBasis : public testing::TestWithParam<StatePath> {};
 
 }  // namespace
 
@@ -134,10 +128,8 @@ TEST_P(ShBasis, IsOrthonormalUnderAnExactQuadrature)
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, ShBasis,
-                         testing::Values(kDirect, BasisPath{"Recurrence", SHMethodRecurrence, 15},
-                                         BasisPath{"RecurrenceOnOrder20State", SHMethodRecurrence,
-                                                   20},
-                                         BasisPath{"Band", -1, 0}),
+                         testing::Values(kStatePaths[0], kStatePaths[1], kStatePaths[2],
+                                         StatePath{"Band", -1, 0}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 // --- State ----------------------------------------------------------------------------------

@@ -134,6 +134,18 @@ struct SphereGrid {
     }
 };
 
+// A state the basis and the transforms evaluate with; the order-20 recurrence state serves
+// orders up to 15 from its larger tables. Method -1 stands for no state (the band function).
+struct StatePath {
+    const char* name;
+    int method;
+    unsigned stateOrder;
+    friend void PrintTo(const StatePath& path, std::ostream* os) { *os << path.name; }
+};
+inline const StatePath kStatePaths[] = {{"Direct", SHMethodDirect, 15},
+                                        {"Recurrence", SHMethodRecurrence, 15},
+                                        {"RecurrenceOnOrder20State", SHMethodRecurrence, 20}};
+
 // An initialised state in a block of the library's allocator (64-byte aligned).
 using ShState = std::unique_ptr<SHState, void (*)(void*)>;
 inline ShState makeState(unsigned order, int method)

@@ -22,14 +22,6 @@ using namespace vekr::test;
 
 namespace {
 
-// The state a transform evaluates the basis with.
-struct StatePath {
-    const char* name;
-    int method;
-    unsigned stateOrder;
-    friend void PrintTo(const StatePath& path, std::ostream* os) { *os << path.name; }
-};
-
 std::vector<float> randomFloats(size_t n, unsigned seed, float lo = -1, float hi = 1)
 {
     std::mt19937 rng(seed);
@@ -200,11 +192,7 @@ TEST_P(ShTransform, AllLayoutsMatchTheBasisBetweenGuardPages)
             }
 }
 
-INSTANTIATE_TEST_SUITE_P(States, ShTransform,
-                         testing::Values(StatePath{"Direct", SHMethodDirect, 15},
-                                         StatePath{"Recurrence", SHMethodRecurrence, 15},
-                                         StatePath{"RecurrenceOnOrder20State", SHMethodRecurrence,
-                                                   20}),
+INSTANTIATE_TEST_SUITE_P(States, ShTransform, testing::ValuesIn(kStatePaths),
                          [](const auto& info) { return std::string(info.param.name); });
 
 // --- Argument checks of the basis and transform functions ----------------------------------
