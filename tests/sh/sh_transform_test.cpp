@@ -17,20 +17,11 @@
 #include "support/argument_checks.h"
 #include "support/float_bits.h"
 #include "support/guard_buffer.h"
+#include "support/random_floats.h"
 
 using namespace vekr::test;
 
 namespace {
-
-std::vector<float> randomFloats(size_t n, unsigned seed, float lo = -1, float hi = 1)
-{
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> u(lo, hi);
-    std::vector<float> v(n);
-    for (float& f : v)
-        f = u(rng);
-    return v;
-}
 
 // Every layout, every buffer flush against a guard page. Forward C1, P3, C3 and P3 in two calls
 // equal the float sum of the start and the sample-by-basis products in order, bit for bit; the

@@ -14,6 +14,7 @@
 #include "shade/normals.h"
 #include "support/float_bits.h"
 #include "support/guard_buffer.h"
+#include "support/random_floats.h"
 #include "support/thread_count_scope.h"
 #include "vekcore.h"
 #include "vekr.h"
@@ -24,16 +25,6 @@ namespace shade = vekr::shade;
 namespace {
 
 const float kNaN = NAN, kInf = INFINITY;
-
-std::vector<float> randomFloats(size_t count, unsigned seed, float lo, float hi)
-{
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> dist(lo, hi);
-    std::vector<float> v(count);
-    for (float& x : v)
-        x = dist(rng);
-    return v;
-}
 
 // Vertices 0..2 are collinear on exact floats, the rest random. Every fifth triangle repeats a
 // corner or uses the collinear three; the fourth int of each is junk.
