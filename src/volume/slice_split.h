@@ -9,12 +9,13 @@
 namespace vekr::volume {
 
 // A box thinner than this on some axis, or with fewer voxels than kMinVoxelsPerMember times
-// two, runs on the calling thread: a team's fork and join (a few microseconds on an idle
-// machine) would cost more than the share it saves. Larger boxes get one member per
-// kMinVoxelsPerMember voxels at most (a 16^3 box of linear samples takes about 40 us on one
-// thread and 25 us on two).
+// two, runs on the calling thread: a team's fork and join (several microseconds, and on a
+// machine whose cores are all busy up to a scheduler time slice) would cost more than the
+// share it saves. Larger boxes get one member per kMinVoxelsPerMember voxels at most. A linear
+// resize of a 16^3 destination takes about 8 us on one thread and 16 us on two; a member's
+// 32768 voxels take 30 us or more in every function.
 constexpr int32_t kMinParallelExtent = 16;
-constexpr int64_t kMinVoxelsPerMember = 2048;
+constexpr int64_t kMinVoxelsPerMember = 32768;
 
 inline int slicesTeamSize(int32_t width, int32_t height, int32_t depth)
 {

@@ -338,7 +338,7 @@ TEST_P(VolumeThreads, AnyThreadCountWritesTheSameBytes)
     }
 }
 
-// Regions of 16 and more on every axis fork a team. Variant: type * 6 + kind index.
+// Boxes large enough for a team of three. Variant: type * 6 + kind index.
 template <bool kWarp>
 std::vector<uint8_t> remapOrWarpForTeams(int variant, FlushEnd end)
 {
@@ -346,18 +346,20 @@ std::vector<uint8_t> remapOrWarpForTeams(int variant, FlushEnd end)
     forVoxelType(variant / 6, [&]<class T>(T, unsigned) {
         const int kind = kKinds[variant % 6];
         std::mt19937 rng(12);
-        GuardedVolume<T> src({12, 11, 10}, true, end);
+        GuardedVolume<T> src({30, 28, 26}, true, end);
         src.fill([&](int, int, int) { return randomVoxel<T>(rng); });
-        const Cuboid srcVOI = {1, 0, 1, 10, 11, 9};
+        const Cuboid srcVOI = {1, 0, 1, 28, 28, 25};
         if constexpr (kWarp) {
             const double coeffs[12] = {1.4, 0.2, 0, -1, -0.1, 1.5, 0.1, 0.5, 0.05, 0, 1.9, -0.7};
-            GuardedVolume<T> warped({18, 19, 20}, true, end);
-            EXPECT_EQ(warp(src, srcVOI, warped, {1, 0, 2, 16, 18, 17}, coeffs, kind), StatusOk);
+            GuardedVolume<T> warped({48, 50, 52}, true, end);
+            expectTeamOfThree(46, 48, 47);
+            EXPECT_EQ(warp(src, srcVOI, warped, {1, 0, 2, 46, 48, 47}, coeffs, kind), StatusOk);
             bytes = bytesOf(warped.storage());
         } else {
             int lo[3], hi[3];
             clippedBounds(src.size(), srcVOI, lo, hi);
-            const VolumeSize roi = {17, 16, 19};
+            const VolumeSize roi = {47, 46, 48};
+            expectTeamOfThree(roi.width, roi.height, roi.depth);
             Maps maps = randomMaps(roi, lo, hi, 6, end);
             GuardedVolume<T> remapped(withMargin({0, 0, 0, roi.width, roi.height, roi.depth}), true,
                                       end);

@@ -20,6 +20,7 @@
 #include "support/thread_count_scope.h"
 #include "vekcore.h"
 #include "vekr.h"
+#include "volume/slice_split.h"
 
 namespace vekr::test {
 
@@ -133,6 +134,13 @@ std::vector<uint8_t> bytesOf(const std::vector<T>& v)
 
 // One volume function large enough to fork a team: run(variant, end) gives the bytes it writes
 // for one of `variants` argument sets (types, kinds), inputs or buffer flush against `end`.
+// A box the volume functions share among three threads.
+inline void expectTeamOfThree(int32_t width, int32_t height, int32_t depth)
+{
+    const ThreadCountScope scope(3);
+    EXPECT_EQ(volume::slicesTeamSize(width, height, depth), 3);
+}
+
 struct ThreadedCall {
     const char* name;
     int variants;

@@ -260,10 +260,11 @@ TEST(VolumeFilter, RoundsHalfAwayFromZeroAndSaturates)
     }
 }
 
-// Destinations of at least 16 voxels on each axis run in a team; 33 slices split unevenly.
+// A destination large enough for a team of three; 47 slices split unevenly.
 std::vector<uint8_t> filterForTeams(int, FlushEnd end)
 {
-    const FilterCase c{"", {20, 17, 33}, {3, 3, 3}, {2, 0, 1}, 5, 200, 32768};
+    const FilterCase c{"", {48, 47, 47}, {3, 3, 3}, {2, 0, 1}, 5, 200, 32768};
+    expectTeamOfThree(48, 47, 47);
     FilterSetup setup(c, end);
     EXPECT_EQ(setup.runExport(), StatusOk);
     EXPECT_EQ(setup.written(), setup.reference());

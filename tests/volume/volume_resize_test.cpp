@@ -239,19 +239,19 @@ TEST(VolumeResizeIdentity, Cubic8uSaturatesAtSharpEdges)
     }
 }
 
-// 32f V forks a team for boxes of 16 or more on each axis, each member within its own share
+// 32f V forks a team for large enough boxes, each member within its own share
 // of a buffer of exactly the reported size; the destination box is the covered one, the
 // largest a buffer of that size serves. Variant: the kind index.
 std::vector<uint8_t> resizeForTeams(int variant, FlushEnd bufferEnd)
 {
     std::mt19937 rng(11);
-    GuardedVolume<float> src({12, 11, 10}, false);
+    GuardedVolume<float> src({30, 28, 26}, false);
     src.fill([&](int, int, int) { return randomVoxel<float>(rng); });
-    ResizeCase c = {"", src.size(), {0, 0, 0, 12, 11, 10}, {}, {1.7, 1.6, 1.9}, {0.3, -0.2, 0.1}};
+    ResizeCase c = {"", src.size(), {0, 0, 0, 30, 28, 26}, {}, {1.7, 1.6, 1.9}, {0.3, -0.2, 0.1}};
     EXPECT_EQ(vekrGetResizeCuboid(c.srcVOI, &c.dstVOI, c.factor[0], c.factor[1], c.factor[2],
                                   c.shift[0], c.shift[1], c.shift[2], InterpolationLinear),
               StatusOk);
-    EXPECT_GE(std::min({c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth}), 16);
+    expectTeamOfThree(c.dstVOI.width, c.dstVOI.height, c.dstVOI.depth);
     GuardedVolume<float> dst(withMargin(c.dstVOI), false);
     EXPECT_EQ(resizeThroughExport(false, src, dst, c, kKinds[variant], bufferEnd), StatusOk);
     return bytesOf(dst.storage());
