@@ -103,10 +103,11 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     uint64_t ends[kRunChunk];
     int32_t below = 0, flatsBefore = 0;                      // through the last costed run
     int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
+    int32_t lastLying = 0;
+    bool firstRunDone = false;
     uint64_t event = events[0];
     uint32_t key = clamp(event);
     sweep.firstKey = key;
-    bool firstRunDone = false;
     for (int32_t chunk = 0; chunk < m; chunk += kRunChunk) {
         const int32_t chunkEnd = std::min(chunk + kRunChunk, m);
         const int32_t lookAheadEnd = std::min(chunkEnd, m - 1);
@@ -126,6 +127,8 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             ends[runCount++] = key | uint64_t(counts) << 32;
         }
         // The costs, keeping the first of the cheapest: its run and whether flat ones lie below.
+        // The second cost of a run with nothing lying at it equals the first, so it never wins
+        // and is computed without a branch.
         double bestCost = sweep.best.cost;
         int32_t bestChoice = -1, bestBelow = 0, bestAbove = 0;
         for (int32_t r = 0; r < runCount; ++r) {
@@ -144,19 +147,21 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             bestBelow = costWins ? below : bestBelow;
             bestAbove = costWins ? above : bestAbove;
             bestCost = costWins ? cost : bestCost;
-            if (lying > 0) {
-                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
-                const bool flatWins = flatCost < bestCost;
-                bestChoice = flatWins ? 2 * r + 1 : bestChoice;
-                bestBelow = flatWins ? below + lying : bestBelow;
-                bestAbove = flatWins ? above - lying : bestAbove;
-                bestCost = flatWins ? flatCost : bestCost;
-            }
-            if (r == runCount - 1) sweep.lastLying = lying;
-            if (!firstRunDone) sweep.firstLying = lying;
-            firstRunDone = true;
+            const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
+            const bool flatWins = flatCost < bestCost;
+            bestChoice = flatWins ? 2 * r + 1 : bestChoice;
+            bestBelow = flatWins ? below + lying : bestBelow;
+            bestAbove = flatWins ? above - lying : bestAbove;
+            bestCost = flatWins ? flatCost : bestCost;
+            lastLying = lying;
             below = startsThrough + flatsThrough;
             flatsBefore = flatsThrough;
+        }
+        if (runCount > 0) {
+            // Nothing lies below the first run.
+            if (!firstRunDone) sweep.firstLying = chunkFlats + int32_t(ends[0] >> 40 & 0xFF);
+            firstRunDone = true;
+            sweep.lastLying = lastLying;
         }
         if (bestChoice >= 0)
             sweep.best.take(bestCost, keyFloat(uint32_t(ends[bestChoice >> 1])),
