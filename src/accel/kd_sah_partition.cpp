@@ -45,11 +45,13 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
         const uint32_t below = key < planeKey ? kGoesBelow : 0;
         const uint32_t above = key > planeKey ? kGoesAbove : 0;
         // Start: below or nothing yet. End: adds above. Flat: one side, at the plane the
-        // chosen one.
-        const uint32_t flat = below | above | ((below | above) != 0 ? 0 : flatAtPlane);
-        const uint32_t keep = kind == kEventEnd ? sides[triangle] : 0;
-        const uint32_t set = kind == kEventStart ? below : kind == kEventEnd ? above : flat;
-        sides[triangle] = uint8_t(keep | set);
+        // chosen one. Chosen by masks, not branches: the kinds come in no predictable order.
+        const uint32_t placed = below | above;
+        const uint32_t flat = placed | (flatAtPlane & (0u - uint32_t(placed == 0)));
+        const uint32_t isEnd = 0u - uint32_t(kind == kEventEnd);
+        const uint32_t set = (below & (0u - uint32_t(kind == kEventStart))) |
+                             (flat & (0u - uint32_t(kind == kEventFlat))) | (above & isEnd);
+        sides[triangle] = uint8_t((sides[triangle] & isEnd) | set);
     }
 }
 
