@@ -177,19 +177,21 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
 }
 
 // An axis as far as its search goes without the sweep: decided when it is too thin or cuts off
-// empty space (split then holds its result), otherwise its cost model for the sweep.
+// empty space, otherwise its cost model for the sweep.
 struct AxisStart {
     bool decided;
-    SahSplit split;
     AxisCost model;
     KeyClamp clamp;
     double scale;  // (a + b): makes the axis's costs comparable with the other axes'
 };
 
-AxisStart beginAxis(const SahNode& node, int axis, const double (&extents)[3])
+// The result of a decided axis goes to split, field by field: split is read soon after, and a
+// copy of a record just written in parts would wait for the parts to reach memory.
+AxisStart beginAxis(const SahNode& node, int axis, const double (&extents)[3], SahSplit& split)
 {
     AxisStart start{};
     start.decided = true;
+    split.axis = -1;
     const float lo = node.cell.lo[axis], hi = node.cell.hi[axis];
     const double extent = extents[axis];
     const int32_t n = node.count, m = node.eventCount[axis];
@@ -216,8 +218,12 @@ AxisStart beginAxis(const SahNode& node, int axis, const double (&extents)[3])
     if (hi - double(lastEnd) > kEmptyShare * extent)
         best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
     if (best.found) {
-        best.cost *= kBonusFactor * (a + b);
-        start.split = {axis, best.position, best.flatBelow, best.below, best.above, best.cost};
+        split.axis = axis;
+        split.position = best.position;
+        split.flatBelow = best.flatBelow;
+        split.countBelow = best.below;
+        split.countAbove = best.above;
+        split.cost = best.cost * (kBonusFactor * (a + b));
         return start;
     }
     start.decided = false;
@@ -251,8 +257,10 @@ SahSplit sweepAxis(const SahNode& node, int axis, const AxisStart& start)
 
 SahSplit searchAxis(const SahNode& node, int axis, const double (&extents)[3])
 {
-    const AxisStart start = beginAxis(node, axis, extents);
-    return start.decided ? start.split : sweepAxis(node, axis, start);
+    SahSplit split;
+    const AxisStart start = beginAxis(node, axis, extents, split);
+    if (!start.decided) split = sweepAxis(node, axis, start);
+    return split;
 }
 
 // Lower bounds of the best costs of the undecided axes. Every triangle of a node reaches into
@@ -365,8 +373,7 @@ SahSplit findBestSplitBounded(const SahNode& node, const float* triangleBounds, 
     double known = INFINITY;
     bool undecided = false;
     for (int k = 0; k < 3; ++k) {
-        starts[k] = beginAxis(node, k, extents);
-        axes[k] = starts[k].split;
+        starts[k] = beginAxis(node, k, extents, axes[k]);
         if (starts[k].decided && axes[k].axis >= 0) known = std::min(known, axes[k].cost);
         undecided = undecided || !starts[k].decided;
     }
