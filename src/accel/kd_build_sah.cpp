@@ -175,7 +175,7 @@ Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuild
     }
     SahLevelBuilder levels(rules, options.levelMinTriangles, budget, n, sides);
     status = levels.build(rootLists, root);
-    return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize);
+    return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize, true);
 }
 
 }  // namespace vekr::accel
