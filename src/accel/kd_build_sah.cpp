@@ -27,7 +27,7 @@ constexpr int32_t kExtentPart = 1 << 12;
 // first the extents, then over them a sort buffer for each of up to three team members (a team
 // of one touches only the first, where the extents were), and the parts' counts and bounds.
 Status makeRoot(const MeshView& mesh, const float* clipBox, int32_t parallelMinTriangles,
-                WordPool& stack, int32_t* rootWords, SahNode& root)
+                WordPool& stack, int32_t* rootWords, SahNode& root, float* triangleBounds)
 {
     const int32_t n = mesh.triangleCount;
     root.count = n;
@@ -83,6 +83,14 @@ Status makeRoot(const MeshView& mesh, const float* clipBox, int32_t parallelMinT
         }
         root.count = count;
         root.cell = rootCellOf(clipBox, bounds, count);
+        if (triangleBounds != nullptr)
+            for (int32_t i = 0; i < count; ++i) {
+                float* at = triangleBounds + 6 * int64_t(root.list[i]);
+                for (int k = 0; k < 3; ++k) {
+                    at[k] = extents.lower[k][i];
+                    at[k + 3] = extents.upper[k][i];
+                }
+            }
         markFlatTriangles(extents, root);
     };
     auto makeEvents = [&](int member, int teamSize) {
@@ -141,14 +149,23 @@ Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuild
     auto* sides = reinterpret_cast<uint8_t*>(rootBlock.get() + (rootWords + 1) / 2);
     std::fill(sides, sides + n, uint8_t(0));
 
+    // The full depth keeps each triangle's extent by number, so that small nodes sweep only
+    // the axes that can win (findBestSplitBounded). The bounded method keeps its own charges.
+    const bool fullDepth = options.depthRule == SahDepthRule::SplitsOnPath;
+    const int boundsCount = fullDepth ? 6 * n : 0;
+    if (!budget.charge(uint64_t(boundsCount) * sizeof(float))) return StatusMemoryLimit;
+    frame::ScratchArray<float> triangleBounds{boundsCount};
+    if (fullDepth && !triangleBounds) return StatusNoMemory;
+
     WordPool stack(budget);
     SahNode rootLists{};
-    Status status = makeRoot(mesh, clipBox, options.parallelMinTriangles, stack,
-                             reinterpret_cast<int32_t*>(rootBlock.get()), rootLists);
+    Status status =
+        makeRoot(mesh, clipBox, options.parallelMinTriangles, stack,
+                 reinterpret_cast<int32_t*>(rootBlock.get()), rootLists, triangleBounds.get());
     if (status != StatusOk) return status;
 
     const SahTreeRules rules{options.depthRule, options.maxDepth, sahGainFactor(options.ratio),
-                             options.parallelMinTriangles};
+                             options.parallelMinTriangles, triangleBounds.get()};
     // The leaf lists live in the builders' pools: emit before they are released.
     if (options.depthRule == SahDepthRule::SplitsInTree) {
         WordPool kept(budget);
@@ -158,7 +175,7 @@ Status buildKdTreeSah(const MeshView& mesh, const float* clipBox, const SahBuild
     }
     SahLevelBuilder levels(rules, options.levelMinTriangles, budget, n, sides);
     status = levels.build(rootLists, root);
-    return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize);
+    return status != StatusOk ? status : emitKdTree(root, ppTree, pTreeSize, true);
 }
 
 }  // namespace vekr::accel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "frame/parallel_region.h"
 #include "frame/scratch.h"
 
 namespace vekr::accel {
@@ -92,12 +93,90 @@ struct BlockWriter {
     }
 };
 
+// The subtrees written side by side: the nodes this many levels below the root.
+constexpr int kEmitPartDepth = 8;
+constexpr int kEmitMaxParts = 1 << kEmitPartDepth;
+
+struct EmitPart {
+    const BuildNode* node;
+    int64_t nodeBytes, listBytes;  // below the node, as countBlockBytes gives them
+    int32_t at, nextPair, nextList;
+};
+
+// The parts, in depth-first order.
+void listEmitParts(const BuildNode& node, int depth, EmitPart* parts, int& count)
+{
+    if (depth == kEmitPartDepth) {
+        parts[count++].node = &node;
+    } else if (node.kind != kBuildLeaf) {
+        listEmitParts(node.children[0], depth + 1, parts, count);
+        listEmitParts(node.children[1], depth + 1, parts, count);
+    }
+}
+
+// countBlockBytes above the parts, taking theirs as counted.
+void countAboveParts(const BuildNode& node, int depth, const EmitPart* parts, int& next,
+                     int64_t& nodeBytes, int64_t& listBytes)
+{
+    if (depth == kEmitPartDepth) {
+        nodeBytes += parts[next].nodeBytes;
+        listBytes += parts[next++].listBytes;
+    } else if (node.kind != kBuildLeaf) {
+        nodeBytes += 2 * kNodeBytes;
+        countAboveParts(node.children[0], depth + 1, parts, next, nodeBytes, listBytes);
+        countAboveParts(node.children[1], depth + 1, parts, next, nodeBytes, listBytes);
+    } else if (!takesCompactForm(node)) {
+        listBytes += 4 * int64_t(node.count);
+    }
+}
+
+// BlockWriter::write above the parts; each part gets the positions its own writer starts
+// from, and the room its bytes take.
+void writeAboveParts(BlockWriter& writer, const BuildNode& node, int32_t at, int depth,
+                     EmitPart* parts, int& next)
+{
+    if (depth == kEmitPartDepth) {
+        EmitPart& part = parts[next++];
+        part.at = at;
+        part.nextPair = writer.nextPair;
+        part.nextList = writer.nextList;
+        writer.nextPair += int32_t(part.nodeBytes);
+        writer.nextList += int32_t(part.listBytes);
+    } else if (node.kind != kBuildLeaf) {
+        const int32_t pair = writer.nextPair;
+        writer.nextPair += 2 * kNodeBytes;
+        *reinterpret_cast<KdNode*>(writer.block + at) = encodeInner(pair - at, node.kind, node.split);
+        writeAboveParts(writer, node.children[0], pair, depth + 1, parts, next);
+        writeAboveParts(writer, node.children[1], pair + kNodeBytes, depth + 1, parts, next);
+    } else {
+        writer.write(node, at);
+    }
+}
+
 }  // namespace
 
-Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize)
+Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize, bool inParallel)
 {
+    EmitPart parts[kEmitMaxParts];
+    int partCount = 0;
+    if (inParallel) listEmitParts(root, 0, parts, partCount);
+    // Counted and written in parts only when there are any, so that a small tree opens no
+    // parallel region.
+    auto inParts = [&](auto&& body) {
+        if (partCount > 0) frame::runParallelRegion(body);
+    };
+    inParts([&](int member, int teamSize) {
+        for (int p = member; p < partCount; p += teamSize) {
+            parts[p].nodeBytes = 0;
+            parts[p].listBytes = 0;
+            countBlockBytes(*parts[p].node, parts[p].nodeBytes, parts[p].listBytes);
+        }
+    });
+    // Without parts the walks start below the parts' depth and never meet it.
+    const int rootDepth = partCount > 0 ? 0 : kEmitPartDepth + 1;
     int64_t nodeBytes = kRootAreaBytes, listBytes = 0;
-    countBlockBytes(root, nodeBytes, listBytes);
+    int next = 0;
+    countAboveParts(root, rootDepth, parts, next, nodeBytes, listBytes);
     const int64_t size = nodeBytes + listBytes;
     if (size > INT32_MAX) return StatusNoMemory;
     const int units = int(size >> 3) + 1;
@@ -106,7 +185,14 @@ Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize)
     block.get()[units - 1] = 0;  // the spare bytes after the lists
     block.get()[1] = 0;          // the 8 zero bytes after the root
     BlockWriter writer{reinterpret_cast<char*>(block.get()), kRootAreaBytes, int32_t(nodeBytes)};
-    writer.write(root, 0);
+    next = 0;
+    writeAboveParts(writer, root, 0, rootDepth, parts, next);
+    inParts([&](int member, int teamSize) {
+        for (int p = member; p < partCount; p += teamSize) {
+            BlockWriter partWriter{writer.block, parts[p].nextPair, parts[p].nextList};
+            partWriter.write(*parts[p].node, parts[p].at);
+        }
+    });
     *ppTree = block.release();
     *pTreeSize = int(size);
     return StatusOk;

@@ -147,7 +147,8 @@ struct BuildNode {
 // Writes the tree below root into a new block, depth first and the lower child first, leaves
 // of one to three triangles in compact form where they fit and the others (empty ones too) as
 // list leaves. Returns StatusNoMemory with no output written when the block cannot be had or
-// its size does not fit an int.
-Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize);
+// its size does not fit an int. With inParallel, the subtrees some levels down are counted and
+// written side by side in a parallel region, to the same bytes.
+Status emitKdTree(const BuildNode& root, void** ppTree, int* pTreeSize, bool inParallel = false);
 
 }  // namespace vekr::accel

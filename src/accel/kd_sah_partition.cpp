@@ -10,6 +10,27 @@ namespace {
 
 constexpr uint32_t kGoesBelow = 1, kGoesAbove = 2;
 
+// List entries are tallied this many at a time, so that each 16-bit field holds its sum.
+constexpr int32_t kTallyRun = 0xFFFF;
+
+// By an entry's sides (bits 0-1) and flat bits (bits 2-4): what it adds to each side's tally,
+// 1 in bits 0-15 and 1 in bits 16k + 16 for each axis k it lies flat on.
+struct SideTally {
+    uint64_t add[2][32];
+    constexpr SideTally() : add()
+    {
+        for (uint32_t kinds = 0; kinds < 32; ++kinds)
+            for (int s = 0; s < 2; ++s) {
+                if ((kinds >> s & 1u) == 0) continue;
+                add[s][kinds] = 1;
+                for (int k = 0; k < 3; ++k)
+                    add[s][kinds] |= uint64_t(kinds >> (2 + k) & 1u) << (16 * (k + 1));
+            }
+    }
+};
+constexpr SideTally kSideTallyTable;
+constexpr const uint64_t (&kSideTally)[2][32] = kSideTallyTable.add;
+
 // Branch-free filter: every entry is written to both children and kept where it belongs.
 template <class Entry, class SidesOf>
 void filterList(const Entry* from, int32_t n, Entry* toBelow, Entry* toAbove, SidesOf sidesOf)
@@ -45,28 +66,36 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
         const uint32_t below = key < planeKey ? kGoesBelow : 0;
         const uint32_t above = key > planeKey ? kGoesAbove : 0;
         // Start: below or nothing yet. End: adds above. Flat: one side, at the plane the
-        // chosen one.
-        const uint32_t flat = below | above | ((below | above) != 0 ? 0 : flatAtPlane);
-        const uint32_t keep = kind == kEventEnd ? sides[triangle] : 0;
-        const uint32_t set = kind == kEventStart ? below : kind == kEventEnd ? above : flat;
-        sides[triangle] = uint8_t(keep | set);
+        // chosen one. Chosen by masks, not branches: the kinds come in no predictable order.
+        const uint32_t placed = below | above;
+        const uint32_t flat = placed | (flatAtPlane & (0u - uint32_t(placed == 0)));
+        const uint32_t isEnd = 0u - uint32_t(kind == kEventEnd);
+        const uint32_t set = (below & (0u - uint32_t(kind == kEventStart))) |
+                             (flat & (0u - uint32_t(kind == kEventFlat))) | (above & isEnd);
+        sides[triangle] = uint8_t((sides[triangle] & isEnd) | set);
     }
 }
 
 Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
                        SahNode& below, SahNode& above)
 {
+    // Per side, the count and the flat ones on each axis in four 16-bit fields of one word,
+    // summed up to 0xFFFF entries at a time.
     int32_t counts[2] = {0, 0};
     int32_t flats[2][3] = {};
-    for (int32_t i = 0; i < node.count; ++i) {
-        const uint32_t entry = uint32_t(node.list[i]);
-        const uint32_t side = sides[entry & kListTriangleMask];
-        const uint32_t flatBits = entry >> kListFlatShift;
+    for (int32_t first = 0; first < node.count; first += kTallyRun) {
+        const int32_t end = std::min(first + kTallyRun, node.count);
+        uint64_t tally[2] = {0, 0};
+        for (int32_t i = first; i < end; ++i) {
+            const uint32_t entry = uint32_t(node.list[i]);
+            const uint32_t kinds = sides[entry & kListTriangleMask] | (entry >> kListFlatShift) << 2;
+            tally[0] += kSideTally[0][kinds];
+            tally[1] += kSideTally[1][kinds];
+        }
         for (int s = 0; s < 2; ++s) {
-            const uint32_t on = side >> s & 1u;
-            counts[s] += int32_t(on);
+            counts[s] += int32_t(tally[s] & 0xFFFF);
             for (int k = 0; k < 3; ++k)
-                flats[s][k] += int32_t(on & flatBits >> k);
+                flats[s][k] += int32_t(tally[s] >> (16 * (k + 1)) & 0xFFFF);
         }
     }
     if (counts[0] != split.countBelow || counts[1] != split.countAbove) return StatusBuildMismatch;

@@ -23,6 +23,8 @@ constexpr double kMinExtent = double(1e-5f);  // 9.999999747378752e-06
 constexpr double kEmptyShare = double(0.1f);
 // a * b below this counts as a cell without area across the axis.
 constexpr double kMinCrossArea = 1e-9;
+// Below 1 by far more than the rounding of any cost: a bound times it is a true bound.
+constexpr double kLeastCostMargin = 1.0 - 1e-6;
 // 0.5057569742202759 scales (10 - 9 ratio) into the gain factor K.
 constexpr double kGainScale = 0.5057569742202759;
 
@@ -103,10 +105,11 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     uint64_t ends[kRunChunk];
     int32_t below = 0, flatsBefore = 0;                      // through the last costed run
     int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
+    int32_t lastLying = 0;
+    bool firstRunDone = false;
     uint64_t event = events[0];
     uint32_t key = clamp(event);
     sweep.firstKey = key;
-    bool firstRunDone = false;
     for (int32_t chunk = 0; chunk < m; chunk += kRunChunk) {
         const int32_t chunkEnd = std::min(chunk + kRunChunk, m);
         const int32_t lookAheadEnd = std::min(chunkEnd, m - 1);
@@ -126,6 +129,8 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             ends[runCount++] = key | uint64_t(counts) << 32;
         }
         // The costs, keeping the first of the cheapest: its run and whether flat ones lie below.
+        // The second cost of a run with nothing lying at it equals the first, so it never wins
+        // and is computed without a branch.
         double bestCost = sweep.best.cost;
         int32_t bestChoice = -1, bestBelow = 0, bestAbove = 0;
         for (int32_t r = 0; r < runCount; ++r) {
@@ -144,19 +149,21 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             bestBelow = costWins ? below : bestBelow;
             bestAbove = costWins ? above : bestAbove;
             bestCost = costWins ? cost : bestCost;
-            if (lying > 0) {
-                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
-                const bool flatWins = flatCost < bestCost;
-                bestChoice = flatWins ? 2 * r + 1 : bestChoice;
-                bestBelow = flatWins ? below + lying : bestBelow;
-                bestAbove = flatWins ? above - lying : bestAbove;
-                bestCost = flatWins ? flatCost : bestCost;
-            }
-            if (r == runCount - 1) sweep.lastLying = lying;
-            if (!firstRunDone) sweep.firstLying = lying;
-            firstRunDone = true;
+            const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
+            const bool flatWins = flatCost < bestCost;
+            bestChoice = flatWins ? 2 * r + 1 : bestChoice;
+            bestBelow = flatWins ? below + lying : bestBelow;
+            bestAbove = flatWins ? above - lying : bestAbove;
+            bestCost = flatWins ? flatCost : bestCost;
+            lastLying = lying;
             below = startsThrough + flatsThrough;
             flatsBefore = flatsThrough;
+        }
+        if (runCount > 0) {
+            // Nothing lies below the first run.
+            if (!firstRunDone) sweep.firstLying = chunkFlats + int32_t(ends[0] >> 40 & 0xFF);
+            firstRunDone = true;
+            sweep.lastLying = lastLying;
         }
         if (bestChoice >= 0)
             sweep.best.take(bestCost, keyFloat(uint32_t(ends[bestChoice >> 1])),
@@ -169,44 +176,74 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     return sweep;
 }
 
-// The best split on axis, with the cell's extents in double.
-template <int axis>
-SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
+// An axis as far as its search goes without the sweep: decided when it is too thin or cuts off
+// empty space, otherwise its cost model for the sweep.
+struct AxisStart {
+    bool decided;
+    AxisCost model;
+    KeyClamp clamp;
+    double scale;  // (a + b): makes the axis's costs comparable with the other axes'
+};
+
+// The result of a decided axis goes to split, field by field: split is read soon after, and a
+// copy of a record just written in parts would wait for the parts to reach memory.
+AxisStart beginAxis(const SahNode& node, int axis, const double (&extents)[3], SahSplit& split)
 {
-    AxisBest best;
+    AxisStart start{};
+    start.decided = true;
+    split.axis = -1;
     const float lo = node.cell.lo[axis], hi = node.cell.hi[axis];
     const double extent = extents[axis];
     const int32_t n = node.count, m = node.eventCount[axis];
-    if (!(extent > kMinExtent) || n == 0) return {};
+    if (!(extent > kMinExtent) || n == 0) return start;
     const double a = extents[(axis + 1) % 3], b = extents[(axis + 2) % 3];
-    const AxisCost model{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
+    start.model = AxisCost{a * b < kMinCrossArea ? 0.0 : a * b / (a + b), lo, hi};
+    start.clamp = clampTo(lo, hi);
+    start.scale = a + b;
+    const AxisCost& model = start.model;
     const uint64_t* events = node.events[axis];
-    const KeyClamp clamp = clampTo(lo, hi);
 
     // The first event is the lowest start (or flat position), the last the highest end. Where
     // they meet the cell's far bound, that bound is kept, sign and all: a bound of -0 is where
     // a cut at them lies.
-    const float lowestStart = keyFloat(clamp(events[0]));
-    const float highestEnd = keyFloat(clamp(events[m - 1]));
+    const float lowestStart = keyFloat(start.clamp(events[0]));
+    const float highestEnd = keyFloat(start.clamp(events[m - 1]));
     const float firstStart = lowestStart < hi ? lowestStart : hi;
     const float lastEnd = lo < highestEnd ? highestEnd : lo;
 
     // Empty space below the first start or above the last end: the cut alone decides.
+    AxisBest best;
     if (double(firstStart) - lo > kEmptyShare * extent)
         best.offer(double(n) * (model.across + (hi - double(firstStart))), firstStart, false, 0, n);
     if (hi - double(lastEnd) > kEmptyShare * extent)
         best.offer(double(n) * (model.across + (double(lastEnd) - lo)), lastEnd, true, n, 0);
     if (best.found) {
-        best.cost *= kBonusFactor * (a + b);
-        return {axis, best.position, best.flatBelow, best.below, best.above, best.cost};
+        split.axis = axis;
+        split.position = best.position;
+        split.flatBelow = best.flatBelow;
+        split.countBelow = best.below;
+        split.countAbove = best.above;
+        split.cost = best.cost * (kBonusFactor * (a + b));
+        return start;
     }
+    start.decided = false;
+    return start;
+}
 
-    const RunSweep sweep = sweepRuns(events, m, n, clamp, model);
+// The best split on an axis that beginAxis left undecided.
+SahSplit sweepAxis(const SahNode& node, int axis, const AxisStart& start)
+{
+    const AxisCost& model = start.model;
+    const KeyClamp clamp = start.clamp;
+    const int32_t n = node.count;
+    const float lo = node.cell.lo[axis], hi = node.cell.hi[axis];
+    const RunSweep sweep = sweepRuns(node.events[axis], node.eventCount[axis], n, clamp, model);
     const int32_t flatsAtLo = sweep.firstKey == clamp.lo ? sweep.firstLying : 0;
     const int32_t flatsAtHi = sweep.lastKey == clamp.hi ? sweep.lastLying : 0;
 
     // Flat triangles in the cell's lower or upper plane, cut off with the bonus, come before
     // the sweep: a sweep candidate replaces them only when strictly cheaper.
+    AxisBest best;
     if (flatsAtLo > 0)
         best.offer(model.at(lo, flatsAtLo, n - flatsAtLo) * kBonusFactor, lo, true, flatsAtLo,
                    n - flatsAtLo);
@@ -215,7 +252,48 @@ SahSplit searchAxis(const SahNode& node, const double (&extents)[3])
                    flatsAtHi);
     if (sweep.best.found && sweep.best.cost < best.cost) best = sweep.best;
     if (!best.found) return {};
-    return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * (a + b)};
+    return {axis, best.position, best.flatBelow, best.below, best.above, best.cost * start.scale};
+}
+
+SahSplit searchAxis(const SahNode& node, int axis, const double (&extents)[3])
+{
+    SahSplit split;
+    const AxisStart start = beginAxis(node, axis, extents, split);
+    if (!start.decided) split = sweepAxis(node, axis, start);
+    return split;
+}
+
+// Lower bounds of the best costs of the undecided axes. Every triangle of a node reaches into
+// the interior of its cell (the root's lie within its bounds, and a partition hands a child
+// only those reaching past the plane), so at every candidate x each triangle lies on at
+// least one side, and a triangle with trimmed extent [s, f] on the axis costs at least
+// A + (x - lo) >= A + (f - lo) below, A + (hi - x) >= A + (hi - s) above, and 2A + (hi - lo)
+// on both. Its least is A + min(f - lo, hi - s) whatever x is. Only the cuts of flat
+// triangles in the cell's faces take the bonus, so the sum is scaled by it when the axis has
+// flat triangles. The margin covers rounding, far larger than that of a sum of 2^26 terms.
+void boundAxisCosts(const SahNode& node, const float* triangleBounds, const AxisStart (&starts)[3],
+                    double (&least)[3])
+{
+    // Trimming to the cell is folded into the minimum: min(f, hi) - lo = min(f - lo, hi - lo).
+    double lo[3], hi[3], extent[3], sum[3] = {0.0, 0.0, 0.0};
+    for (int k = 0; k < 3; ++k) {
+        lo[k] = node.cell.lo[k];
+        hi[k] = node.cell.hi[k];
+        extent[k] = hi[k] - lo[k];
+    }
+    for (int32_t i = 0; i < node.count; ++i) {
+        const float* bounds = triangleBounds + 6 * int64_t(node.list[i] & kListTriangleMask);
+        for (int k = 0; k < 3; ++k) {
+            const double fromLo = double(bounds[k + 3]) - lo[k];
+            const double toHi = hi[k] - double(bounds[k]);
+            sum[k] += std::min(std::min(fromLo, toHi), extent[k]);
+        }
+    }
+    for (int k = 0; k < 3; ++k) {
+        const bool flatOnAxis = node.eventCount[k] != 2 * node.count;
+        least[k] = (double(node.count) * starts[k].model.across + sum[k]) * starts[k].scale *
+                   (flatOnAxis ? kBonusFactor : 1.0) * kLeastCostMargin;
+    }
 }
 
 void cellExtents(const Cell& cell, double (&extents)[3])
@@ -251,14 +329,7 @@ SahSplit searchSplitAxis(const SahNode& node, int axis)
 {
     double extents[3];
     cellExtents(node.cell, extents);
-    switch (axis) {
-        case 0:
-            return searchAxis<0>(node, extents);
-        case 1:
-            return searchAxis<1>(node, extents);
-        default:
-            return searchAxis<2>(node, extents);
-    }
+    return searchAxis(node, axis, extents);
 }
 
 SahSplit chooseSplitAxis(const SahSplit (&axes)[3])
@@ -284,9 +355,57 @@ SahSplit findBestSplit(const SahNode& node, int32_t parallelMinTriangles)
     } else {
         double extents[3];
         cellExtents(node.cell, extents);
-        axes[0] = searchAxis<0>(node, extents);
-        axes[1] = searchAxis<1>(node, extents);
-        axes[2] = searchAxis<2>(node, extents);
+        for (int k = 0; k < 3; ++k)
+            axes[k] = searchAxis(node, k, extents);
+    }
+    return chooseSplitAxis(axes);
+}
+
+// The axes are swept in the order of their bounds, and one whose bound exceeds the cost of an
+// axis already known is passed over: it cannot be chosen, not even on a tie. When no axis can
+// reach a cost that pays, none is swept.
+SahSplit findBestSplitBounded(const SahNode& node, const float* triangleBounds, float gainFactor)
+{
+    double extents[3];
+    cellExtents(node.cell, extents);
+    AxisStart starts[3];
+    SahSplit axes[3];
+    double known = INFINITY;
+    bool undecided = false;
+    for (int k = 0; k < 3; ++k) {
+        starts[k] = beginAxis(node, k, extents, axes[k]);
+        if (starts[k].decided && axes[k].axis >= 0) known = std::min(known, axes[k].cost);
+        undecided = undecided || !starts[k].decided;
+    }
+    if (!undecided) return chooseSplitAxis(axes);
+
+    double least[3];
+    boundAxisCosts(node, triangleBounds, starts, least);
+    // A split pays when n (L - S) > max(1e-5, K L): no axis reaching below that S, no split.
+    // NaN bounds prove nothing, and sort first.
+    const double leafCost = sahLeafCost(node.cell, node.count);
+    const double scaledGain = double(gainFactor) * leafCost;
+    const double gainPerTriangle = (scaledGain > kMinExtent ? scaledGain : kMinExtent) / node.count;
+    const double paying = leafCost - gainPerTriangle + (leafCost + gainPerTriangle) * 1e-6;
+    double lowest = known;
+    for (int k = 0; k < 3; ++k) {
+        if (starts[k].decided) continue;
+        if (std::isnan(least[k])) least[k] = -INFINITY;
+        lowest = std::min(lowest, least[k]);
+    }
+    if (lowest >= paying) return {};
+
+    int order[3] = {0, 1, 2};
+    auto orderPair = [&](int i, int j) {
+        if (least[order[j]] < least[order[i]]) std::swap(order[i], order[j]);
+    };
+    orderPair(0, 1);
+    orderPair(1, 2);
+    orderPair(0, 1);
+    for (int k : order) {
+        if (starts[k].decided || least[k] > known) continue;
+        axes[k] = sweepAxis(node, k, starts[k]);
+        if (axes[k].axis >= 0) known = std::min(known, axes[k].cost);
     }
     return chooseSplitAxis(axes);
 }

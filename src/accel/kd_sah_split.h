@@ -42,4 +42,10 @@ SahSplit chooseSplitAxis(const SahSplit (&axes)[3]);
 // axes in a parallel region, with the same result.
 SahSplit findBestSplit(const SahNode& node, int32_t parallelMinTriangles);
 
+// The same split, or axis -1 when none can pay against the leaf (sahSplitPays with
+// gainFactor), on one thread, sweeping fewer axes: triangleBounds holds each triangle's
+// extent on the axes (lower x, y, z, upper x, y, z) by triangle number, as the root's events
+// were made, and bounds the cost each axis can reach.
+SahSplit findBestSplitBounded(const SahNode& node, const float* triangleBounds, float gainFactor);
+
 }  // namespace vekr::accel

@@ -69,9 +69,14 @@ Status SahSubtreeBuilder::buildFrom(OpenNode node)
     int waitingCount = 0;
     for (;;) {
         SahSplit best;
-        if (sahMaySplit(node.lists, rules_, node.splitsAbove, splitCount_))
-            best = keepSplitIfPays(node.lists, rules_,
-                                   findBestSplit(node.lists, rules_.parallelMinTriangles));
+        if (sahMaySplit(node.lists, rules_, node.splitsAbove, splitCount_)) {
+            const bool bounded = rules_.triangleBounds != nullptr &&
+                                 node.lists.count < rules_.parallelMinTriangles;
+            best = keepSplitIfPays(
+                node.lists, rules_,
+                bounded ? findBestSplitBounded(node.lists, rules_.triangleBounds, rules_.gainFactor)
+                        : findBestSplit(node.lists, rules_.parallelMinTriangles));
+        }
         Status status;
         if (best.axis >= 0) {
             status = split(node, best, waiting[waitingCount++]);

@@ -21,6 +21,9 @@ struct SahTreeRules {
     float gainFactor;   // sahGainFactor of the build's ratio
     // Nodes of this many triangles or more search their split in a parallel region.
     int32_t parallelMinTriangles;
+    // When given, each triangle's extent by triangle number (findBestSplitBounded): the nodes
+    // searched on one thread sweep only the axes that can win.
+    const float* triangleBounds = nullptr;
 };
 
 // A pair of build nodes takes 8 words of a pool, its size with 8-byte pointers, on every target: the
