@@ -79,6 +79,15 @@ inline int laneBits(__m256 mask0, __m256 mask1)
     return _mm256_movemask_ps(mask0) | _mm256_movemask_ps(mask1) << 8;
 }
 
+// The lanes of b where mask is set and of a elsewhere, for masks whose lanes are all ones or
+// all zeros (compare results and their combinations), bit for bit what blendv gives them.
+// Spelt out in bit operations: without AVX2, GCC rewrites blendv on a mask it cannot trace to
+// a compare (one loaded from a tile record, say) into eight scalar shifts and reinserts.
+inline __m256 selectLanes(__m256 a, __m256 b, __m256 mask)
+{
+    return _mm256_or_ps(_mm256_andnot_ps(mask, a), _mm256_and_ps(mask, b));
+}
+
 // The lane mask of 8 bits of a lane set.
 inline __m256 laneMask(int bits8)
 {
@@ -266,13 +275,13 @@ inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSe
                 const __m256 both =
                     _mm256_andnot_ps(_mm256_or_ps(farOnly[h], nearOnly[h]), allLanes);
                 const __m256 mid = _mm256_max_ps(_mm256_min_ps(tSplit[h], tFar[h]), tNear[h]);
-                const __m256 nearEnd = _mm256_blendv_ps(tFar[h], mid, both);
-                const __m256 farStart = _mm256_blendv_ps(tNear[h], mid, both);
+                const __m256 nearEnd = selectLanes(tFar[h], mid, both);
+                const __m256 farStart = selectLanes(tNear[h], mid, both);
                 const __m256 negative = rays.negative[k][h];
-                lowerNear[h] = _mm256_blendv_ps(tNear[h], farStart, negative);
-                lowerFar[h] = _mm256_blendv_ps(nearEnd, tFar[h], negative);
-                upperNear[h] = _mm256_blendv_ps(farStart, tNear[h], negative);
-                upperFar[h] = _mm256_blendv_ps(tFar[h], nearEnd, negative);
+                lowerNear[h] = selectLanes(tNear[h], farStart, negative);
+                lowerFar[h] = selectLanes(nearEnd, tFar[h], negative);
+                upperNear[h] = selectLanes(farStart, tNear[h], negative);
+                upperFar[h] = selectLanes(tFar[h], nearEnd, negative);
             }
             const KdNode* children = accel::innerChildren(node);
             const bool lowerFirst =
