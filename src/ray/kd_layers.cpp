@@ -187,12 +187,12 @@ void intersectLayeredTile(const SceneView& scene, const LayeredRayBlock& block, 
             for (int k = 0; k < 3; ++k) {
                 const __m256 moved =
                     _mm256_add_ps(rays.origin[k][h], _mm256_mul_ps(t, rays.dir[k][h]));
-                rays.origin[k][h] = _mm256_blendv_ps(rays.origin[k][h], moved, hit);
+                rays.origin[k][h] = selectLanes(rays.origin[k][h], moved, hit);
             }
             __m256& entry = acceptance.ring[layer % kExclusionRingSize][h];
-            entry = _mm256_blendv_ps(entry, hits.triangle[h], hit);
+            entry = selectLanes(entry, hits.triangle[h], hit);
             acceptance.previous[h] =
-                _mm256_blendv_ps(acceptance.previous[h], hits.triangle[h], hit);
+                selectLanes(acceptance.previous[h], hits.triangle[h], hit);
         }
         if (layer + 1 == block.layers) break;
         // The next layer of the rays that go on: no limit but the box exit.

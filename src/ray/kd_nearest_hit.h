@@ -147,10 +147,10 @@ struct NearestHitTileRule {
                 const __m256 take =
                     _mm256_and_ps(inside, acceptance.accepts(t, hits.dist[h], index, h));
                 if (_mm256_movemask_ps(take) == 0) continue;
-                hits.dist[h] = _mm256_blendv_ps(hits.dist[h], t, take);
-                hits.u[h] = _mm256_blendv_ps(hits.u[h], _mm256_div_ps(c.beta, c.den), take);
-                hits.v[h] = _mm256_blendv_ps(hits.v[h], _mm256_div_ps(c.gamma, c.den), take);
-                hits.triangle[h] = _mm256_blendv_ps(
+                hits.dist[h] = selectLanes(hits.dist[h], t, take);
+                hits.u[h] = selectLanes(hits.u[h], _mm256_div_ps(c.beta, c.den), take);
+                hits.v[h] = selectLanes(hits.v[h], _mm256_div_ps(c.gamma, c.den), take);
+                hits.triangle[h] = selectLanes(
                     hits.triangle[h], _mm256_castsi256_ps(_mm256_set1_epi32(index)), take);
                 hits.hit[h] = _mm256_or_ps(hits.hit[h], take);
             }

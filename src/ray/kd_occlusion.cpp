@@ -115,7 +115,7 @@ struct AnyHitTileRule {
                                                           _mm256_cmp_ps(t, zero, _CMP_GT_OQ)));
                 const int takeBits = _mm256_movemask_ps(take) << 8 * h;
                 if (takeBits == 0) continue;
-                occluder[h] = _mm256_blendv_ps(occluder[h],
+                occluder[h] = selectLanes(occluder[h],
                                                _mm256_castsi256_ps(_mm256_set1_epi32(index)), take);
                 lanes[h] = _mm256_andnot_ps(take, lanes[h]);
                 occluded |= takeBits;
@@ -161,7 +161,7 @@ void frameTileSegments(TileRays& rays)
             const __m256 d = rays.dir[k][h];
             const __m256 parallel =
                 _mm256_cmp_ps(_mm256_and_ps(d, absMask), parallelLimit, _CMP_LE_OQ);
-            rays.inverse[k][h] = _mm256_blendv_ps(_mm256_div_ps(one, d), parallelInverse, parallel);
+            rays.inverse[k][h] = selectLanes(_mm256_div_ps(one, d), parallelInverse, parallel);
             rays.negative[k][h] = _mm256_cmp_ps(d, zero, _CMP_LT_OQ);
         }
         rays.negativeBits[k] = laneBits(rays.negative[k][0], rays.negative[k][1]);

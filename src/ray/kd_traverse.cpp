@@ -59,9 +59,9 @@ int clipTileToBox(const float* box, TileRays& rays, __m256 tNear[2], __m256 tFar
             const __m256 t2 = _mm256_div_ps(highFromOrigin, d);
             const __m256 near = _mm256_max_ps(_mm256_min_ps(t1, t2), tNear[h]);
             const __m256 far = _mm256_min_ps(_mm256_max_ps(t1, t2), tFar[h]);
-            tNear[h] = _mm256_blendv_ps(near, tNear[h], parallel);
-            tFar[h] = _mm256_blendv_ps(far, tFar[h], parallel);
-            rays.inverse[k][h] = _mm256_blendv_ps(_mm256_div_ps(one, d), parallelInverse, parallel);
+            tNear[h] = selectLanes(near, tNear[h], parallel);
+            tFar[h] = selectLanes(far, tFar[h], parallel);
+            rays.inverse[k][h] = selectLanes(_mm256_div_ps(one, d), parallelInverse, parallel);
             rays.negative[k][h] = _mm256_andnot_ps(parallel, _mm256_cmp_ps(d, zero, _CMP_LT_OQ));
         }
         rays.negativeBits[k] = laneBits(rays.negative[k][0], rays.negative[k][1]);

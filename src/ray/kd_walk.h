@@ -79,6 +79,15 @@ inline int laneBits(__m256 mask0, __m256 mask1)
     return _mm256_movemask_ps(mask0) | _mm256_movemask_ps(mask1) << 8;
 }
 
+// The lanes of b where mask is set and of a elsewhere, for masks whose lanes are all ones or
+// all zeros (compare results and their combinations), bit for bit what blendv gives them.
+// Spelt out in bit operations: without AVX2, GCC rewrites blendv on a mask it cannot trace to
+// a compare (one loaded from a tile record, say) into eight scalar shifts and reinserts.
+inline __m256 selectLanes(__m256 a, __m256 b, __m256 mask)
+{
+    return _mm256_or_ps(_mm256_andnot_ps(mask, a), _mm256_and_ps(mask, b));
+}
+
 // The lane mask of 8 bits of a lane set.
 inline __m256 laneMask(int bits8)
 {
@@ -216,10 +225,13 @@ inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& 
 //                                                   finishes the subtree at node for the one
 //                                                   remaining ray by the per-ray walk.
 template <class Rule>
-inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSet, __m256 tNear[2],
-                     __m256 tFar[2], Rule& rule)
+inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSet,
+                     const __m256 tNearStart[2], const __m256 tFarStart[2], Rule& rule)
 {
     using accel::KdNode;
+    // The intervals stay in registers: only the copies handed to walkOneLane have an address.
+    __m256 tNear[2] = {tNearStart[0], tNearStart[1]};
+    __m256 tFar[2] = {tFarStart[0], tFarStart[1]};
     PendingTileNode stack[accel::kMaxInnerNodesOnPath];
     int depth = 0;
     const KdNode* node = root;
@@ -230,7 +242,9 @@ inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSe
             assert(laneSet != 0);
             if ((laneSet & (laneSet - 1)) == 0) {
                 // One ray left: it finishes this subtree on its own, by the same decisions.
-                rule.walkOneLane(node, __builtin_ctz(unsigned(laneSet)), tNear, tFar);
+                const __m256 laneNear[2] = {tNear[0], tNear[1]};
+                const __m256 laneFar[2] = {tFar[0], tFar[1]};
+                rule.walkOneLane(node, __builtin_ctz(unsigned(laneSet)), laneNear, laneFar);
                 break;
             }
             const int k = accel::innerAxis(*node);
@@ -253,38 +267,61 @@ inline void walkTile(const accel::KdNode* root, const TileRays& rays, int laneSe
             const int needsFar = laneSet & ~nearOnlySet;
             const int lowerSet = (needsNear & ~negativeSet) | (needsFar & negativeSet);
             const int upperSet = (needsFar & ~negativeSet) | (needsNear & negativeSet);
-            // Rays that need both children split their interval at the plane; the others keep
-            // theirs whichever child they go to.
-            __m256 lowerNear[2], lowerFar[2], upperNear[2], upperFar[2];
+            // Rays that need both children split their interval at the plane into a near part
+            // [tNear, nearEnd] and a far part [farStart, tFar]; the others keep theirs whichever
+            // child they go to.
+            __m256 nearEnd[2], farStart[2];
             const bool splitsIntervals = (needsNear & needsFar) != 0;
             for (int h = 0; h < 2; ++h) {
                 if (!splitsIntervals) {
-                    lowerNear[h] = upperNear[h] = tNear[h];
-                    lowerFar[h] = upperFar[h] = tFar[h];
+                    nearEnd[h] = tFar[h];
+                    farStart[h] = tNear[h];
                     continue;
                 }
                 const __m256 both =
                     _mm256_andnot_ps(_mm256_or_ps(farOnly[h], nearOnly[h]), allLanes);
                 const __m256 mid = _mm256_max_ps(_mm256_min_ps(tSplit[h], tFar[h]), tNear[h]);
-                const __m256 nearEnd = _mm256_blendv_ps(tFar[h], mid, both);
-                const __m256 farStart = _mm256_blendv_ps(tNear[h], mid, both);
-                const __m256 negative = rays.negative[k][h];
-                lowerNear[h] = _mm256_blendv_ps(tNear[h], farStart, negative);
-                lowerFar[h] = _mm256_blendv_ps(nearEnd, tFar[h], negative);
-                upperNear[h] = _mm256_blendv_ps(farStart, tNear[h], negative);
-                upperFar[h] = _mm256_blendv_ps(tFar[h], nearEnd, negative);
+                nearEnd[h] = selectLanes(tFar[h], mid, both);
+                farStart[h] = selectLanes(tNear[h], mid, both);
             }
             const KdNode* children = accel::innerChildren(node);
-            const bool lowerFirst =
-                2 * __builtin_popcount(negativeSet) <= __builtin_popcount(laneSet);
-            const KdNode* first = children + (lowerFirst ? 0 : 1);
-            const KdNode* second = children + (lowerFirst ? 1 : 0);
-            const int firstSet = lowerFirst ? lowerSet : upperSet;
-            const int secondSet = lowerFirst ? upperSet : lowerSet;
-            const __m256* firstNear = lowerFirst ? lowerNear : upperNear;
-            const __m256* firstFar = lowerFirst ? lowerFar : upperFar;
-            const __m256* secondNear = lowerFirst ? upperNear : lowerNear;
-            const __m256* secondFar = lowerFirst ? upperFar : lowerFar;
+            const KdNode *first, *second;
+            int firstSet, secondSet;
+            __m256 firstNear[2], firstFar[2], secondNear[2], secondFar[2];
+            if (negativeSet == 0 || negativeSet == laneSet) {
+                // One sign for the whole set, as almost always: the near child first for every
+                // ray. Lanes outside the set get values that nothing reads.
+                const int upperNear = negativeSet != 0 ? 1 : 0;
+                first = children + upperNear;
+                second = children + (1 - upperNear);
+                firstSet = needsNear;
+                secondSet = needsFar;
+                for (int h = 0; h < 2; ++h) {
+                    firstNear[h] = tNear[h];
+                    firstFar[h] = nearEnd[h];
+                    secondNear[h] = farStart[h];
+                    secondFar[h] = tFar[h];
+                }
+            } else {
+                // Mixed signs: first the child that is near for most of the rays.
+                const bool lowerFirst =
+                    2 * __builtin_popcount(negativeSet) <= __builtin_popcount(laneSet);
+                first = children + (lowerFirst ? 0 : 1);
+                second = children + (lowerFirst ? 1 : 0);
+                firstSet = lowerFirst ? lowerSet : upperSet;
+                secondSet = lowerFirst ? upperSet : lowerSet;
+                for (int h = 0; h < 2; ++h) {
+                    const __m256 negative = rays.negative[k][h];
+                    const __m256 lowerNear = selectLanes(tNear[h], farStart[h], negative);
+                    const __m256 lowerFar = selectLanes(nearEnd[h], tFar[h], negative);
+                    const __m256 upperNear = selectLanes(farStart[h], tNear[h], negative);
+                    const __m256 upperFar = selectLanes(tFar[h], nearEnd[h], negative);
+                    firstNear[h] = lowerFirst ? lowerNear : upperNear;
+                    firstFar[h] = lowerFirst ? lowerFar : upperFar;
+                    secondNear[h] = lowerFirst ? upperNear : lowerNear;
+                    secondFar[h] = lowerFirst ? upperFar : lowerFar;
+                }
+            }
             if (firstSet == 0) {
                 node = second;
                 laneSet = secondSet;
