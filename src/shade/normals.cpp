@@ -182,19 +182,16 @@ void computeTriangleNormalsAvx(const float* vertices, const int* triangles, floa
 }
 
 // Each member takes a contiguous share fixed by (member, teamSize) alone; since the twins agree
-// bit for bit, where a share's scalar tail falls changes nothing in the output. A member gets
-// 8192 triangles at least (about 20 us of work), so small meshes pay no team's fork and join.
+// bit for bit, where a share's scalar tail falls changes nothing in the output.
 void computeTriangleNormals(const float* vertices, const int* triangles, float* normals,
                             int triangleCount)
 {
-    constexpr int kMinTrianglesPerMember = 8192;
-    const int usefulMembers = triangleCount / kMinTrianglesPerMember;
     frame::runParallelRegion([=](int member, int teamSize) {
         const std::ptrdiff_t begin = std::ptrdiff_t(int64_t(triangleCount) * member / teamSize);
         const std::ptrdiff_t end = std::ptrdiff_t(int64_t(triangleCount) * (member + 1) / teamSize);
         computeTriangleNormalsAvx(vertices, triangles + begin * 4, normals + begin * 3,
                                   int(end - begin));
-    }, usefulMembers > 1 ? usefulMembers : 1);
+    });
 }
 
 void copyFlatNormalsScalar(const float* triangleNormals, const int* hitTriangles,
