@@ -195,10 +195,6 @@ void resizeVolumeInTeam(const VolumeView<const float>& src, VolumeSize srcVolume
 {
     const int32_t width = regionExtent(region, 0), height = regionExtent(region, 1);
     const int32_t depth = regionExtent(region, 2);
-    if (slicesTeamSize(width, height, depth) <= 1) {
-        resizeVolume(src, srcVolume, dst, region, kernel, buffer);
-        return;
-    }
     const std::size_t shareBytes = resizeBufferBytesPerThread(width, height, depth, kernel.code);
     const ResizeRowKernels<float> kernels =
         avxRowKernels<float>(preferStreamingStores(region, sizeof(float)));
