@@ -61,17 +61,19 @@ struct Options {
     std::vector<int> threads{1, 2};
     std::string peerIsa;
     bool json = false;
+    float ratio = 0.0f;  // the renderer's
     std::vector<std::string> meshes;
 };
 
 const char kUsage[] =
-    "usage: peer_bench [--size N] [--repeat N] [--threads LIST] [--peer-isa ISA] [--json] "
-    "[MESH...]\n"
+    "usage: peer_bench [--size N] [--repeat N] [--threads LIST] [--peer-isa ISA] [--ratio R] "
+    "[--json] [MESH...]\n"
     "  --size N         side of the square image of eye rays, a multiple of 4 (default 1024)\n"
     "  --repeat N       passes of each measurement; the best is kept (default 5)\n"
     "  --threads LIST   thread counts, comma-separated (default 1,2)\n"
     "  --peer-isa ISA   instruction set Embree is limited to (sse4.2, avx, avx2, avx512);\n"
     "                   default: the best the processor has\n"
+    "  --ratio R        vekr's build ratio, 0 to 1 (default 0, the renderer's)\n"
     "  --json           print the results as JSON instead of tables\n"
     "  MESH             an OFF or OBJ file, 'builtin' (the renderer's default scene) or\n"
     "                   'dense:N' (its displaced sphere of about N triangles); default: the\n"
@@ -120,6 +122,14 @@ Options parseOptions(int argc, char** argv)
             if (!next) parsePositive(next, "--peer-isa");
             o.peerIsa = next;
             ++a;
+        } else if (arg == "--ratio") {
+            char* end = nullptr;
+            o.ratio = next ? std::strtof(next, &end) : -1.0f;
+            if (!next || *end != '\0' || !(o.ratio >= 0.0f && o.ratio <= 1.0f)) {
+                std::fprintf(stderr, "bad or missing value for '--ratio'\n%s", kUsage);
+                std::exit(2);
+            }
+            ++a;
         } else if (arg == "--json") {
             o.json = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -155,21 +165,23 @@ struct VekrScene {
 };
 
 // The renderer's build parameters: at most 50 splits (in all, or on each path for the
-// full-depth method), ratio 0 (split only where the cost model expects a clear gain), and its memory
+// full-depth method), ratio 0 unless asked otherwise (split only where the cost model expects a
+// clear gain), and its memory
 // budget: the least the build accepts, 12 bytes per vertex + 84 per triangle + 32 MiB, plus
 // room for the node and leaf pools (up to about 300 bytes per triangle for full depth).
-KDTreeBuildParams rendererBuildParams(const SceneMesh& mesh, uint32_t method, const float* box)
+KDTreeBuildParams rendererBuildParams(const SceneMesh& mesh, uint32_t method, float ratio,
+                                      const float* box)
 {
     const double neededMB =
         std::ceil((12.0 * mesh.vertexCount + 84.0 * mesh.triangleCount + 33554676.0) / 1048576.0);
     const double roomMB = 64 + std::ceil(384.0 * mesh.triangleCount / 1048576.0);
     if (neededMB > 4095) fail("mesh too large for the surface-area-heuristic build budget");
-    return {method, 50, 0.0f, uint32_t(std::min(4095.0, neededMB + roomMB)), box};
+    return {method, 50, ratio, uint32_t(std::min(4095.0, neededMB + roomMB)), box};
 }
 
 // Builds records, box and tree into scene (whose records block is allocated beforehand, as
 // Embree's buffers are); returns the seconds the three took.
-double buildVekrScene(const SceneMesh& mesh, uint32_t method, VekrScene& scene)
+double buildVekrScene(const SceneMesh& mesh, uint32_t method, float ratio, VekrScene& scene)
 {
     if (!scene.records) {
         scene.records.reset(static_cast<TriangleAccel*>(
@@ -181,7 +193,7 @@ double buildVekrScene(const SceneMesh& mesh, uint32_t method, VekrScene& scene)
     const double start = omp_get_wtime();
     vekrTriangleAccelInit(scene.records.get(), mesh.vertices, mesh.triangles, mesh.triangleCount);
     vekrSetBoundBox_32f(mesh.vertices, mesh.vertexCount, &scene.box.minX);
-    const KDTreeBuildParams params = rendererBuildParams(mesh, method, &scene.box.minX);
+    const KDTreeBuildParams params = rendererBuildParams(mesh, method, ratio, &scene.box.minX);
     const Status built =
         vekrKDTreeBuildAlloc(&scene.tree, mesh.vertices, mesh.triangles, mesh.vertexCount,
                              mesh.triangleCount, &scene.treeBytes, &params);
@@ -246,7 +258,7 @@ Family measureBuilds(const SceneMesh& mesh, const Options& o)
             for (int m = 0; m < 2; ++m) {
                 VekrScene scene;
                 settle();
-                best[m] = std::min(best[m], buildVekrScene(mesh, methods[m], scene));
+                best[m] = std::min(best[m], buildVekrScene(mesh, methods[m], o.ratio, scene));
             }
             PeerDevice device(o.peerIsa, threads);
             for (int q = 0; q < 2; ++q) {
@@ -271,7 +283,7 @@ public:
     RayBench(const SceneMesh& mesh, const Options& o)
         : mesh_(mesh), o_(o), n_(size_t(o.side) * size_t(o.side)), device_(o.peerIsa, 0)
     {
-        buildVekrScene(mesh, KDTreeBuildSahFullDepth, vekr_);
+        buildVekrScene(mesh, KDTreeBuildSahFullDepth, o.ratio, vekr_);
         context_ = vekr_.context();
         double seconds = 0;
         peer_ = commitPeerScene(device_, mesh, RTC_BUILD_QUALITY_HIGH, &seconds);

@@ -26,8 +26,8 @@ struct LayerExclusion {
     bool accepts(float t, float dist, int32_t index) const
     {
         if (!(dist > t && t > 0.0f)) return false;
-        for (int j = 0; j < ringCount; ++j)
-            if (ring[j] == index) return false;
+        for (int j = 0; j < kExclusionRingSize; ++j)
+            if (j < ringCount && ring[j] == index) return false;
         return true;
     }
 };

@@ -10,6 +10,7 @@
 
 #include "accel/kd_format.h"
 #include "kd_walk.h"
+#include "leaf_crossings.h"
 #include "ray_hit.h"
 
 namespace vekr::ray {
@@ -43,23 +44,22 @@ struct NearestHitRule {
     RayHit& hit;
     Acceptance acceptance;
 
+    LeafRay leafRay = prepareLeafRay(origin, dir);
+
     bool visitLeaf(const accel::KdNode* leafNode)
     {
-        const accel::LeafTriangles leaf = accel::decodeLeaf(leafNode);
-        for (int i = 0; i < leaf.count; ++i) {
-            const int32_t index = leaf[i];
-            if (acceptance.passesOver(index)) continue;
-            const TriangleAccel& rec = triangles[index];
-            if (rec.axes == 0) continue;  // degenerate triangle
-            Crossing c;
-            if (!crossTriangle(rec, origin, dir, c) || !acceptance.keepsDen(c.den)) continue;
-            const float t = c.num / c.den;
-            if (!acceptance.accepts(t, hit.dist, index)) continue;
-            hit.dist = t;
-            hit.u = c.beta / c.den;
-            hit.v = c.gamma / c.den;
-            hit.triangle = index;
-        }
+        forEachLeafCrossing(triangles, accel::decodeLeaf(leafNode), leafRay,
+                            [this](int32_t index, const Crossing& c) {
+                                if (acceptance.passesOver(index) || !acceptance.keepsDen(c.den))
+                                    return false;
+                                const float t = c.num / c.den;
+                                if (!acceptance.accepts(t, hit.dist, index)) return false;
+                                hit.dist = t;
+                                hit.u = c.beta / c.den;
+                                hit.v = c.gamma / c.den;
+                                hit.triangle = index;
+                                return false;
+                            });
         return false;
     }
     float reach() const { return hit.dist; }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kd_walk.h"
+#include "leaf_crossings.h"
 
 namespace vekr::ray {
 
@@ -18,11 +19,8 @@ namespace {
 // A triangle occludes when the ray crosses it strictly inside the segment: a triangle through
 // the origin (t = 0) or through the segment's end point (t = 1) does not. The search skips
 // triangles equal to the ray's current triIndex, which is -1 throughout, so none are.
-inline bool occludes(const TriangleAccel& rec, const float origin[3], const float dir[3])
+inline bool occludesAt(const Crossing& c)
 {
-    if (rec.axes == 0) return false;  // degenerate triangle
-    Crossing c;
-    if (!crossTriangle(rec, origin, dir, c)) return false;
     const float t = c.num / c.den;
     return kSegmentEnd > t && t > 0.0f;
 }
@@ -36,16 +34,16 @@ struct AnyHitRule {
     const float* dir;
     int32_t occluder = -1;
 
+    LeafRay leafRay = prepareLeafRay(origin, dir);
+
     bool visitLeaf(const KdNode* leafNode)
     {
-        const LeafTriangles leaf = decodeLeaf(leafNode);
-        for (int i = 0; i < leaf.count; ++i) {
-            const int32_t index = leaf[i];
-            if (!occludes(triangles[index], origin, dir)) continue;
-            occluder = index;
-            return true;
-        }
-        return false;
+        return forEachLeafCrossing(triangles, decodeLeaf(leafNode), leafRay,
+                                   [this](int32_t index, const Crossing& c) {
+                                       if (!occludesAt(c)) return false;
+                                       occluder = index;
+                                       return true;
+                                   });
     }
     float reach() const { return kSegmentEnd; }
 };
