@@ -119,7 +119,6 @@ inline __m256 equalLanes(__m256 v, int32_t index)
 
 struct LayerTileAcceptance {
     static constexpr float kDescentTolerance = kLayerTileDescentTolerance;
-    static constexpr bool kSharedOrigin = false;
     __m256 previous[2];                  // index bits per lane
     __m256 ring[kExclusionRingSize][2];  // index bits per lane
     int ringCount;

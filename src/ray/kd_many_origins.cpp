@@ -78,7 +78,6 @@ namespace {
 
 struct OwnOriginTileAcceptance {
     static constexpr float kDescentTolerance = ray::kDescentTolerance;
-    static constexpr bool kSharedOrigin = false;
     static __m256 passesOver(int32_t, int) { return _mm256_setzero_ps(); }
     static __m256 keepsDen(__m256 den)
     {

@@ -103,7 +103,6 @@ inline void storeTileHits(float* dist, float* hitU, float* hitV, int32_t* triInd
 
 // A tile acceptance policy supplies the lane-wise forms, on half h of the tile:
 //   kDescentTolerance
-//   kSharedOrigin                                    whether all rays start at one point
 //   __m256 passesOver(int32_t index, int h)          lanes that skip the triangle
 //   __m256 keepsDen(__m256 den)                      lanes that test on
 //   __m256 accepts(__m256 t, __m256 dist, int32_t index, int h)   lanes that take the crossing
@@ -111,7 +110,6 @@ inline void storeTileHits(float* dist, float* hitU, float* hitV, int32_t* triInd
 
 struct SharedOriginTileAcceptance {
     static constexpr float kDescentTolerance = ray::kDescentTolerance;
-    static constexpr bool kSharedOrigin = true;
     static __m256 passesOver(int32_t, int) { return _mm256_setzero_ps(); }
     static __m256 keepsDen(__m256) { return _mm256_castsi256_ps(_mm256_set1_epi32(-1)); }
     static __m256 accepts(__m256 t, __m256 dist, int32_t, int)
@@ -142,7 +140,7 @@ struct NearestHitTileRule {
             for (int h = 0; h < 2; ++h) {
                 if ((laneSet >> 8 * h & 0xFF) == 0) continue;
                 const __m256 tested = _mm256_andnot_ps(acceptance.passesOver(index, h), lanes[h]);
-                const TileCrossing c = crossTriangleTile<TileAcceptance::kSharedOrigin>(rec, rays, h, tested);
+                const TileCrossing c = crossTriangleTile(rec, rays, h, tested);
                 const __m256 inside = _mm256_and_ps(c.inside, acceptance.keepsDen(c.den));
                 if (_mm256_movemask_ps(inside) == 0) continue;
                 const __m256 t = _mm256_div_ps(c.num, c.den);

@@ -105,7 +105,7 @@ struct AnyHitTileRule {
             if (rec.axes == 0) continue;  // degenerate triangle
             for (int h = 0; h < 2; ++h) {
                 if ((laneSet >> 8 * h & 0xFF) == 0) continue;  // this half is done
-                const TileCrossing c = crossTriangleTile<true>(rec, rays, h, lanes[h]);
+                const TileCrossing c = crossTriangleTile(rec, rays, h, lanes[h]);
                 if (_mm256_movemask_ps(c.inside) == 0) continue;
                 const __m256 t = _mm256_div_ps(c.num, c.den);
                 const __m256 take =

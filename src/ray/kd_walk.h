@@ -182,7 +182,6 @@ struct TileCrossing {
     __m256 inside;  // lanes of the set whose ray crosses the triangle's plane inside it
     __m256 num, den, beta, gamma;  // the distance is num / den
 };
-template <bool kSharedOrigin = false>
 inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& rays, int h,
                                       __m256 lanes)
 {
@@ -192,25 +191,13 @@ inline TileCrossing crossTriangleTile(const TriangleAccel& rec, const TileRays& 
     const __m256 zero = _mm256_setzero_ps();
     const __m256 du = rays.dir[a.u][h];
     const __m256 dv = rays.dir[a.v][h];
+    const __m256 eu = _mm256_sub_ps(_mm256_set1_ps(rec.pu), rays.origin[a.u][h]);
+    const __m256 ev = _mm256_sub_ps(_mm256_set1_ps(rec.pv), rays.origin[a.v][h]);
     TileCrossing c;
-    __m256 eu, ev;
-    if constexpr (kSharedOrigin) {
-        // Every lane has the same origin, so the vertex offset and the plane's numerator are
-        // the same in every lane: computed once, by the same operations, and broadcast.
-        const float euOne = rec.pu - _mm256_cvtss_f32(rays.origin[a.u][h]);
-        const float evOne = rec.pv - _mm256_cvtss_f32(rays.origin[a.v][h]);
-        eu = _mm256_set1_ps(euOne);
-        ev = _mm256_set1_ps(evOne);
-        c.num = _mm256_set1_ps(((rec.pk + rec.nu * euOne) + rec.nv * evOne) -
-                               _mm256_cvtss_f32(rays.origin[a.k][h]));
-    } else {
-        eu = _mm256_sub_ps(_mm256_set1_ps(rec.pu), rays.origin[a.u][h]);
-        ev = _mm256_sub_ps(_mm256_set1_ps(rec.pv), rays.origin[a.v][h]);
-        c.num = _mm256_sub_ps(
-            _mm256_add_ps(_mm256_add_ps(_mm256_set1_ps(rec.pk), _mm256_mul_ps(nu, eu)),
-                          _mm256_mul_ps(nv, ev)),
-            rays.origin[a.k][h]);
-    }
+    c.num =
+        _mm256_sub_ps(_mm256_add_ps(_mm256_add_ps(_mm256_set1_ps(rec.pk), _mm256_mul_ps(nu, eu)),
+                                    _mm256_mul_ps(nv, ev)),
+                      rays.origin[a.k][h]);
     c.den = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(nu, du), _mm256_mul_ps(nv, dv)),
                           rays.dir[a.k][h]);
     const __m256 qu = _mm256_sub_ps(_mm256_mul_ps(c.num, du), _mm256_mul_ps(c.den, eu));
