@@ -109,20 +109,4 @@ inline bool crossTriangle(const TriangleAccel& rec, const float origin[3], const
     return alpha * c.beta >= 0.0f && c.beta * c.gamma >= 0.0f && alpha * c.gamma >= 0.0f;
 }
 
-// The nearest-hit test: the hit is kept only when 0 < t < dist, so an equally near later
-// triangle does not replace an earlier one.
-inline void testTriangle(const TriangleAccel& rec, int32_t index, const float origin[3],
-                         const float dir[3], RayHit& hit)
-{
-    if (rec.axes == 0) return;  // degenerate triangle
-    Crossing c;
-    if (!crossTriangle(rec, origin, dir, c)) return;
-    const float t = c.num / c.den;
-    if (!(hit.dist > t && t > 0.0f)) return;
-    hit.dist = t;
-    hit.u = c.beta / c.den;
-    hit.v = c.gamma / c.den;
-    hit.triangle = index;
-}
-
 }  // namespace vekr::ray
