@@ -20,7 +20,9 @@
 #include <gtest/gtest.h>
 
 #include "accel/kd_format.h"
+#include "ray/kd_many_origins.h"
 #include "ray/kd_occlusion.h"
+#include "ray/kd_traverse.h"
 #include "support/float_bits.h"
 #include "vekr.h"
 
@@ -131,8 +133,6 @@ public:
     }
 
     const void* root() const { return block_.data(); }
-    int innerNodeCount() const { return innerCount_; }
-    int leafCount() const { return leafCount_; }
 
 private:
     std::array<float, 6> bounds(int t) const
@@ -172,13 +172,11 @@ private:
                 nodes_.push_back({});
                 nodes_[size_t(nodeIndex)] =
                     accel::encodeInner(int32_t((pair - nodeIndex) * 8), axis, split);
-                ++innerCount_;
                 build(pair, below, depth + 1);
                 build(pair + 1, above, depth + 1);
                 return;
             }
         }
-        ++leafCount_;
         accel::KdNode& node = nodes_[size_t(nodeIndex)];
         if (tris.empty()) {
             node = accel::KdNode{INT32_MIN, 0};
@@ -195,7 +193,6 @@ private:
     const Mesh& mesh_;
     int maxDepth_, leafSize_;
     bool forceLists_;
-    int innerCount_ = 0, leafCount_ = 0;
     std::vector<accel::KdNode> nodes_;
     std::vector<int32_t> listWords_;
     std::vector<std::pair<int, int>> pendingLists_;
@@ -415,10 +412,6 @@ inline std::vector<ReferenceLayer> referenceLayers(const std::vector<TriangleAcc
     return out;
 }
 
-}  // namespace vekr::test
-
-namespace vekr::test {
-
 // Heap arrays on 64-byte boundaries, for the aligned paths.
 template <class T>
 struct AlignedAllocator {
@@ -470,6 +463,10 @@ struct EyeRays {
         for (int k = 0; k < 3; ++k)
             dirPlanes_[k] = dir[k].data();
         return dirPlanes_;
+    }
+    ray::EyeRayBlock block()
+    {
+        return {origin, dirs(), dist.data(), u.data(), v.data(), triIndex.data(), width, height};
     }
 
 private:
@@ -594,6 +591,10 @@ struct OwnOriginRays : EyeRays {
             orgPlanes_[k] = org[k].data();
         return orgPlanes_;
     }
+    ray::ManyOriginRayBlock block()
+    {
+        return {origins(), dirs(), dist.data(), u.data(), v.data(), triIndex.data(), width, height};
+    }
 
 private:
     const float* orgPlanes_[3] = {};
@@ -687,6 +688,7 @@ std::pair<int, int> expectNearestHits(const Mesh& mesh, const Rays& single, cons
 struct HandTree {
     std::vector<accel::KdNode> nodes;
     explicit HandTree(int slots) : nodes(size_t(slots), accel::KdNode{0, 0}) {}
+    const void* root() const { return nodes.data(); }
     void inner(int slot, int axis, float split, int pairSlot)
     {
         nodes[size_t(slot)] = accel::encodeInner((pairSlot - slot) * 8, axis, split);
@@ -803,10 +805,6 @@ inline void PrintTo(const SceneCase& c, std::ostream* os)
 {
     *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
 }
-inline std::string sceneCaseName(const SceneCase& c)
-{
-    return std::string(sceneKindName(c.scene)) + treeKindName(c.tree);
-}
 
 inline Mesh makeTestScene(SceneKind kind)
 {
@@ -846,6 +844,22 @@ public:
 private:
     std::unique_ptr<MedianKdTree> median_;
     void* built_ = nullptr;
+};
+
+// The fixture of the scene sweeps: every TEST_P on it, in whichever file, runs over every scene
+// and tree kind (the one instantiation is in kd_traverse_test.cpp).
+class RayScenes : public testing::TestWithParam<SceneCase> {
+protected:
+    void SetUp() override
+    {
+        scene = std::make_unique<PreparedScene>(makeTestScene(GetParam().scene));
+        tree = std::make_unique<TestTree>(scene->mesh, GetParam().tree);
+        ASSERT_NE(tree->root(), nullptr);
+    }
+    ray::SceneView view() const { return {&scene->box.minX, scene->records.data(), tree->rootNode()}; }
+
+    std::unique_ptr<PreparedScene> scene;
+    std::unique_ptr<TestTree> tree;
 };
 
 }  // namespace vekr::test
