@@ -47,7 +47,7 @@ Mesh twoCoincidentQuads()
 TEST(IntersectEye, MissesKeepDistanceAndWeights)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({0, 1, 2, 3});
+    const HandTree tree = listLeafTree({0, 1, 2, 3});
     const float limits[5] = {7.5f, FLT_MAX, 0.0f, -0.0f, -2.0f};
     for (int height : {4, 5}) {  // both paths
         EyeRays rays = raysDown(8, height, -0.5f, 0.03f, 0.1f);
@@ -72,7 +72,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
     // The same quad twice: the copy listed first wins, whichever its number.
     for (const auto& [order, expectedQuad] :
          std::vector<std::pair<std::vector<int32_t>, int>>{{{0, 1, 2, 3}, 0}, {{2, 3, 0, 1}, 1}}) {
-        const ListLeafTree tree = listLeafTree(order);
+        const HandTree tree = listLeafTree(order);
         for (int height : {4, 3}) {
             EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
             intersectEye(rays, scene.context(tree.root()));
@@ -88,7 +88,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
 TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({1, 0});
+    const HandTree tree = listLeafTree({1, 0});
     // The diagonal x = y is shared by triangles 0 and 1; 1 is listed first.
     EyeRays rays(4, 4);
     rays.origin[2] = 1.0f;
@@ -109,11 +109,11 @@ TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
     const PreparedScene scene(twoCoincidentQuads());
     // Triangles 0 and 2 are the same triangle. Index 0 qualifies for the count field, so 2
     // lands in word 0 and is tested first.
-    ListLeafTree tree;
+    HandTree tree(2);
     const int32_t pair[2] = {0, 2};
     accel::KdNode leaf{};
     ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
-    tree.words = {uint32_t(leaf.word0), leaf.word1, 0, 0};
+    tree.set(0, leaf);
     EyeRays rays = raysDown(4, 4, 0.2f, 0.04f, -0.5f);
     intersectEye(rays, scene.context(tree.root()));
     for (int i = 0; i < rays.count(); ++i)
@@ -127,18 +127,10 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
     const PreparedScene scene(mesh);
     ASSERT_EQ(scene.records[4].axes, 0u);
     // Root splits x at 0: the lower child is an empty leaf, the upper one lists 4, 0, 1.
-    ListLeafTree tree;
-    const accel::KdNode root = accel::encodeInner(8, 0, 0.0f);
-    const accel::KdNode upper = accel::encodeListLeaf(24 - 16, 3);
-    tree.words = {uint32_t(root.word0),
-                  root.word1,
-                  uint32_t(INT32_MIN),
-                  0,
-                  uint32_t(upper.word0),
-                  upper.word1,
-                  4,
-                  0,
-                  1};
+    HandTree tree(3);
+    tree.inner(0, 0, 0.0f, 1);
+    tree.leaf(1, -1);
+    tree.list(2, {4, 0, 1});
     for (int height : {4, 5}) {
         EyeRays rays = raysDown(4, height, -0.85f, 1.8f / float(4 * height), 0.2f);
         for (int i = 0; i < rays.count(); i += 3)
@@ -159,7 +151,7 @@ TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
 {
     // A wall in x = 0.5, within y, z of [-1, 3].
     const PreparedScene scene(wallsAt({0.5f}));
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     EyeRays rays(4, 4);
     rays.origin[0] = -3.0f;
     rays.origin[1] = 5.0f;  // outside the box on y

@@ -174,7 +174,7 @@ TEST(LayersRules, TriangleAtTheContinuedOriginIsNotFoundAgain)
     // Walls 0 and 1 coincide at x = 1, wall 2 stands at x = 2. From x = 0 along x, the ray
     // stops on wall 0 at t = 1 exactly; wall 1 then lies at distance 0 and is not a hit.
     const PreparedScene scene(wallsAt({1.0f, 1.0f, 2.0f}));
-    const ListLeafTree tree = listLeafTree({0, 1, 2});
+    const HandTree tree = listLeafTree({0, 1, 2});
     const float origin[3] = {0, 0, 0};
     for (const LayeredRays& out : shootLayers(scene, tree.root(), origin, 3, [](int i) {
              return std::array<float, 3>{1.0f, 0.001f * float(i), 0.002f};
@@ -203,7 +203,7 @@ TEST(LayersRules, RingOfEightEarlierHitsWrapsInLayerNine)
         mesh.addTriangle(a, b, c);
     }
     const PreparedScene scene(mesh);
-    const ListLeafTree tree = listLeafTree({0, 1, 2, 3, 4, 5, 6, 7});
+    const HandTree tree = listLeafTree({0, 1, 2, 3, 4, 5, 6, 7});
     const float origin[3] = {1.75f, 1001, 1};
     int wraps = 0;
     for (int round = 0; round < 8; ++round) {

@@ -70,7 +70,7 @@ TEST(ManyOriginsRules, TinyComponentMissesUnlessStrictlyInsideItsSlab)
     // to the float epsilon hits the wall only from strictly inside the slab; on either face
     // it misses. Just above the epsilon, the ray from the face enters the box.
     const Mesh mesh = wallsAt({0.5f});
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     const float box[6] = {-2, -2, -2, 2, 0.5f, 2};
     const float tiny[] = {0.0f, -0.0f, 1e-8f, -1e-8f, 1.1920929e-7f, -1.1920929e-7f};
     for (const auto& [y, inside] : std::vector<std::pair<float, bool>>{
@@ -107,7 +107,7 @@ TEST(ManyOriginsRules, EdgeOnTriangleIsNeverHit)
     // The wall x = 0.5 crossed at t ~ 1 with den = dx: below 1.1920929e-6 the wall is passed
     // over, above it is hit, for either sign.
     const Mesh mesh = wallsAt({0.5f});
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     for (const auto& [dx, hit] : std::vector<std::pair<float, bool>>{
              {1e-6f, false}, {-1e-6f, false}, {1.18e-6f, false}, {1.3e-6f, true}, {-1.3e-6f, true}}) {
         const float origin[3] = {0.5f - dx, -0.5f, 0};
@@ -122,7 +122,7 @@ TEST(ManyOriginsRules, NewHitMustBeNearerByMoreThanTheTolerance)
     // A first hit must lie more than 1e-5 before the caller's maximum distance of 1.
     for (const auto& [x, hit] :
          std::vector<std::pair<float, bool>>{{0.999995f, false}, {0.99998f, true}}) {
-        const ListLeafTree tree = listLeafTree({0});
+        const HandTree tree = listLeafTree({0});
         for (const Shot& shot : shoot(wallsAt({x}), tree.root(), kWideBox, origin, 1, 0, 1.0f))
             EXPECT_EQ(shot.triangle, hit ? 0 : -1) << "wall at " << x;
     }
