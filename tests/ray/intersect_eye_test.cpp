@@ -66,58 +66,39 @@ TEST(IntersectEye, MissesKeepDistanceAndWeights)
     }
 }
 
+// Ties go to the triangle tested first, whichever its number, at the exact distance: the same
+// quad listed twice in either order; the diagonal x = y that triangles 0 and 1 share, hit
+// exactly, 1 listed first; a compact leaf of the coincident triangles 0 and 2, which tests
+// word 0 first (0 qualifies for the count field, so 2 lands in word 0).
 TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    // The same quad twice: the copy listed first wins, whichever its number.
-    for (const auto& [order, expectedQuad] :
-         std::vector<std::pair<std::vector<int32_t>, int>>{{{0, 1, 2, 3}, 0}, {{2, 3, 0, 1}, 1}}) {
-        const HandTree tree = listLeafTree(order);
-        for (int height : {4, 3}) {
-            EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
-            intersectEye(rays, scene.context(tree.root()));
-            for (int i = 0; i < rays.count(); ++i) {
-                ASSERT_GE(rays.triIndex[i], 0) << "ray " << i;
-                EXPECT_EQ(rays.triIndex[i] / 2, expectedQuad) << "ray " << i;
-                EXPECT_EQ(rays.dist[i], 1.0f) << "ray " << i;
-            }
-        }
-    }
-}
-
-TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    const HandTree tree = listLeafTree({1, 0});
-    // The diagonal x = y is shared by triangles 0 and 1; 1 is listed first.
-    EyeRays rays(4, 4);
-    rays.origin[2] = 1.0f;
-    for (int i = 0; i < rays.count(); ++i) {
-        const float s = -0.875f + 0.125f * float(i);  // exact: the point is on the edge
-        rays.dir[0][i] = s;
-        rays.dir[1][i] = s;
-        rays.dir[2][i] = -1.0f;
-    }
-    rays.reset();
-    intersectEye(rays, scene.context(tree.root()));
-    for (int i = 0; i < rays.count(); ++i)
-        EXPECT_EQ(rays.triIndex[i], 1) << "ray " << i;
-}
-
-TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    // Triangles 0 and 2 are the same triangle. Index 0 qualifies for the count field, so 2
-    // lands in word 0 and is tested first.
-    HandTree tree(2);
+    HandTree compact(2);
     const int32_t pair[2] = {0, 2};
     accel::KdNode leaf{};
     ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
-    tree.set(0, leaf);
-    EyeRays rays = raysDown(4, 4, 0.2f, 0.04f, -0.5f);
-    intersectEye(rays, scene.context(tree.root()));
-    for (int i = 0; i < rays.count(); ++i)
-        EXPECT_EQ(rays.triIndex[i], 2) << "ray " << i;
+    compact.set(0, leaf);
+    struct Case {
+        HandTree tree;
+        float x0, dx, y0, dy;  // rays along (x0 + dx i, y0 + dy i, -1)
+        int perWinner, winner;  // every ray's triangle / perWinner is winner
+    };
+    const Case cases[] = {{listLeafTree({0, 1, 2, 3}), -0.9f, 0.1f, 0.35f, 0.0f, 2, 0},
+                          {listLeafTree({2, 3, 0, 1}), -0.9f, 0.1f, 0.35f, 0.0f, 2, 1},
+                          {listLeafTree({1, 0}), -0.875f, 0.125f, -0.875f, 0.125f, 1, 1},
+                          {compact, 0.2f, 0.04f, -0.5f, 0.0f, 1, 2}};
+    for (const Case& c : cases)
+        for (int height : {4, 3}) {
+            EyeRays rays = raysDown(4, height, c.x0, c.dx, c.y0);
+            for (int i = 0; i < rays.count(); ++i)
+                rays.dir[1][i] += c.dy * float(i);
+            intersectEye(rays, scene.context(c.tree.root()));
+            for (int i = 0; i < rays.count(); ++i) {
+                ASSERT_GE(rays.triIndex[i], 0) << "case " << &c - cases << " ray " << i;
+                EXPECT_EQ(rays.triIndex[i] / c.perWinner, c.winner) << "case " << &c - cases << " ray " << i;
+                EXPECT_EQ(rays.dist[i], 1.0f) << "case " << &c - cases << " ray " << i;
+            }
+        }
 }
 
 TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
