@@ -80,7 +80,7 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
     compact.set(0, leaf);
     struct Case {
         HandTree tree;
-        float x0, dx, y0, dy;  // rays along (x0 + dx i, y0 + dy i, -1)
+        float x0, dx, y0, dy;   // rays along (x0 + dx i, y0 + dy i, -1)
         int perWinner, winner;  // every ray's triangle / perWinner is winner
     };
     const Case cases[] = {{listLeafTree({0, 1, 2, 3}), -0.9f, 0.1f, 0.35f, 0.0f, 2, 0},
@@ -95,7 +95,8 @@ TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
             intersectEye(rays, scene.context(c.tree.root()));
             for (int i = 0; i < rays.count(); ++i) {
                 ASSERT_GE(rays.triIndex[i], 0) << "case " << &c - cases << " ray " << i;
-                EXPECT_EQ(rays.triIndex[i] / c.perWinner, c.winner) << "case " << &c - cases << " ray " << i;
+                EXPECT_EQ(rays.triIndex[i] / c.perWinner, c.winner)
+                    << "case " << &c - cases << " ray " << i;
                 EXPECT_EQ(rays.dist[i], 1.0f) << "case " << &c - cases << " ray " << i;
             }
         }

@@ -112,7 +112,8 @@ TEST_P(RayScenes, OneLayerIsTheNearestHit)
     for (int i = 0; i < nearest.count(); ++i) {
         if (layered.triIndex[i] != nearest.triIndex[i]) {
             const auto d = nearest.direction(i);
-            EXPECT_TRUE(referenceNearestHit(scene->mesh, eye, d.data(), nearest.maxDist[i]).ambiguous)
+            const float limit = nearest.maxDist[i];
+            EXPECT_TRUE(referenceNearestHit(scene->mesh, eye, d.data(), limit).ambiguous)
                 << "ray " << i;
             continue;
         }

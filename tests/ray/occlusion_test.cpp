@@ -89,27 +89,24 @@ std::vector<int> occludersOf(const Mesh& mesh, const HandTree& tree, const float
         });
 }
 
-TEST(OcclusionRules, OnlyTheOpenSegmentOccludes)
+TEST(OcclusionRules, OnlyTheOpenSegmentOfUnmaskedRaysOccludes)
 {
     // From x = 0 along x = 2: walls at x = 0 (t = 0) and x = 2 (t = 1) do not occlude, one at
-    // x = 1 does, and so does one just inside either end.
+    // x = 1 does, and so does one just inside either end. Negative mask words skip the ray,
+    // positive ones do not.
     const float origin[3] = {0, 0, 0};
-    for (const auto& [x, occludes] : std::vector<std::pair<float, bool>>{
-             {0.0f, false}, {2.0f, false}, {1.0f, true}, {1e-5f, true}, {1.9999f, true},
-             {-0.5f, false}, {2.5f, false}}) {
-        for (int found : occludersOf(wallsAt({x}), oneLeafTree(0), origin, 0.0f))
-            EXPECT_EQ(found, occludes ? 0 : -1) << "wall at x " << x;
+    struct Case {
+        float x;
+        int32_t maskWord;
+        bool occludes;
+    };
+    for (const Case& c : {Case{0.0f, 0, false}, {2.0f, 0, false}, {1.0f, 0, true}, {1e-5f, 0, true},
+                          {1.9999f, 0, true}, {-0.5f, 0, false}, {2.5f, 0, false},
+                          {1.0f, -1, false}, {1.0f, -7, false}, {1.0f, INT32_MIN, false},
+                          {1.0f, 5, true}}) {
+        for (int found : occludersOf(wallsAt({c.x}), oneLeafTree(0), origin, 0.0f, c.maskWord))
+            EXPECT_EQ(found, c.occludes ? 0 : -1) << "wall at x " << c.x << ", mask " << c.maskWord;
     }
-}
-
-TEST(OcclusionRules, MaskedRaysAreNotTestedAndPositiveWordsAre)
-{
-    const float origin[3] = {0, 0, 0};
-    for (int32_t word : {-1, -7, INT32_MIN})
-        for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, word))
-            EXPECT_EQ(found, -1) << "mask " << word;
-    for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, 5))
-        EXPECT_EQ(found, 0);
 }
 
 TEST(OcclusionRules, FirstOccluderInTraversalOrderIsReported)

@@ -718,7 +718,8 @@ struct HandTree {
     // A list leaf whose entries, in this order, follow everything so far.
     void list(int slot, const std::vector<int32_t>& order)
     {
-        set(slot, accel::encodeListLeaf(int32_t(words.size() * 4) - slot * 8, int32_t(order.size())));
+        const int32_t offsetBytes = int32_t(words.size() * 4) - slot * 8;
+        set(slot, accel::encodeListLeaf(offsetBytes, int32_t(order.size())));
         words.insert(words.end(), order.begin(), order.end());
     }
 };
@@ -870,7 +871,10 @@ protected:
         tree = std::make_unique<TestTree>(scene->mesh, GetParam().tree);
         ASSERT_NE(tree->root(), nullptr);
     }
-    ray::SceneView view() const { return {&scene->box.minX, scene->records.data(), tree->rootNode()}; }
+    ray::SceneView view() const
+    {
+        return {&scene->box.minX, scene->records.data(), tree->rootNode()};
+    }
 
     std::unique_ptr<PreparedScene> scene;
     std::unique_ptr<TestTree> tree;
