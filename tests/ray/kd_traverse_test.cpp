@@ -72,9 +72,6 @@ std::vector<SceneCase> allSceneCases()
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenes, RayScenes, testing::ValuesIn(allSceneCases()),
-                         [](const testing::TestParamInfo<SceneCase>& info) {
-                             return std::string(sceneKindName(info.param.scene)) +
-                                    treeKindName(info.param.tree);
-                         });
+                         [](const auto& info) { return sceneCaseName(info.param); });
 
 }  // namespace

@@ -800,25 +800,22 @@ inline Shot shotOf(const EyeRays& rays)
 // trees with compact leaves, with list leaves only, and 48 levels deep.
 enum class SceneKind { Soup, HeightFieldInBox };
 enum class TreeKind { Simple, FullDepth, MedianCompact, MedianLists, MedianDeep };
-inline const char* sceneKindName(SceneKind kind)
-{
-    return kind == SceneKind::Soup ? "Soup" : "HeightFieldInBox";
-}
-inline const char* treeKindName(TreeKind kind)
-{
-    static const char* kNames[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
-                                   "MedianDeep"};
-    return kNames[int(kind)];
-}
 
-// A scene and a tree of the sweeps, named as both.
+// A scene and a tree of the sweeps, named as both ("SoupMedianDeep").
 struct SceneCase {
     SceneKind scene;
     TreeKind tree;
 };
+inline std::string sceneCaseName(const SceneCase& c)
+{
+    static const char* kTrees[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
+                                   "MedianDeep"};
+    return std::string(c.scene == SceneKind::Soup ? "Soup" : "HeightFieldInBox") +
+           kTrees[int(c.tree)];
+}
 inline void PrintTo(const SceneCase& c, std::ostream* os)
 {
-    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
+    *os << sceneCaseName(c);
 }
 
 inline Mesh makeTestScene(SceneKind kind)
