@@ -19,8 +19,13 @@ def rng():
     return np.random.default_rng(7)
 
 
-def raises_naming(call, error, words):
-    """Asserts that call() raises `error` with a message containing `words`."""
-    with pytest.raises(error) as caught:
-        call()
-    assert words in str(caught.value), str(caught.value)
+def bad_argument_test(calls):
+    """A test over {name: (call, error, words)}: each call raises `error` with `words` in its
+    message."""
+    @pytest.mark.parametrize("name", calls)
+    def test(name):
+        call, error, words = calls[name]
+        with pytest.raises(error) as caught:
+            call()
+        assert words in str(caught.value), str(caught.value)
+    return test

@@ -29,6 +29,8 @@ def test_thread_count_round_trips_and_bad_counts_raise_the_status():
 
 def test_warning_status_follows_the_warning_filters():
     volume = np.zeros((2, 2, 2), np.float32)
+    with pytest.warns(vekr.VekrWarning, match="vekrGetResizeCuboid: StatusWarnNoOperation"):
+        assert vekr.resize(volume, 1e-6).size == 0  # resized to nothing
     with warnings.catch_warnings():
         warnings.simplefilter("error", vekr.VekrWarning)
         with pytest.raises(vekr.VekrWarning, match="vekrGetResizeCuboid: StatusWarnNoOperation"):

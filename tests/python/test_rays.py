@@ -6,7 +6,7 @@ import pytest
 
 import vekr
 from vekr import _vekr
-from conftest import raises_naming
+from conftest import bad_argument_test
 
 OFFSET = np.array([1000.0, -500.0, 250.0])
 EDGE = 1e-3  # rays this close (in barycentric weight) to a triangle's edge are not compared
@@ -129,27 +129,25 @@ def test_results_equal_the_direct_call_on_one_thread(rng, threads):
     vertices, triangles = soup(rng)
     scene = vekr.Scene(vertices, triangles)
     origin, directions = eye_rays(rng, (64, 72))
-    hits = scene.intersect(origin, directions)
     local = (origin - scene._centre).astype(np.float32)
     planes = np.ascontiguousarray(directions.reshape(-1, 3).T)
-    dist = np.full(planes.shape[1], np.finfo(np.float32).max, np.float32)
-    uv = np.zeros((2, planes.shape[1]), np.float32)
-    tri = np.empty(planes.shape[1], np.int32)
-    _vekr.intersect_eye_so(local, planes, dist, uv, tri, scene._context, 72, 64)
-    dist[tri < 0] = np.inf
-    np.testing.assert_array_equal(hits.triangle.ravel(), tri)
-    np.testing.assert_array_equal(hits.distance.ravel(), dist)
-    np.testing.assert_array_equal(hits.uv.reshape(-1, 2), uv.T)
     # Layers: threads trace bands into scratch layers, the direct call the whole block.
-    layers = scene.intersect_layers(origin, directions, 3)
-    dist = np.full(3 * planes.shape[1], np.finfo(np.float32).max, np.float32)
-    uv = np.zeros((2, dist.size), np.float32)
-    tri = np.empty(dist.size, np.int32)
-    _vekr.intersect_multiple_so(local, planes, dist, uv, tri, 72, 64, 3, scene._context)
-    dist[tri < 0] = np.inf
-    np.testing.assert_array_equal(layers.triangle.ravel(), tri)
-    np.testing.assert_array_equal(layers.distance.ravel(), dist)
-    np.testing.assert_array_equal(layers.uv.reshape(-1, 2), uv.T)
+    for layers in (None, 3):
+        size = planes.shape[1] * (layers or 1)
+        dist = np.full(size, np.finfo(np.float32).max, np.float32)
+        uv = np.zeros((2, size), np.float32)
+        tri = np.empty(size, np.int32)
+        if layers is None:
+            hits = scene.intersect(origin, directions)
+            _vekr.intersect_eye_so(local, planes, dist, uv, tri, scene._context, 72, 64)
+        else:
+            hits = scene.intersect_layers(origin, directions, layers)
+            _vekr.intersect_multiple_so(local, planes, dist, uv, tri, 72, 64, layers,
+                                        scene._context)
+        dist[tri < 0] = np.inf
+        np.testing.assert_array_equal(hits.triangle.ravel(), tri)
+        np.testing.assert_array_equal(hits.distance.ravel(), dist)
+        np.testing.assert_array_equal(hits.uv.reshape(-1, 2), uv.T)
 
 
 def test_scene_reports_its_tree_and_bounds(rng):
@@ -199,8 +197,4 @@ BAD_CALLS = {
                          ValueError, "direction holds 3 rays per plane, the block needs 4"),
 }
 
-
-@pytest.mark.parametrize("name", BAD_CALLS)
-def test_bad_arguments_raise_naming_them(name):
-    call, error, words = BAD_CALLS[name]
-    raises_naming(call, error, words)
+test_bad_arguments_raise_naming_them = bad_argument_test(BAD_CALLS)

@@ -8,7 +8,7 @@ from scipy.special import lpmv
 
 import vekr
 from vekr import _vekr
-from conftest import raises_naming
+from conftest import bad_argument_test
 
 
 def unit_directions(rng, n):
@@ -107,8 +107,4 @@ BAD_CALLS = {
     "low-level size": (lambda: _vekr.sh_get_size(16, 0), vekr.VekrError, "StatusBadSize"),
 }
 
-
-@pytest.mark.parametrize("name", BAD_CALLS)
-def test_bad_arguments_raise_naming_them(name):
-    call, error, words = BAD_CALLS[name]
-    raises_naming(call, error, words)
+test_bad_arguments_raise_naming_them = bad_argument_test(BAD_CALLS)

@@ -6,7 +6,7 @@ import scipy.ndimage as ndi
 
 import vekr
 from vekr import _vekr
-from conftest import raises_naming
+from conftest import bad_argument_test
 
 DTYPES = [np.uint8, np.uint16, np.float32]
 
@@ -294,11 +294,7 @@ BAD_CALLS = {
                    "vekrResize_32f_C1V: StatusBadScale (-23)"),
 }
 
-
-@pytest.mark.parametrize("name", BAD_CALLS)
-def test_bad_arguments_raise_naming_them(name):
-    call, error, words = BAD_CALLS[name]
-    raises_naming(call, error, words)
+test_bad_arguments_raise_naming_them = bad_argument_test(BAD_CALLS)
 
 
 def test_copy_converts_what_is_otherwise_rejected(rng):
@@ -306,8 +302,3 @@ def test_copy_converts_what_is_otherwise_rejected(rng):
     result = vekr.resize(volume[:, :, ::-1], 2, copy=True)
     np.testing.assert_array_equal(result, vekr.resize(volume[:, :, ::-1].astype(np.float32), 2))
     assert vekr.remap(volume, np.zeros((3, 1, 1, 1)), copy=True).dtype == np.float32
-
-
-def test_resize_to_nothing_warns_and_returns_an_empty_volume():
-    with pytest.warns(vekr.VekrWarning, match="StatusWarnNoOperation"):
-        assert vekr.resize(V, 1e-6).size == 0

@@ -135,29 +135,29 @@ TEST(HitPointsRule, FullMaskedGroupKeepsPointsButTailAndMixedGroupsDoNot)
         EXPECT_EQ(z[i], i == 5 ? 5.0f : 0.0f) << "ray " << i;
 }
 
-TEST(HitPointsChecks, NullPointersInOrderWithNothingWritten)
+// Each pointer null alone, the planes of origins too: StatusNullPointer with nothing written.
+// The single origin is not checked, and a count of 0 touches nothing.
+TEST(HitPointsChecks, NullPointersWithNothingWritten)
 {
-    const float origin[3] = {0, 0, 0};
     std::vector<float> d(4, 1.0f), dist(4, 1.0f), x(4, 7.0f);
     std::vector<int32_t> mask(4, 0);
-    const float* dirs[3] = {d.data(), d.data(), d.data()};
-    const float* origins[3] = {d.data(), d.data(), d.data()};
+    const float* planes[3] = {d.data(), d.data(), d.data()};
     float* const points[3] = {x.data(), x.data(), x.data()};
-    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(origin, dirs, nullptr, nullptr, nullptr, 4, 1.0f),
-              StatusNullPointer);
-    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(origin, nullptr, dist.data(), nullptr, points, 4, 1.0f),
-              StatusNullPointer);
-    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(origin, nullptr, dist.data(), mask.data(), points, 4, 1.0f),
-              StatusNullPointer);
-    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(origin, dirs, dist.data(), mask.data(), nullptr, 4, 1.0f),
-              StatusNullPointer);
-    EXPECT_EQ(vekrHitPoint3DEpsM0_32f_M(origins, dirs, dist.data(), mask.data(), nullptr, 4, 1.0f),
-              StatusNullPointer);
-    EXPECT_EQ(vekrHitPoint3DEpsM0_32f_M(nullptr, dirs, dist.data(), mask.data(), points, 4, 1.0f),
-              StatusNullPointer);
+    for (int at = 0; at < 5; ++at) {
+        const auto drop = [at](int k, auto p) -> decltype(p) { return at == k ? nullptr : p; };
+        if (at < 4) {
+            EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(d.data(), drop(0, planes), drop(1, dist.data()),
+                                                drop(2, mask.data()), drop(3, points), 4, 1.0f),
+                      StatusNullPointer)
+                << "pointer " << at;
+        }
+        EXPECT_EQ(vekrHitPoint3DEpsM0_32f_M(drop(4, planes), drop(0, planes), drop(1, dist.data()),
+                                            drop(2, mask.data()), drop(3, points), 4, 1.0f),
+                  StatusNullPointer)
+            << "pointer " << at;
+    }
     EXPECT_EQ(x, std::vector<float>(4, 7.0f));
-    // The single origin is not checked; a count of 0 touches nothing.
-    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(nullptr, dirs, dist.data(), mask.data(), points, 0, 1.0f),
+    EXPECT_EQ(vekrHitPoint3DEpsS0_32f_M(nullptr, planes, dist.data(), mask.data(), points, 0, 1.0f),
               StatusOk);
 }
 

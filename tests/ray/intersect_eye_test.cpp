@@ -42,95 +42,64 @@ Mesh twoCoincidentQuads()
     return mesh;
 }
 
+// Rays beside the quad under a finite or an unbounded limit, and rays onto it under a limit of
+// 0, -0 or -2: every one misses, keeps its distance bit for bit and leaves its weights alone.
 TEST(IntersectEye, MissesKeepDistanceAndWeights)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({0, 1});
-    for (int height : {4, 5}) {                                 // both paths
-        EyeRays rays = raysDown(8, height, 3.0f, 0.25f, 0.0f);  // all beside the quad
-        for (int i = 0; i < rays.count(); ++i)
-            rays.maxDist[i] = i % 2 ? FLT_MAX : 7.5f;
+    const HandTree tree = listLeafTree({0, 1, 2, 3});
+    const float limits[5] = {7.5f, FLT_MAX, 0.0f, -0.0f, -2.0f};
+    for (int height : {4, 5}) {  // both paths
+        EyeRays rays = raysDown(8, height, -0.5f, 0.03f, 0.1f);
+        for (int i = 0; i < rays.count(); ++i) {
+            rays.maxDist[i] = limits[i % 5];
+            if (i % 5 < 2) rays.dir[0][i] += 3.5f;  // beside the quad
+        }
         rays.reset();
         ASSERT_EQ(intersectEye(rays, scene.context(tree.root())), StatusOk);
         for (int i = 0; i < rays.count(); ++i) {
             EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
-            EXPECT_EQ(rays.dist[i], rays.maxDist[i]) << "ray " << i;
+            EXPECT_EQ(floatBits(rays.dist[i]), floatBits(rays.maxDist[i])) << "ray " << i;
             EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
             EXPECT_EQ(rays.v[i], EyeRays::kUntouched) << "ray " << i;
         }
     }
 }
 
-TEST(IntersectEye, NonPositiveMaximumDistanceNeverHits)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({0, 1, 2, 3});
-    for (int height : {4, 3}) {
-        EyeRays rays = raysDown(4, height, -0.5f, 0.07f, 0.1f);
-        for (int i = 0; i < rays.count(); ++i)
-            rays.maxDist[i] = i % 3 == 0 ? 0.0f : (i % 3 == 1 ? -0.0f : -2.0f);
-        rays.reset();
-        intersectEye(rays, scene.context(tree.root()));
-        for (int i = 0; i < rays.count(); ++i) {
-            EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
-            EXPECT_EQ(floatBits(rays.dist[i]), floatBits(rays.maxDist[i])) << "ray " << i;
-            EXPECT_EQ(rays.u[i], EyeRays::kUntouched) << "ray " << i;
-        }
-    }
-}
-
+// Ties go to the triangle tested first, whichever its number, at the exact distance: the same
+// quad listed twice in either order; the diagonal x = y that triangles 0 and 1 share, hit
+// exactly, 1 listed first; a compact leaf of the coincident triangles 0 and 2, which tests
+// word 0 first (0 qualifies for the count field, so 2 lands in word 0).
 TEST(IntersectEye, TiesGoToTheTriangleTestedFirst)
 {
     const PreparedScene scene(twoCoincidentQuads());
-    // The same quad twice: the copy listed first wins, whichever its number.
-    for (const auto& [order, expectedQuad] :
-         std::vector<std::pair<std::vector<int32_t>, int>>{{{0, 1, 2, 3}, 0}, {{2, 3, 0, 1}, 1}}) {
-        const ListLeafTree tree = listLeafTree(order);
-        for (int height : {4, 3}) {
-            EyeRays rays = raysDown(4, height, -0.9f, 0.1f, 0.35f);
-            intersectEye(rays, scene.context(tree.root()));
-            for (int i = 0; i < rays.count(); ++i) {
-                ASSERT_GE(rays.triIndex[i], 0) << "ray " << i;
-                EXPECT_EQ(rays.triIndex[i] / 2, expectedQuad) << "ray " << i;
-                EXPECT_EQ(rays.dist[i], 1.0f) << "ray " << i;
-            }
-        }
-    }
-}
-
-TEST(IntersectEye, HitOnASharedEdgeGoesToTheFirstTriangle)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    const ListLeafTree tree = listLeafTree({1, 0});
-    // The diagonal x = y is shared by triangles 0 and 1; 1 is listed first.
-    EyeRays rays(4, 4);
-    rays.origin[2] = 1.0f;
-    for (int i = 0; i < rays.count(); ++i) {
-        const float s = -0.875f + 0.125f * float(i);  // exact: the point is on the edge
-        rays.dir[0][i] = s;
-        rays.dir[1][i] = s;
-        rays.dir[2][i] = -1.0f;
-    }
-    rays.reset();
-    intersectEye(rays, scene.context(tree.root()));
-    for (int i = 0; i < rays.count(); ++i)
-        EXPECT_EQ(rays.triIndex[i], 1) << "ray " << i;
-}
-
-TEST(IntersectEye, TwoTriangleCompactLeafTestsWordZeroFirst)
-{
-    const PreparedScene scene(twoCoincidentQuads());
-    // Triangles 0 and 2 are the same triangle. Index 0 qualifies for the count field, so 2
-    // lands in word 0 and is tested first.
-    ListLeafTree tree;
+    HandTree compact(2);
     const int32_t pair[2] = {0, 2};
     accel::KdNode leaf{};
     ASSERT_TRUE(accel::encodeCompactLeaf(pair, 2, leaf));
-    tree.words = {uint32_t(leaf.word0), leaf.word1, 0, 0};
-    EyeRays rays = raysDown(4, 4, 0.2f, 0.04f, -0.5f);
-    intersectEye(rays, scene.context(tree.root()));
-    for (int i = 0; i < rays.count(); ++i)
-        EXPECT_EQ(rays.triIndex[i], 2) << "ray " << i;
+    compact.set(0, leaf);
+    struct Case {
+        HandTree tree;
+        float x0, dx, y0, dy;   // rays along (x0 + dx i, y0 + dy i, -1)
+        int perWinner, winner;  // every ray's triangle / perWinner is winner
+    };
+    const Case cases[] = {{listLeafTree({0, 1, 2, 3}), -0.9f, 0.1f, 0.35f, 0.0f, 2, 0},
+                          {listLeafTree({2, 3, 0, 1}), -0.9f, 0.1f, 0.35f, 0.0f, 2, 1},
+                          {listLeafTree({1, 0}), -0.875f, 0.125f, -0.875f, 0.125f, 1, 1},
+                          {compact, 0.2f, 0.04f, -0.5f, 0.0f, 1, 2}};
+    for (const Case& c : cases)
+        for (int height : {4, 3}) {
+            EyeRays rays = raysDown(4, height, c.x0, c.dx, c.y0);
+            for (int i = 0; i < rays.count(); ++i)
+                rays.dir[1][i] += c.dy * float(i);
+            intersectEye(rays, scene.context(c.tree.root()));
+            for (int i = 0; i < rays.count(); ++i) {
+                ASSERT_GE(rays.triIndex[i], 0) << "case " << &c - cases << " ray " << i;
+                EXPECT_EQ(rays.triIndex[i] / c.perWinner, c.winner)
+                    << "case " << &c - cases << " ray " << i;
+                EXPECT_EQ(rays.dist[i], 1.0f) << "case " << &c - cases << " ray " << i;
+            }
+        }
 }
 
 TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
@@ -140,18 +109,10 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
     const PreparedScene scene(mesh);
     ASSERT_EQ(scene.records[4].axes, 0u);
     // Root splits x at 0: the lower child is an empty leaf, the upper one lists 4, 0, 1.
-    ListLeafTree tree;
-    const accel::KdNode root = accel::encodeInner(8, 0, 0.0f);
-    const accel::KdNode upper = accel::encodeListLeaf(24 - 16, 3);
-    tree.words = {uint32_t(root.word0),
-                  root.word1,
-                  uint32_t(INT32_MIN),
-                  0,
-                  uint32_t(upper.word0),
-                  upper.word1,
-                  4,
-                  0,
-                  1};
+    HandTree tree(3);
+    tree.inner(0, 0, 0.0f, 1);
+    tree.leaf(1, -1);
+    tree.list(2, {4, 0, 1});
     for (int height : {4, 5}) {
         EyeRays rays = raysDown(4, height, -0.85f, 1.8f / float(4 * height), 0.2f);
         for (int i = 0; i < rays.count(); i += 3)
@@ -172,7 +133,7 @@ TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
 {
     // A wall in x = 0.5, within y, z of [-1, 3].
     const PreparedScene scene(wallsAt({0.5f}));
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     EyeRays rays(4, 4);
     rays.origin[0] = -3.0f;
     rays.origin[1] = 5.0f;  // outside the box on y

@@ -5,8 +5,6 @@
 
 #include <cfloat>
 #include <cstdint>
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "ray/kd_layers.h"
@@ -81,25 +79,19 @@ std::pair<int, int> expectMatchesReference(const LayeredRays& out, const std::ve
     return {hits[0], hits[1]};
 }
 
-class LayersTest : public testing::TestWithParam<SceneCase> {};
-
-TEST_P(LayersTest, BothPathsMatchBruteForceLayerByLayer)
+TEST_P(RayScenes, LayersOnBothPathsMatchBruteForceLayerByLayer)
 {
-    const PreparedScene scene(makeTestScene(GetParam().scene));
-    const TestTree tree(scene.mesh, GetParam().tree);
-    ASSERT_NE(tree.root(), nullptr);
-    const ray::SceneView view{&scene.box.minX, scene.records.data(), tree.rootNode()};
     const float eyes[2][3] = {{0.4f, -0.7f, 4.0f}, {0.05f, -0.1f, 0.02f}};
     for (const auto& eye : eyes) {
-        LayeredRays single(makeMixedRays(scene.mesh, eye, 32, 16, 17), 6);
+        LayeredRays single(makeMixedRays(scene->mesh, eye, 32, 16, 17), 6);
         // The paths leave the -1 fill to their caller.
         std::fill(single.triIndex.begin(), single.triIndex.end(), -1);
         LayeredRays packet = single;
-        ray::intersectLayersSingle(view, single.block());
+        ray::intersectLayersSingle(view(), single.block());
         ASSERT_TRUE(ray::takesLayersPacketPath(packet.block()));
-        ray::intersectLayersPacket4x4(view, packet.block());
-        const auto [first, later] = expectMatchesReference(single, scene.records, "per-ray");
-        const auto [tileFirst, tileLater] = expectMatchesReference(packet, scene.records, "tile");
+        ray::intersectLayersPacket4x4(view(), packet.block());
+        const auto [first, later] = expectMatchesReference(single, scene->records, "per-ray");
+        const auto [tileFirst, tileLater] = expectMatchesReference(packet, scene->records, "tile");
         EXPECT_GT(first, single.rays.count() / 4) << "too few first hits decidable";
         EXPECT_GT(later, single.rays.count() / 4) << "too few later hits decidable";
         EXPECT_GE(tileFirst + tileLater, (first + later) * 9 / 10);
@@ -108,13 +100,11 @@ TEST_P(LayersTest, BothPathsMatchBruteForceLayerByLayer)
 
 // With one layer, the per-ray path is the nearest hit but for its wider split tolerance, which
 // only makes a difference where the nearest hit is in doubt.
-TEST_P(LayersTest, OneLayerIsTheNearestHit)
+TEST_P(RayScenes, OneLayerIsTheNearestHit)
 {
-    const PreparedScene scene(makeTestScene(GetParam().scene));
-    const TestTree tree(scene.mesh, GetParam().tree);
-    const IntersectContext context = scene.context(tree.root());
+    const IntersectContext context = scene->context(tree->root());
     const float eye[3] = {0.3f, -0.6f, 3.5f};
-    EyeRays nearest = makeMixedRays(scene.mesh, eye, 23, 13, 5);
+    EyeRays nearest = makeMixedRays(scene->mesh, eye, 23, 13, 5);
     LayeredRays layered(nearest, 1);
     ASSERT_EQ(intersectEye(nearest, context), StatusOk);
     ASSERT_EQ(layered.intersect(context), StatusOk);
@@ -122,7 +112,8 @@ TEST_P(LayersTest, OneLayerIsTheNearestHit)
     for (int i = 0; i < nearest.count(); ++i) {
         if (layered.triIndex[i] != nearest.triIndex[i]) {
             const auto d = nearest.direction(i);
-            EXPECT_TRUE(referenceNearestHit(scene.mesh, eye, d.data(), nearest.maxDist[i]).ambiguous)
+            const float limit = nearest.maxDist[i];
+            EXPECT_TRUE(referenceNearestHit(scene->mesh, eye, d.data(), limit).ambiguous)
                 << "ray " << i;
             continue;
         }
@@ -133,14 +124,6 @@ TEST_P(LayersTest, OneLayerIsTheNearestHit)
     }
     EXPECT_GT(same, nearest.count() * 9 / 10);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Scenes, LayersTest,
-    testing::Values(SceneCase{SceneKind::Soup, TreeKind::Simple},
-                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    [](const auto& info) { return sceneCaseName(info.param); });
 
 // --- Hand-made cases, each on both paths (onBothPaths) ------------------------------------
 
@@ -192,7 +175,7 @@ TEST(LayersRules, TriangleAtTheContinuedOriginIsNotFoundAgain)
     // Walls 0 and 1 coincide at x = 1, wall 2 stands at x = 2. From x = 0 along x, the ray
     // stops on wall 0 at t = 1 exactly; wall 1 then lies at distance 0 and is not a hit.
     const PreparedScene scene(wallsAt({1.0f, 1.0f, 2.0f}));
-    const ListLeafTree tree = listLeafTree({0, 1, 2});
+    const HandTree tree = listLeafTree({0, 1, 2});
     const float origin[3] = {0, 0, 0};
     for (const LayeredRays& out : shootLayers(scene, tree.root(), origin, 3, [](int i) {
              return std::array<float, 3>{1.0f, 0.001f * float(i), 0.002f};
@@ -221,7 +204,7 @@ TEST(LayersRules, RingOfEightEarlierHitsWrapsInLayerNine)
         mesh.addTriangle(a, b, c);
     }
     const PreparedScene scene(mesh);
-    const ListLeafTree tree = listLeafTree({0, 1, 2, 3, 4, 5, 6, 7});
+    const HandTree tree = listLeafTree({0, 1, 2, 3, 4, 5, 6, 7});
     const float origin[3] = {1.75f, 1001, 1};
     int wraps = 0;
     for (int round = 0; round < 8; ++round) {

@@ -5,8 +5,6 @@
 
 #include <cfloat>
 #include <cstdint>
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "ray/kd_many_origins.h"
@@ -19,40 +17,20 @@ using namespace vekr::test;
 
 namespace {
 
-ray::ManyOriginRayBlock blockOf(OwnOriginRays& r)
+TEST_P(RayScenes, ManyOriginsPerRayMatchesBruteForceAndTilesMatchSingleRays)
 {
-    return {r.origins(), r.dirs(),          r.dist.data(), r.u.data(),
-            r.v.data(),  r.triIndex.data(), r.width,       r.height};
-}
-
-class ManyOriginsTest : public testing::TestWithParam<SceneCase> {};
-
-TEST_P(ManyOriginsTest, PerRayPathMatchesBruteForceAndTilesMatchSingleRays)
-{
-    const PreparedScene scene(makeTestScene(GetParam().scene));
-    const TestTree tree(scene.mesh, GetParam().tree);
-    ASSERT_NE(tree.root(), nullptr);
-    const ray::SceneView view{&scene.box.minX, scene.records.data(), tree.rootNode()};
-    OwnOriginRays single = makeOwnOriginRays(scene.mesh, 32, 16, 11);
+    OwnOriginRays single = makeOwnOriginRays(scene->mesh, 32, 16, 11);
     OwnOriginRays packet = single;
-    ray::intersectManyOriginsSingle(view, blockOf(single));
-    ASSERT_TRUE(ray::takesManyOriginsPacketPath(blockOf(packet)));
-    ray::intersectManyOriginsPacket4x4(view, blockOf(packet));
+    ray::intersectManyOriginsSingle(view(), single.block());
+    ASSERT_TRUE(ray::takesManyOriginsPacketPath(packet.block()));
+    ray::intersectManyOriginsPacket4x4(view(), packet.block());
     // A hit within 1e-5 of the limit or of a second hit is flagged ambiguous: the 1e-5 rule
     // decides those by order. Distances relative to the coordinates for short hits from origins
     // near a surface.
-    const auto [compared, hits] = expectNearestHits(scene.mesh, single, packet, 1.0);
+    const auto [compared, hits] = expectNearestHits(scene->mesh, single, packet, 1.0);
     EXPECT_GT(compared, single.count() * 2 / 3);
     EXPECT_GT(hits, compared / 4);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Scenes, ManyOriginsTest,
-    testing::Values(SceneCase{SceneKind::Soup, TreeKind::MedianCompact},
-                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    [](const auto& info) { return sceneCaseName(info.param); });
 
 // --- Rules on hand-made trees: every case on both paths (onBothPaths), all rays from one
 // origin along (dx, dy, spread * ray number). ------------------------------------------------
@@ -70,7 +48,7 @@ std::vector<Shot> shoot(const Mesh& mesh, const void* root, const float box[6],
                 std::fill(rays.org[k].begin(), rays.org[k].end(), origin[k]);
             std::fill(rays.maxDist.begin(), rays.maxDist.end(), maxDist);
             rays.reset();
-            EXPECT_EQ(ray::takesManyOriginsPacketPath(blockOf(rays)), rays.height == 4);
+            EXPECT_EQ(ray::takesManyOriginsPacketPath(rays.block()), rays.height == 4);
             float* uv[2] = {rays.u.data(), rays.v.data()};
             EXPECT_EQ(vekrIntersectMO_32f(rays.origins(), rays.dirs(), rays.dist.data(), uv,
                                           rays.triIndex.data(), &context, 4, rays.height),
@@ -92,7 +70,7 @@ TEST(ManyOriginsRules, TinyComponentMissesUnlessStrictlyInsideItsSlab)
     // to the float epsilon hits the wall only from strictly inside the slab; on either face
     // it misses. Just above the epsilon, the ray from the face enters the box.
     const Mesh mesh = wallsAt({0.5f});
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     const float box[6] = {-2, -2, -2, 2, 0.5f, 2};
     const float tiny[] = {0.0f, -0.0f, 1e-8f, -1e-8f, 1.1920929e-7f, -1.1920929e-7f};
     for (const auto& [y, inside] : std::vector<std::pair<float, bool>>{
@@ -119,7 +97,7 @@ TEST(ManyOriginsRules, SlabDistancesMultiplyByTheReciprocal)
     const float origin[3] = {-5000, 0, 0};
     const float box[6] = {-2, -2, -2, 1, 2, 2};
     for (const Shot& shot :
-         shoot(wallsAt({0.5f}), splitTree(0, 1.0f, -1, 0).nodes.data(), box, origin, dx, 0.0f,
+         shoot(wallsAt({0.5f}), splitTree(0, 1.0f, -1, 0).root(), box, origin, dx, 0.0f,
                FLT_MAX, 1e-5f))
         EXPECT_EQ(shot.triangle, 0);
 }
@@ -129,7 +107,7 @@ TEST(ManyOriginsRules, EdgeOnTriangleIsNeverHit)
     // The wall x = 0.5 crossed at t ~ 1 with den = dx: below 1.1920929e-6 the wall is passed
     // over, above it is hit, for either sign.
     const Mesh mesh = wallsAt({0.5f});
-    const ListLeafTree tree = listLeafTree({0});
+    const HandTree tree = listLeafTree({0});
     for (const auto& [dx, hit] : std::vector<std::pair<float, bool>>{
              {1e-6f, false}, {-1e-6f, false}, {1.18e-6f, false}, {1.3e-6f, true}, {-1.3e-6f, true}}) {
         const float origin[3] = {0.5f - dx, -0.5f, 0};
@@ -144,14 +122,14 @@ TEST(ManyOriginsRules, NewHitMustBeNearerByMoreThanTheTolerance)
     // A first hit must lie more than 1e-5 before the caller's maximum distance of 1.
     for (const auto& [x, hit] :
          std::vector<std::pair<float, bool>>{{0.999995f, false}, {0.99998f, true}}) {
-        const ListLeafTree tree = listLeafTree({0});
+        const HandTree tree = listLeafTree({0});
         for (const Shot& shot : shoot(wallsAt({x}), tree.root(), kWideBox, origin, 1, 0, 1.0f))
             EXPECT_EQ(shot.triangle, hit ? 0 : -1) << "wall at " << x;
     }
     // Wall 0, found first in the lower leaf, keeps the hit against wall 1 of the upper leaf
     // unless wall 1 lies more than 1e-5 nearer.
     for (const auto& [x0, kept] : std::vector<std::pair<float, int>>{{0.500005f, 0}, {0.50002f, 1}}) {
-        for (const Shot& shot : shoot(wallsAt({x0, 0.5f}), splitTree(0, 0.25f, 0, 1).nodes.data(),
+        for (const Shot& shot : shoot(wallsAt({x0, 0.5f}), splitTree(0, 0.25f, 0, 1).root(),
                                       kWideBox, origin, 1, 0)) {
             EXPECT_EQ(shot.triangle, kept) << "far wall at " << x0;
             EXPECT_EQ(shot.dist, kept == 0 ? x0 : 0.5f) << "far wall at " << x0;
@@ -177,7 +155,7 @@ TEST(ManyOriginsRules, TinyComponentsTakeTheirOwnSubstituteInverse)
                           Case{6.5e-6f, 0, 0}}) {
         const float origin[3] = {-1, -c.delta, 0};
         for (float dy : {0.0f, 1e-8f, -1e-8f}) {
-            const std::vector<Shot> shots = shoot(mesh, tree.nodes.data(), box, origin, 1, dy);
+            const std::vector<Shot> shots = shoot(mesh, tree.root(), box, origin, 1, dy);
             EXPECT_EQ(shots[0].triangle, c.tiles) << "tiles, delta " << c.delta << " dy " << dy;
             EXPECT_EQ(shots[1].triangle, c.single) << "single, delta " << c.delta << " dy " << dy;
         }

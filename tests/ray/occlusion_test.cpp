@@ -5,9 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "ray/kd_occlusion.h"
@@ -19,75 +16,54 @@ using namespace vekr::test;
 
 namespace {
 
-class OcclusionTest : public testing::TestWithParam<SceneCase> {
-protected:
-    void SetUp() override
-    {
-        scene_ = std::make_unique<PreparedScene>(makeTestScene(GetParam().scene));
-        tree_ = std::make_unique<TestTree>(scene_->mesh, GetParam().tree);
-        ASSERT_NE(tree_->root(), nullptr);
-    }
-
-    ray::SceneView view() const { return {nullptr, scene_->records.data(), tree_->rootNode()}; }
-
-    // The verdict of every unambiguous segment against the reference; the reported occluder
-    // must be one the reference finds clearly on the segment.
-    void expectMatchesReference(const Segments& s, const char* path) const
-    {
-        int compared = 0, occluded = 0;
-        for (int i = 0; i < s.count(); ++i) {
-            if (s.maskIn[i] < 0) {
-                ASSERT_EQ(s.triIndex[i], -1) << path << " ray " << i;
-                ASSERT_EQ(s.mask[i], s.maskIn[i]) << path << " ray " << i;
-                continue;
-            }
-            const auto d = s.direction(i);
-            const ReferenceOcclusion ref = referenceOcclusion(scene_->mesh, s.origin, d.data());
-            const bool found = s.triIndex[i] >= 0;
-            ASSERT_EQ(s.mask[i], found ? -1 : s.maskIn[i]) << path << " ray " << i;
-            if (ref.ambiguous) continue;
-            ++compared;
-            occluded += ref.occluded;
-            ASSERT_EQ(found, ref.occluded) << path << " ray " << i;
-            if (found) {
-                const auto on = [&](const std::vector<int>& list) {
-                    return std::find(list.begin(), list.end(), s.triIndex[i]) != list.end();
-                };
-                EXPECT_TRUE(on(ref.occluders) || on(ref.doubtful))
-                    << path << " ray " << i << " reports " << s.triIndex[i];
-            }
-        }
-        // Most segments decidable, and both verdicts well represented.
-        EXPECT_GT(compared, s.count() * 2 / 3) << path;
-        EXPECT_GT(occluded, compared / 8) << path;
-        EXPECT_LT(occluded, compared * 7 / 8) << path;
-    }
-
-    std::unique_ptr<PreparedScene> scene_;
-    std::unique_ptr<TestTree> tree_;
-};
-
-TEST_P(OcclusionTest, BothPathsMatchBruteForceReference)
+// The verdict of every unambiguous segment against the reference; the reported occluder must
+// be one the reference finds clearly on the segment.
+void expectOccludersMatchReference(const Mesh& mesh, const Segments& s, const char* path)
 {
-    const float lights[2][3] = {{0.4f, -0.7f, 4.0f}, {0.05f, -0.1f, 0.02f}};
-    for (const auto& light : lights) {
-        Segments single = shadowSegments(scene_->mesh, light, 32, 16, 11);
-        Segments packet = single;
-        ray::findOccludersSingle(view(), single.block());
-        ASSERT_TRUE(ray::takesOcclusionPacketPath(packet.block()));
-        ray::findOccludersPacket4x4(view(), packet.block());
-        expectMatchesReference(single, "per-ray");
-        expectMatchesReference(packet, "tile");
+    int compared = 0, occluded = 0;
+    for (int i = 0; i < s.count(); ++i) {
+        if (s.maskIn[i] < 0) {
+            ASSERT_EQ(s.triIndex[i], -1) << path << " ray " << i;
+            ASSERT_EQ(s.mask[i], s.maskIn[i]) << path << " ray " << i;
+            continue;
+        }
+        const auto d = s.direction(i);
+        const ReferenceOcclusion ref = referenceOcclusion(mesh, s.origin, d.data());
+        const bool found = s.triIndex[i] >= 0;
+        ASSERT_EQ(s.mask[i], found ? -1 : s.maskIn[i]) << path << " ray " << i;
+        if (ref.ambiguous) continue;
+        ++compared;
+        occluded += ref.occluded;
+        ASSERT_EQ(found, ref.occluded) << path << " ray " << i;
+        if (found) {
+            const auto on = [&](const std::vector<int>& list) {
+                return std::find(list.begin(), list.end(), s.triIndex[i]) != list.end();
+            };
+            EXPECT_TRUE(on(ref.occluders) || on(ref.doubtful))
+                << path << " ray " << i << " reports " << s.triIndex[i];
+        }
     }
+    // Most segments decidable, and both verdicts well represented.
+    EXPECT_GT(compared, s.count() * 2 / 3) << path;
+    EXPECT_GT(occluded, compared / 8) << path;
+    EXPECT_LT(occluded, compared * 7 / 8) << path;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scenes, OcclusionTest,
-    testing::Values(SceneCase{SceneKind::Soup, TreeKind::MedianCompact},
-                    SceneCase{SceneKind::Soup, TreeKind::MedianDeep},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::MedianLists},
-                    SceneCase{SceneKind::HeightFieldInBox, TreeKind::FullDepth}),
-    [](const auto& info) { return sceneCaseName(info.param); });
+// The scene's box is left out: occlusion must not read it.
+TEST_P(RayScenes, OcclusionOnBothPathsMatchesBruteForce)
+{
+    const ray::SceneView noBox{nullptr, scene->records.data(), tree->rootNode()};
+    const float lights[2][3] = {{0.4f, -0.7f, 4.0f}, {0.05f, -0.1f, 0.02f}};
+    for (const auto& light : lights) {
+        Segments single = shadowSegments(scene->mesh, light, 32, 16, 11);
+        Segments packet = single;
+        ray::findOccludersSingle(noBox, single.block());
+        ASSERT_TRUE(ray::takesOcclusionPacketPath(packet.block()));
+        ray::findOccludersPacket4x4(noBox, packet.block());
+        expectOccludersMatchReference(scene->mesh, single, "per-ray");
+        expectOccludersMatchReference(scene->mesh, packet, "tile");
+    }
+}
 
 // --- Rules on hand-made trees: every case on both paths (onBothPaths), all rays along
 // (2, dy, tiny z spread) from the origin, under a context box far from the scene. -----------
@@ -98,7 +74,7 @@ std::vector<int> occludersOf(const Mesh& mesh, const HandTree& tree, const float
 {
     const PreparedScene scene(mesh);
     const float farBox[6] = {10, 10, 10, 11, 11, 11};  // the box is not read
-    const IntersectContext context = scene.context(tree.nodes.data(), farBox);
+    const IntersectContext context = scene.context(tree.root(), farBox);
     return onBothPaths<Segments>(
         origin, [&](int i) { return std::array<float, 3>{2.0f, dy, 0.001f * float(i)}; },
         [&](Segments& s) {
@@ -113,27 +89,24 @@ std::vector<int> occludersOf(const Mesh& mesh, const HandTree& tree, const float
         });
 }
 
-TEST(OcclusionRules, OnlyTheOpenSegmentOccludes)
+TEST(OcclusionRules, OnlyTheOpenSegmentOfUnmaskedRaysOccludes)
 {
     // From x = 0 along x = 2: walls at x = 0 (t = 0) and x = 2 (t = 1) do not occlude, one at
-    // x = 1 does, and so does one just inside either end.
+    // x = 1 does, and so does one just inside either end. Negative mask words skip the ray,
+    // positive ones do not.
     const float origin[3] = {0, 0, 0};
-    for (const auto& [x, occludes] : std::vector<std::pair<float, bool>>{
-             {0.0f, false}, {2.0f, false}, {1.0f, true}, {1e-5f, true}, {1.9999f, true},
-             {-0.5f, false}, {2.5f, false}}) {
-        for (int found : occludersOf(wallsAt({x}), oneLeafTree(0), origin, 0.0f))
-            EXPECT_EQ(found, occludes ? 0 : -1) << "wall at x " << x;
+    struct Case {
+        float x;
+        int32_t maskWord;
+        bool occludes;
+    };
+    for (const Case& c : {Case{0.0f, 0, false}, {2.0f, 0, false}, {1.0f, 0, true}, {1e-5f, 0, true},
+                          {1.9999f, 0, true}, {-0.5f, 0, false}, {2.5f, 0, false},
+                          {1.0f, -1, false}, {1.0f, -7, false}, {1.0f, INT32_MIN, false},
+                          {1.0f, 5, true}}) {
+        for (int found : occludersOf(wallsAt({c.x}), oneLeafTree(0), origin, 0.0f, c.maskWord))
+            EXPECT_EQ(found, c.occludes ? 0 : -1) << "wall at x " << c.x << ", mask " << c.maskWord;
     }
-}
-
-TEST(OcclusionRules, MaskedRaysAreNotTestedAndPositiveWordsAre)
-{
-    const float origin[3] = {0, 0, 0};
-    for (int32_t word : {-1, -7, INT32_MIN})
-        for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, word))
-            EXPECT_EQ(found, -1) << "mask " << word;
-    for (int found : occludersOf(wallsAt({1.0f}), oneLeafTree(0), origin, 0.0f, 5))
-        EXPECT_EQ(found, 0);
 }
 
 TEST(OcclusionRules, FirstOccluderInTraversalOrderIsReported)

@@ -23,7 +23,7 @@ std::vector<Shot> shoot(const Mesh& mesh, const HandTree& tree, const float box[
                         const float origin[3], float dy)
 {
     const PreparedScene scene(mesh);
-    const IntersectContext context = scene.context(tree.nodes.data(), box);
+    const IntersectContext context = scene.context(tree.root(), box);
     return onBothPaths<EyeRays>(
         origin, [&](int i) { return std::array<float, 3>{1.0f, dy, 0.001f * float(i)}; },
         [&](EyeRays& rays) {
@@ -127,7 +127,7 @@ TEST(TraversalRules, TriangleTestKeepsItsEvaluationOrder)
     int compared = 0;
     for (int t = 0; t < mesh.triangleCount(); ++t) {
         const HandTree tree = oneLeafTree(t);
-        const IntersectContext context = scene.context(tree.nodes.data(), box);
+        const IntersectContext context = scene.context(tree.root(), box);
         const float o[3] = {0.1f + jitter(rng), -0.2f + jitter(rng), 1.9f};
         for (int height : {4, 3}) {
             EyeRays rays(4, height);

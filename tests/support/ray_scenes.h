@@ -20,7 +20,9 @@
 #include <gtest/gtest.h>
 
 #include "accel/kd_format.h"
+#include "ray/kd_many_origins.h"
 #include "ray/kd_occlusion.h"
+#include "ray/kd_traverse.h"
 #include "support/float_bits.h"
 #include "vekr.h"
 
@@ -112,7 +114,8 @@ inline Mesh concatenate(const Mesh& a, const Mesh& b)
 class MedianKdTree {
 public:
     MedianKdTree(const Mesh& mesh, int maxDepth, int leafSize, bool forceLists = false)
-        : mesh_(mesh), maxDepth_(maxDepth), leafSize_(leafSize), forceLists_(forceLists)
+        : mesh_(mesh), maxDepth_(maxDepth), leafSize_(leafSize), forceLists_(forceLists),
+          bounds_(allBounds())
     {
         std::vector<int> all(size_t(mesh.triangleCount()));
         for (size_t i = 0; i < all.size(); ++i)
@@ -131,38 +134,45 @@ public:
     }
 
     const void* root() const { return block_.data(); }
-    int innerNodeCount() const { return innerCount_; }
-    int leafCount() const { return leafCount_; }
 
 private:
-    std::array<float, 6> bounds(int t) const
+    // The triangles' bounds, computed once: the deep trees ask for them at every node.
+    std::vector<std::array<float, 6>> allBounds() const
     {
-        std::array<float, 6> b{INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
-        for (int c = 0; c < 3; ++c)
-            for (int k = 0; k < 3; ++k) {
-                const float x = mesh_.vertices[3 * mesh_.triangles[4 * t + c] + k];
-                b[k] = std::min(b[k], x);
-                b[k + 3] = std::max(b[k + 3], x);
-            }
-        return b;
+        std::vector<std::array<float, 6>> out;
+        for (int t = 0; t < mesh_.triangleCount(); ++t) {
+            std::array<float, 6> b{INFINITY, INFINITY, INFINITY, -INFINITY, -INFINITY, -INFINITY};
+            for (int c = 0; c < 3; ++c)
+                for (int k = 0; k < 3; ++k) {
+                    const float x = mesh_.vertices[3 * mesh_.triangles[4 * t + c] + k];
+                    b[k] = std::min(b[k], x);
+                    b[k + 3] = std::max(b[k + 3], x);
+                }
+            out.push_back(b);
+        }
+        return out;
     }
 
     void build(int nodeIndex, const std::vector<int>& tris, int depth)
     {
         if (int(tris.size()) > leafSize_ && depth < maxDepth_) {
-            // Split at the median of the triangle centres on the axis of widest spread.
-            int axis = depth % 3;
+            // Split at the median of the triangle centres, the axes in turn. The vectors are
+            // reserved in full: the deep trees have many nodes, and growing them dominated.
+            const int axis = depth % 3;
             std::vector<float> centres;
+            centres.reserve(tris.size());
             for (int t : tris) {
-                const auto b = bounds(t);
+                const auto& b = bounds_[size_t(t)];
                 centres.push_back(0.5f * (b[axis] + b[axis + 3]));
             }
             std::nth_element(centres.begin(), centres.begin() + long(centres.size() / 2),
                              centres.end());
             const float split = centres[centres.size() / 2];
             std::vector<int> below, above;
+            below.reserve(tris.size());
+            above.reserve(tris.size());
             for (int t : tris) {
-                const auto b = bounds(t);
+                const auto& b = bounds_[size_t(t)];
                 if (b[axis] <= split) below.push_back(t);
                 if (b[axis + 3] >= split) above.push_back(t);
             }
@@ -172,13 +182,11 @@ private:
                 nodes_.push_back({});
                 nodes_[size_t(nodeIndex)] =
                     accel::encodeInner(int32_t((pair - nodeIndex) * 8), axis, split);
-                ++innerCount_;
                 build(pair, below, depth + 1);
                 build(pair + 1, above, depth + 1);
                 return;
             }
         }
-        ++leafCount_;
         accel::KdNode& node = nodes_[size_t(nodeIndex)];
         if (tris.empty()) {
             node = accel::KdNode{INT32_MIN, 0};
@@ -195,7 +203,7 @@ private:
     const Mesh& mesh_;
     int maxDepth_, leafSize_;
     bool forceLists_;
-    int innerCount_ = 0, leafCount_ = 0;
+    std::vector<std::array<float, 6>> bounds_;
     std::vector<accel::KdNode> nodes_;
     std::vector<int32_t> listWords_;
     std::vector<std::pair<int, int>> pendingLists_;
@@ -415,10 +423,6 @@ inline std::vector<ReferenceLayer> referenceLayers(const std::vector<TriangleAcc
     return out;
 }
 
-}  // namespace vekr::test
-
-namespace vekr::test {
-
 // Heap arrays on 64-byte boundaries, for the aligned paths.
 template <class T>
 struct AlignedAllocator {
@@ -470,6 +474,10 @@ struct EyeRays {
         for (int k = 0; k < 3; ++k)
             dirPlanes_[k] = dir[k].data();
         return dirPlanes_;
+    }
+    ray::EyeRayBlock block()
+    {
+        return {origin, dirs(), dist.data(), u.data(), v.data(), triIndex.data(), width, height};
     }
 
 private:
@@ -594,6 +602,10 @@ struct OwnOriginRays : EyeRays {
             orgPlanes_[k] = org[k].data();
         return orgPlanes_;
     }
+    ray::ManyOriginRayBlock block()
+    {
+        return {origins(), dirs(), dist.data(), u.data(), v.data(), triIndex.data(), width, height};
+    }
 
 private:
     const float* orgPlanes_[3] = {};
@@ -682,36 +694,41 @@ std::pair<int, int> expectNearestHits(const Mesh& mesh, const Rays& single, cons
     return {compared, hits};
 }
 
-// Tree blocks slot by slot (8 bytes each), for trees made by hand; slot 1 stays zero after
-// the root.
+// Tree blocks made by hand, slot by slot (8 bytes each), the entries of list leaves after the
+// slots; slot 1 stays zero after the root unless the caller puts the root's children there.
 struct HandTree {
-    std::vector<accel::KdNode> nodes;
-    explicit HandTree(int slots) : nodes(size_t(slots), accel::KdNode{0, 0}) {}
+    std::vector<uint32_t> words;
+    explicit HandTree(int slots) : words(size_t(2 * slots), 0) {}
+    const void* root() const { return words.data(); }
+    void set(int slot, accel::KdNode node)
+    {
+        words[size_t(2 * slot)] = uint32_t(node.word0);
+        words[size_t(2 * slot + 1)] = node.word1;
+    }
     void inner(int slot, int axis, float split, int pairSlot)
     {
-        nodes[size_t(slot)] = accel::encodeInner((pairSlot - slot) * 8, axis, split);
+        set(slot, accel::encodeInner((pairSlot - slot) * 8, axis, split));
     }
     void leaf(int slot, int triangle)  // -1: an empty leaf
     {
         accel::KdNode node{INT32_MIN, 0};
         if (triangle >= 0) accel::encodeCompactLeaf(&triangle, 1, node);
-        nodes[size_t(slot)] = node;
+        set(slot, node);
+    }
+    // A list leaf whose entries, in this order, follow everything so far.
+    void list(int slot, const std::vector<int32_t>& order)
+    {
+        const int32_t offsetBytes = int32_t(words.size() * 4) - slot * 8;
+        set(slot, accel::encodeListLeaf(offsetBytes, int32_t(order.size())));
+        words.insert(words.end(), order.begin(), order.end());
     }
 };
 
-// A hand-made tree of one list leaf, which lists the given triangles in that order.
-struct ListLeafTree {
-    std::vector<uint32_t> words;
-    const void* root() const { return words.data(); }
-};
-inline ListLeafTree listLeafTree(const std::vector<int32_t>& order)
+// A root that is a list leaf of the given triangles in that order.
+inline HandTree listLeafTree(const std::vector<int32_t>& order)
 {
-    ListLeafTree tree;
-    tree.words = {0, 0, 0, 0};
-    const accel::KdNode leaf = accel::encodeListLeaf(16, int32_t(order.size()));
-    tree.words[0] = uint32_t(leaf.word0);
-    tree.words[1] = leaf.word1;
-    tree.words.insert(tree.words.end(), order.begin(), order.end());
+    HandTree tree(2);
+    tree.list(0, order);
     return tree;
 }
 
@@ -783,29 +800,22 @@ inline Shot shotOf(const EyeRays& rays)
 // trees with compact leaves, with list leaves only, and 48 levels deep.
 enum class SceneKind { Soup, HeightFieldInBox };
 enum class TreeKind { Simple, FullDepth, MedianCompact, MedianLists, MedianDeep };
-inline const char* sceneKindName(SceneKind kind)
-{
-    return kind == SceneKind::Soup ? "Soup" : "HeightFieldInBox";
-}
-inline const char* treeKindName(TreeKind kind)
-{
-    static const char* kNames[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
-                                   "MedianDeep"};
-    return kNames[int(kind)];
-}
 
-// A scene and a tree of the sweeps, named as both.
+// A scene and a tree of the sweeps, named as both ("SoupMedianDeep").
 struct SceneCase {
     SceneKind scene;
     TreeKind tree;
 };
-inline void PrintTo(const SceneCase& c, std::ostream* os)
-{
-    *os << sceneKindName(c.scene) << "/" << treeKindName(c.tree);
-}
 inline std::string sceneCaseName(const SceneCase& c)
 {
-    return std::string(sceneKindName(c.scene)) + treeKindName(c.tree);
+    static const char* kTrees[] = {"Simple", "FullDepth", "MedianCompact", "MedianLists",
+                                   "MedianDeep"};
+    return std::string(c.scene == SceneKind::Soup ? "Soup" : "HeightFieldInBox") +
+           kTrees[int(c.tree)];
+}
+inline void PrintTo(const SceneCase& c, std::ostream* os)
+{
+    *os << sceneCaseName(c);
 }
 
 inline Mesh makeTestScene(SceneKind kind)
@@ -846,6 +856,25 @@ public:
 private:
     std::unique_ptr<MedianKdTree> median_;
     void* built_ = nullptr;
+};
+
+// The fixture of the scene sweeps: every TEST_P on it, in whichever file, runs over every scene
+// and tree kind (the one instantiation is in kd_traverse_test.cpp).
+class RayScenes : public testing::TestWithParam<SceneCase> {
+protected:
+    void SetUp() override
+    {
+        scene = std::make_unique<PreparedScene>(makeTestScene(GetParam().scene));
+        tree = std::make_unique<TestTree>(scene->mesh, GetParam().tree);
+        ASSERT_NE(tree->root(), nullptr);
+    }
+    ray::SceneView view() const
+    {
+        return {&scene->box.minX, scene->records.data(), tree->rootNode()};
+    }
+
+    std::unique_ptr<PreparedScene> scene;
+    std::unique_ptr<TestTree> tree;
 };
 
 }  // namespace vekr::test
