@@ -129,6 +129,35 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
     }
 }
 
+TEST(IntersectEye, EdgesAndCornersAreInside)
+{
+    // The wall's triangle spans (y, z) = (-1, -1), (3, -1), (-1, 3) in x = 0.5; rays from x =
+    // -1.5 meet the plane at t = 1 exactly on its three edges and at its three corners, where
+    // one or two weights are exactly 0. Just outside an edge they miss.
+    const PreparedScene scene(wallsAt({0.5f}));
+    const HandTree tree = oneLeafTree(0);
+    const float origin[3] = {-1.5f, 0.0f, 0.0f};
+    const float onEdge[][2] = {{0.5f, -1}, {-1, 0.5f}, {1, 1},   {-1, -1},
+                               {3, -1},    {-1, 3},    {2.5f, -1}, {0, 2}};
+    const float outside[][2] = {{0.5f, -1.0001f}, {-1.0001f, 0.5f}, {1, 1.0001f}};
+    for (const bool inside : {true, false}) {
+        const auto dirOf = [&](int i) {
+            const float* yz = inside ? onEdge[i % 8] : outside[i % 3];
+            return std::array<float, 3>{2.0f, yz[0], yz[1]};
+        };
+        for (const Shot& shot : onBothPaths<EyeRays>(origin, dirOf, [&](EyeRays& rays) {
+                 rays.reset();
+                 intersectEye(rays, scene.context(tree.root()));
+                 return shotOf(rays);
+             })) {
+            EXPECT_EQ(shot.triangle, inside ? 0 : -1) << (inside ? "on the edges" : "outside");
+            if (inside) {
+                EXPECT_EQ(shot.dist, 1.0f);
+            }
+        }
+    }
+}
+
 TEST(IntersectEye, ParallelAxisDoesNotLimitTheInterval)
 {
     // A wall in x = 0.5, within y, z of [-1, 3].
