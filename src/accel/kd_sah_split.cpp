@@ -107,6 +107,13 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
     int32_t lastLying = 0;
     bool firstRunDone = false;
+    // Sorted by key: the events the clamp moves are a run of starts below the cell and one of
+    // ends above it.
+    int32_t clampedBelow = 0, clampedAbove = m;
+    while (clampedBelow < m && eventKey(events[clampedBelow]) < clamp.lo)
+        ++clampedBelow;
+    while (clampedAbove > clampedBelow && eventKey(events[clampedAbove - 1]) > clamp.hi)
+        --clampedAbove;
     uint64_t event = events[0];
     uint32_t key = clamp(event);
     sweep.firstKey = key;
@@ -116,21 +123,29 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
         int32_t runCount = 0;
         uint32_t counts = 0;
         int32_t i = chunk;
-        for (; i < lookAheadEnd; ++i) {
+        auto step = [&](auto keyOf) {
             counts += kKindCounts[eventKind(event)];
             ends[runCount] = key | uint64_t(counts) << 32;
             event = events[i + 1];
-            const uint32_t next = clamp(event);
+            const uint32_t next = keyOf(event);
             runCount += int32_t(next != key);
             key = next;
-        }
+        };
+        // Only the events before clampedBelow and from clampedAbove on need the clamp: the
+        // next event's key is read unclamped in between.
+        for (; i < std::min(lookAheadEnd, clampedBelow - 1); ++i)
+            step(clamp);
+        for (; i < std::min(lookAheadEnd, clampedAbove - 1); ++i)
+            step(eventKey);
+        for (; i < lookAheadEnd; ++i)
+            step(clamp);
         if (i < chunkEnd) {  // the last event ends the last run
             counts += kKindCounts[eventKind(event)];
             ends[runCount++] = key | uint64_t(counts) << 32;
         }
         // The costs, keeping the first of the cheapest: its run and whether flat ones lie below.
         // The second cost of a run with nothing lying at it equals the first, so it never wins
-        // and is computed without a branch.
+        // and is skipped: most meshes have few flat triangles, and the branch is then cheap.
         double bestCost = sweep.best.cost;
         int32_t bestChoice = -1, bestBelow = 0, bestAbove = 0;
         for (int32_t r = 0; r < runCount; ++r) {
@@ -149,12 +164,14 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             bestBelow = costWins ? below : bestBelow;
             bestAbove = costWins ? above : bestAbove;
             bestCost = costWins ? cost : bestCost;
-            const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
-            const bool flatWins = flatCost < bestCost;
-            bestChoice = flatWins ? 2 * r + 1 : bestChoice;
-            bestBelow = flatWins ? below + lying : bestBelow;
-            bestAbove = flatWins ? above - lying : bestAbove;
-            bestCost = flatWins ? flatCost : bestCost;
+            if (lying != 0) {
+                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
+                const bool flatWins = flatCost < bestCost;
+                bestChoice = flatWins ? 2 * r + 1 : bestChoice;
+                bestBelow = flatWins ? below + lying : bestBelow;
+                bestAbove = flatWins ? above - lying : bestAbove;
+                bestCost = flatWins ? flatCost : bestCost;
+            }
             lastLying = lying;
             below = startsThrough + flatsThrough;
             flatsBefore = flatsThrough;
