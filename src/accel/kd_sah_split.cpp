@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <immintrin.h>
+
 #include "float_keys.h"
 #include "frame/parallel_region.h"
 
@@ -292,31 +294,32 @@ void boundAxisCosts(const SahNode& node, const float* triangleBounds, const Axis
                     double (&least)[3])
 {
     // Trimming to the cell is folded into the minimum: min(f, hi) - lo = min(f - lo, hi - lo).
-    double lo[3], hi[3], extent[3], sum[3] = {0.0, 0.0, 0.0};
-    for (int k = 0; k < 3; ++k) {
-        lo[k] = node.cell.lo[k];
-        hi[k] = node.cell.hi[k];
-        extent[k] = hi[k] - lo[k];
-    }
-    // Two partial sums per axis, so that the additions of successive triangles need not wait
-    // for each other; any order of the terms gives a sum within the margin.
-    double odd[3] = {0.0, 0.0, 0.0};
-    auto add = [&](int32_t i, double (&to)[3]) {
+    // The three axes go side by side in the lanes of a vector (the fourth lane is not used),
+    // each lane the same operations as one axis's scalar sum; two partial sums let successive
+    // triangles proceed without waiting for each other, and any order of the terms gives a sum
+    // within the margin. _mm256_min_pd(b, a) is std::min(a, b), NaN included.
+    const Cell& cell = node.cell;
+    const __m256d lo = _mm256_setr_pd(cell.lo[0], cell.lo[1], cell.lo[2], 0.0);
+    const __m256d hi = _mm256_setr_pd(cell.hi[0], cell.hi[1], cell.hi[2], 0.0);
+    const __m256d extent = _mm256_sub_pd(hi, lo);
+    auto term = [&](int32_t i) {
         const float* bounds = triangleBounds + 6 * int64_t(node.list[i] & kListTriangleMask);
-        for (int k = 0; k < 3; ++k) {
-            const double fromLo = double(bounds[k + 3]) - lo[k];
-            const double toHi = hi[k] - double(bounds[k]);
-            to[k] += std::min(std::min(fromLo, toHi), extent[k]);
-        }
+        const __m128 lower = _mm_loadu_ps(bounds);     // lower x, y, z, then upper x
+        const __m128 around = _mm_loadu_ps(bounds + 2);  // lower z, then upper x, y, z
+        const __m128 upper = _mm_shuffle_ps(around, around, _MM_SHUFFLE(3, 3, 2, 1));
+        const __m256d fromLo = _mm256_sub_pd(_mm256_cvtps_pd(upper), lo);
+        const __m256d toHi = _mm256_sub_pd(hi, _mm256_cvtps_pd(lower));
+        return _mm256_min_pd(extent, _mm256_min_pd(toHi, fromLo));
     };
+    __m256d even = _mm256_setzero_pd(), odd = _mm256_setzero_pd();
     int32_t i = 0;
     for (; i + 2 <= node.count; i += 2) {
-        add(i, sum);
-        add(i + 1, odd);
+        even = _mm256_add_pd(even, term(i));
+        odd = _mm256_add_pd(odd, term(i + 1));
     }
-    if (i < node.count) add(i, sum);
-    for (int k = 0; k < 3; ++k)
-        sum[k] += odd[k];
+    if (i < node.count) even = _mm256_add_pd(even, term(i));
+    alignas(32) double sum[4];
+    _mm256_store_pd(sum, _mm256_add_pd(even, odd));
     for (int k = 0; k < 3; ++k) {
         const bool flatOnAxis = node.eventCount[k] != 2 * node.count;
         least[k] = (double(node.count) * starts[k].model.across + sum[k]) * starts[k].scale *
