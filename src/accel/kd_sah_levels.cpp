@@ -352,8 +352,13 @@ Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slo
     slot.out->children = pair;
 
     SahNode below{}, above{};
-    classifySahSplit(slot.lists, split, pools.sides);
-    status = sizeSahChildren(slot.lists, split, pools.sides, below, above);
+    if (b_.rules_.triangleBounds != nullptr) {
+        status = classifyAndSizeSahSplit(slot.lists, split, b_.rules_.triangleBounds, pools.sides, below,
+                                         above);
+    } else {
+        classifySahSplit(slot.lists, split, pools.sides);
+        status = sizeSahChildren(slot.lists, split, pools.sides, below, above);
+    }
     if (status != StatusOk) return status;
     const int64_t belowWords = sahNodeWords(below.count, below.eventCount);
     const uint64_t bytes = uint64_t(belowWords + sahNodeWords(above.count, above.eventCount)) * 4;
