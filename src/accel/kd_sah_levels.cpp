@@ -49,8 +49,9 @@ struct Slot {
     SahSplit axes[3];  // open nodes: each axis's best split
 };
 
-// The header of a chunk of lists; the lists follow it, 8-byte aligned.
-struct ListChunk {
+// The header of a chunk of lists; the lists follow it, 8-byte aligned (on 32-bit x86 too,
+// where a uint64_t member alone would align the header to 4 bytes).
+struct alignas(8) ListChunk {
     ListChunk* next;
     uint64_t capacityBytes;
     uint64_t usedBytes;
