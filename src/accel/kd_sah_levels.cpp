@@ -11,9 +11,9 @@
 // the next; the one that completes the last item of a level (its partitions and subtrees)
 // hands its chunks on to later levels. A team of one builds the subtrees of the levels above
 // the current one first: their lists are then spent before the next level's are written,
-// which take over their chunks instead of fresh memory. What an item writes depends only on the item, never on the member that
-// takes it. A failure stops all further work but not the counting, so the levels still run
-// out.
+// which take over their chunks instead of fresh memory. What an item writes depends only on
+// the item, never on the member that takes it. A failure stops all further work but not the
+// counting, so the levels still run out.
 #include "kd_sah_levels.h"
 
 #include <algorithm>
@@ -354,8 +354,8 @@ Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slo
 
     SahNode below{}, above{};
     if (b_.rules_.triangleBounds != nullptr) {
-        status = classifyAndSizeSahSplit(slot.lists, split, b_.rules_.triangleBounds, pools.sides, below,
-                                         above);
+        status = classifyAndSizeSahSplit(slot.lists, split, b_.rules_.triangleBounds, pools.sides,
+                                         below, above);
     } else {
         classifySahSplit(slot.lists, split, pools.sides);
         status = sizeSahChildren(slot.lists, split, pools.sides, below, above);

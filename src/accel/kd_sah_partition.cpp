@@ -81,8 +81,8 @@ namespace {
 // The children's counts, event counts and cells, from each list entry's sides as sidesOf
 // tells them. StatusBuildMismatch when a side's count is not the one the search costed.
 template <class SidesOf>
-Status tallySahChildren(const SahNode& node, const SahSplit& split, SidesOf sidesOf,
-                        SahNode& below, SahNode& above)
+Status tallySahChildren(const SahNode& node, const SahSplit& split, SidesOf sidesOf, SahNode& below,
+                        SahNode& above)
 {
     // Per side, the count and the flat ones on each axis in four 16-bit fields of one word,
     // summed up to 0xFFFF entries at a time.

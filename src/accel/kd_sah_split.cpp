@@ -4,10 +4,10 @@
 // before the axes are compared.
 #include "kd_sah_split.h"
 
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cmath>
-
-#include <immintrin.h>
 
 #include "float_keys.h"
 #include "frame/parallel_region.h"
@@ -304,7 +304,7 @@ void boundAxisCosts(const SahNode& node, const float* triangleBounds, const Axis
     const __m256d extent = _mm256_sub_pd(hi, lo);
     auto term = [&](int32_t i) {
         const float* bounds = triangleBounds + 6 * int64_t(node.list[i] & kListTriangleMask);
-        const __m128 lower = _mm_loadu_ps(bounds);     // lower x, y, z, then upper x
+        const __m128 lower = _mm_loadu_ps(bounds);       // lower x, y, z, then upper x
         const __m128 around = _mm_loadu_ps(bounds + 2);  // lower z, then upper x, y, z
         const __m128 upper = _mm_shuffle_ps(around, around, _MM_SHUFFLE(3, 3, 2, 1));
         const __m256d fromLo = _mm256_sub_pd(_mm256_cvtps_pd(upper), lo);

@@ -106,8 +106,8 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
 
     SahNode below{}, higher{};
     if (rules_.triangleBounds != nullptr) {
-        status = classifyAndSizeSahSplit(node.lists, best, rules_.triangleBounds, sides_, below,
-                                         higher);
+        status =
+            classifyAndSizeSahSplit(node.lists, best, rules_.triangleBounds, sides_, below, higher);
     } else {
         classifySahSplit(node.lists, best, sides_);
         status = sizeSahChildren(node.lists, best, sides_, below, higher);
