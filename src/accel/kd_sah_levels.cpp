@@ -2,20 +2,23 @@
 //   ready        its slots are final: the searches of its open nodes (one item per axis) and
 //                its subtrees (one item each) may start;
 //   searched     every search is done: the decisions and partitions (one item per open node)
-//                may start; a split node's children get a block of lists of their own and
-//                two slots of the next level, at places fixed by the node's rank;
+//                may start; a split node's children get lists in the next level's chunks
+//                and two slots of the next level, at places fixed by the node's rank;
 //   partitioned  the next level is ready.
 // A member takes the current level's searches or partitions when there are any, and subtrees
 // of any ready level otherwise, so that nobody waits at the end of a level while the
 // subtrees are still to be built. The member that completes the last item of a stage opens
 // the next; the one that completes the last item of a level (its partitions and subtrees)
-// frees its lists. What an item writes depends only on the item, never on the member that
-// takes it. A failure stops all further work but not the counting, so the levels still run
-// out.
+// hands its chunks on to later levels. A team of one builds the subtrees of the levels above
+// the current one first: their lists are then spent before the next level's are written,
+// which take over their chunks instead of fresh memory. What an item writes depends only on
+// the item, never on the member that takes it. A failure stops all further work but not the
+// counting, so the levels still run out.
 #include "kd_sah_levels.h"
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -29,6 +32,10 @@ namespace {
 
 // The members' pools grow by blocks of this many words (1 MiB): subtrees are small.
 constexpr int64_t kMemberBlockWords = int64_t(1) << 18;
+// Nodes below this many triangles search their three axes as one item of their level.
+constexpr int32_t kSahWholeSearchMaxTriangles = 16384;
+// A level's lists are carved from chunks of at least this many bytes.
+constexpr uint64_t kListChunkBytes = uint64_t(1) << 20;
 // Levels of one build: the root's and one per split on a path.
 constexpr int kMaxLevels = kMaxInnerNodesOnPath + 1;
 
@@ -40,8 +47,16 @@ struct Slot {
     BuildNode* out;
     SahNode lists;
     SahSplit axes[3];  // open nodes: each axis's best split
-    void* block;       // the lists of this slot and the next, when this slot owns them
 };
+
+// The header of a chunk of lists; the lists follow it, 8-byte aligned (on 32-bit x86 too,
+// where a uint64_t member alone would align the header to 4 bytes).
+struct alignas(8) ListChunk {
+    ListChunk* next;
+    uint64_t capacityBytes;
+    uint64_t usedBytes;
+};
+static_assert(sizeof(ListChunk) % 8 == 0);
 
 enum LevelStage : int { kWaiting, kReady, kSearched, kPartitioned };
 
@@ -50,6 +65,7 @@ struct Level {
     int32_t count = 0;
     int32_t* openRanks = nullptr;  // per slot: its rank among the open slots
     int32_t openCount = 0;
+    ListChunk* chunks = nullptr;  // the lists of the level's slots; the first is being filled
     std::atomic<uint64_t> listBytes{0};  // the slots and lists of the level
     std::atomic<int> stage{kWaiting};
     // Item cursors and the items done, per kind.
@@ -87,6 +103,11 @@ public:
     {
         for (Level& level : levels_)
             release(level);
+        while (spareChunks_ != nullptr) {
+            ListChunk* next = spareChunks_->next;
+            vekFree(spareChunks_);
+            spareChunks_ = next;
+        }
     }
 
     Status start(const SahNode& root, BuildNode& out);
@@ -102,16 +123,25 @@ private:
     bool failed() const { return failure_.load(std::memory_order_relaxed) != StatusOk; }
     void open(uint32_t depth);
     bool takeLevelItem(int member, uint32_t depth);
-    bool takeSubtree(int member);
+    bool takeSubtree(int member, bool aboveCurrentOnly);
     void completeSearch(uint32_t depth);
     void completeLevelItem(uint32_t depth);
     Status prepareNextLevel(uint32_t depth);
+    // Whether a node's three axes are searched by one item: always on a team of one, where
+    // there is nobody to share them with; otherwise for nodes small enough that each level
+    // has more of them than the team has members.
+    bool searchedWhole(const SahNode& node) const
+    {
+        return b_.rules_.triangleBounds != nullptr &&
+               (b_.memberCount_ == 1 || node.count < kSahWholeSearchMaxTriangles);
+    }
     void search(uint32_t depth, int64_t item);
     void buildSubtree(int member, uint32_t depth, Slot& slot);
     void decideAndPartition(int member, uint32_t depth, int32_t slot);
     Status partition(Member& pools, uint32_t depth, Slot& slot, const SahSplit& split,
                      Slot* children);
     Status chargeLevelLists(uint32_t depth, uint64_t bytes);
+    void* takeLevelLists(uint32_t depth, uint64_t bytes);
     void release(Level& level);
 
     SahLevelBuilder& b_;
@@ -121,6 +151,8 @@ private:
     std::atomic<uint32_t> oldestSubtrees_{0};  // no subtrees are left above this level
     std::atomic<int> unreleasedLevels_{0};
     std::atomic<int> failure_{StatusOk};
+    std::mutex chunkMutex_;
+    ListChunk* spareChunks_ = nullptr;  // chunks of released levels
 };
 
 Status SahLevelBuilder::Team::start(const SahNode& root, BuildNode& out)
@@ -130,7 +162,7 @@ Status SahLevelBuilder::Team::start(const SahNode& root, BuildNode& out)
     if (first.slots == nullptr) return StatusNoMemory;
     first.count = 1;
     const SlotKind kind = root.count >= b_.levelMinTriangles_ ? SlotKind::Open : SlotKind::Subtree;
-    new (first.slots) Slot{kind, &out, root, {}, nullptr};
+    new (first.slots) Slot{kind, &out, root, {}};
     unreleasedLevels_.store(1);
     open(0);
     return StatusOk;
@@ -151,10 +183,12 @@ void SahLevelBuilder::Team::run(int member)
     // A member beyond those the pools were made for (the thread count changed in between)
     // takes no work.
     if (member >= b_.memberCount_) return;
+    const bool alone = b_.memberCount_ == 1;
     int idle = 0;
     while (unreleasedLevels_.load(std::memory_order_acquire) > 0) {
-        if (takeLevelItem(member, current_.load(std::memory_order_acquire)) ||
-            takeSubtree(member)) {
+        if ((alone && takeSubtree(member, true)) ||
+            takeLevelItem(member, current_.load(std::memory_order_acquire)) ||
+            takeSubtree(member, false)) {
             idle = 0;
             continue;
         }
@@ -210,10 +244,12 @@ void SahLevelBuilder::Team::completeLevelItem(uint32_t depth)
     unreleasedLevels_.fetch_sub(1, std::memory_order_acq_rel);
 }
 
-// A subtree of the oldest level that has any left.
-bool SahLevelBuilder::Team::takeSubtree(int member)
+// A subtree of the oldest level that has any left (above the current level only, when asked).
+bool SahLevelBuilder::Team::takeSubtree(int member, bool aboveCurrentOnly)
 {
-    const uint32_t deepest = current_.load(std::memory_order_acquire);
+    const uint32_t current = current_.load(std::memory_order_acquire);
+    if (aboveCurrentOnly && current == 0) return false;
+    const uint32_t deepest = aboveCurrentOnly ? current - 1 : current;
     for (uint32_t depth = oldestSubtrees_.load(std::memory_order_relaxed); depth <= deepest;
          ++depth) {
         Level& level = levels_[depth];
@@ -255,16 +291,24 @@ Status SahLevelBuilder::Team::prepareNextLevel(uint32_t depth)
     next.slots = static_cast<Slot*>(vekMalloc(size_t(bytes)));
     if (next.slots == nullptr) return StatusNoMemory;
     for (int32_t i = 0; i < 2 * level.openCount; ++i)
-        new (next.slots + i) Slot{SlotKind::Empty, nullptr, {}, {}, nullptr};
+        new (next.slots + i) Slot{SlotKind::Empty, nullptr, {}, {}};
     next.count = 2 * level.openCount;
     return StatusOk;
 }
 
+// A node searched whole takes its first axis's item: the bounds of the axes' costs let it pass
+// over the axes that cannot win, and its split (or none, when none can pay) goes to axes[0].
 void SahLevelBuilder::Team::search(uint32_t depth, int64_t item)
 {
     Slot& slot = levels_[depth].slots[item / 3];
-    if (slot.kind == SlotKind::Open && sahMaySplit(slot.lists, b_.rules_, depth, 0))
-        slot.axes[item % 3] = searchSplitAxis(slot.lists, int(item % 3));
+    if (slot.kind != SlotKind::Open || !sahMaySplit(slot.lists, b_.rules_, depth, 0)) return;
+    const int axis = int(item % 3);
+    if (!searchedWhole(slot.lists)) {
+        slot.axes[axis] = searchSplitAxis(slot.lists, axis);
+    } else if (axis == 0) {
+        slot.axes[0] =
+            findBestSplitBounded(slot.lists, b_.rules_.triangleBounds, b_.rules_.gainFactor);
+    }
 }
 
 void SahLevelBuilder::Team::buildSubtree(int member, uint32_t depth, Slot& slot)
@@ -296,7 +340,8 @@ void SahLevelBuilder::Team::decideAndPartition(int member, uint32_t depth, int32
     record(status);
 }
 
-// Makes slot an inner node and fills its children's slots, their lists in a new block.
+// Makes slot an inner node and fills its children's slots, their lists in the next level's
+// chunks.
 Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slot,
                                         const SahSplit& split, Slot* children)
 {
@@ -308,14 +353,19 @@ Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slo
     slot.out->children = pair;
 
     SahNode below{}, above{};
-    classifySahSplit(slot.lists, split, pools.sides);
-    status = sizeSahChildren(slot.lists, split, pools.sides, below, above);
+    if (b_.rules_.triangleBounds != nullptr) {
+        status = classifyAndSizeSahSplit(slot.lists, split, b_.rules_.triangleBounds, pools.sides,
+                                         below, above);
+    } else {
+        classifySahSplit(slot.lists, split, pools.sides);
+        status = sizeSahChildren(slot.lists, split, pools.sides, below, above);
+    }
     if (status != StatusOk) return status;
     const int64_t belowWords = sahNodeWords(below.count, below.eventCount);
     const uint64_t bytes = uint64_t(belowWords + sahNodeWords(above.count, above.eventCount)) * 4;
     status = chargeLevelLists(depth + 1, bytes);
     if (status != StatusOk) return status;
-    auto* words = static_cast<int32_t*>(bytes <= SIZE_MAX ? vekMalloc(size_t(bytes)) : nullptr);
+    auto* words = static_cast<int32_t*>(takeLevelLists(depth + 1, bytes));
     if (words == nullptr) return StatusNoMemory;
     placeSahNode(words, below);
     placeSahNode(words + belowWords, above);
@@ -325,7 +375,7 @@ Status SahLevelBuilder::Team::partition(Member& pools, uint32_t depth, Slot& slo
     for (int s = 0; s < 2; ++s) {
         const SlotKind kind =
             lists[s]->count >= b_.levelMinTriangles_ ? SlotKind::Open : SlotKind::Subtree;
-        children[s] = Slot{kind, pair + s, *lists[s], {}, s == 0 ? words : nullptr};
+        children[s] = Slot{kind, pair + s, *lists[s], {}};
     }
     return StatusOk;
 }
@@ -341,12 +391,49 @@ Status SahLevelBuilder::Team::chargeLevelLists(uint32_t depth, uint64_t bytes)
                : StatusMemoryLimit;
 }
 
+// bytes (a multiple of 8) of the level's lists: from its current chunk when it has room, else
+// from a spare chunk that has, else from a new chunk. Null when that cannot be allocated.
+void* SahLevelBuilder::Team::takeLevelLists(uint32_t depth, uint64_t bytes)
+{
+    const std::lock_guard<std::mutex> lock(chunkMutex_);
+    Level& level = levels_[depth];
+    ListChunk* chunk = level.chunks;
+    if (chunk == nullptr || chunk->capacityBytes - chunk->usedBytes < bytes) {
+        ListChunk** spare = &spareChunks_;
+        while (*spare != nullptr && (*spare)->capacityBytes < bytes)
+            spare = &(*spare)->next;
+        chunk = *spare;
+        if (chunk != nullptr) {
+            *spare = chunk->next;
+        } else {
+            const uint64_t capacity = std::max(bytes, kListChunkBytes);
+            if (capacity > SIZE_MAX - sizeof(ListChunk)) return nullptr;
+            chunk = static_cast<ListChunk*>(vekMalloc(size_t(sizeof(ListChunk) + capacity)));
+            if (chunk == nullptr) return nullptr;
+            chunk->capacityBytes = capacity;
+        }
+        chunk->usedBytes = 0;
+        chunk->next = level.chunks;
+        level.chunks = chunk;
+    }
+    void* lists = reinterpret_cast<uint8_t*>(chunk + 1) + chunk->usedBytes;
+    chunk->usedBytes += bytes;
+    return lists;
+}
+
 // Once: the destructor releases what a failed or finished build left.
 void SahLevelBuilder::Team::release(Level& level)
 {
+    {
+        const std::lock_guard<std::mutex> lock(chunkMutex_);
+        while (level.chunks != nullptr) {
+            ListChunk* next = level.chunks->next;
+            level.chunks->next = spareChunks_;
+            spareChunks_ = level.chunks;
+            level.chunks = next;
+        }
+    }
     if (level.slots == nullptr) return;
-    for (int32_t i = 0; i < level.count; ++i)
-        vekFree(level.slots[i].block);
     vekFree(level.slots);
     vekFree(level.openRanks);
     level.slots = nullptr;

@@ -76,8 +76,13 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
     }
 }
 
-Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
-                       SahNode& below, SahNode& above)
+namespace {
+
+// The children's counts, event counts and cells, from each list entry's sides as sidesOf
+// tells them. StatusBuildMismatch when a side's count is not the one the search costed.
+template <class SidesOf>
+Status tallySahChildren(const SahNode& node, const SahSplit& split, SidesOf sidesOf, SahNode& below,
+                        SahNode& above)
 {
     // Per side, the count and the flat ones on each axis in four 16-bit fields of one word,
     // summed up to 0xFFFF entries at a time.
@@ -88,7 +93,7 @@ Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t
         uint64_t tally[2] = {0, 0};
         for (int32_t i = first; i < end; ++i) {
             const uint32_t entry = uint32_t(node.list[i]);
-            const uint32_t kinds = sides[entry & kListTriangleMask] | (entry >> kListFlatShift) << 2;
+            const uint32_t kinds = sidesOf(entry) | (entry >> kListFlatShift) << 2;
             tally[0] += kSideTally[0][kinds];
             tally[1] += kSideTally[1][kinds];
         }
@@ -111,6 +116,47 @@ Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t
     below.cell.hi[split.axis] = split.position;
     above.cell.lo[split.axis] = split.position;
     return StatusOk;
+}
+
+}  // namespace
+
+Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
+                       SahNode& below, SahNode& above)
+{
+    return tallySahChildren(
+        node, split, [sides](uint32_t entry) { return uint32_t(sides[entry & kListTriangleMask]); },
+        below, above);
+}
+
+// The sides from each triangle's extent on the axis, as its events would set them: the start
+// (the lower bound) places it below, the end (the upper bound) above, a flat one (both equal)
+// by its position or, in the plane, on the chosen side. Keys are compared as the search saw
+// them, trimmed to the cell [lo, hi], which holds the plane p: a trimmed key lies below p
+// exactly when the key does and lo < p, above p exactly when the key does and p < hi.
+Status classifyAndSizeSahSplit(const SahNode& node, const SahSplit& split,
+                               const float* triangleBounds, uint8_t* sides, SahNode& below,
+                               SahNode& above)
+{
+    const int axis = split.axis;
+    const uint32_t loKey = sahBoundKey(node.cell.lo[axis]);
+    const uint32_t hiKey = sahBoundKey(node.cell.hi[axis]);
+    const uint32_t planeKey = sahBoundKey(split.position);
+    const uint32_t belowLimit = loKey < planeKey ? planeKey : 0;
+    const uint32_t aboveLimit = planeKey < hiKey ? planeKey : UINT32_MAX;
+    const uint32_t flatAtPlane = split.flatBelow ? kGoesBelow : kGoesAbove;
+    const float* axisBounds = triangleBounds + axis;
+    auto sidesOf = [&](uint32_t entry) {
+        const uint32_t triangle = entry & kListTriangleMask;
+        const float* bounds = axisBounds + 6 * int64_t(triangle);
+        const uint32_t start = floatKey(bounds[0]), end = floatKey(bounds[3]);
+        const uint32_t placed =
+            (start < belowLimit ? kGoesBelow : 0) | (end > aboveLimit ? kGoesAbove : 0);
+        const bool inPlane = placed == 0 && (entry >> (kListFlatShift + axis) & 1u) != 0;
+        const uint32_t set = placed | (flatAtPlane & (0u - uint32_t(inPlane)));
+        sides[triangle] = uint8_t(set);
+        return set;
+    };
+    return tallySahChildren(node, split, sidesOf, below, above);
 }
 
 void writeSahChildPart(const SahNode& node, const uint8_t* sides, int part, const SahNode& below,

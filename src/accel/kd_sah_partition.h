@@ -22,6 +22,13 @@ void classifySahSplit(const SahNode& node, const SahSplit& split, uint8_t* sides
 Status sizeSahChildren(const SahNode& node, const SahSplit& split, const uint8_t* sides,
                        SahNode& below, SahNode& above);
 
+// classifySahSplit and sizeSahChildren in one pass over node's list, reading each triangle's
+// extent on the split axis from triangleBounds (lower x, y, z, upper x, y, z by triangle
+// number, as the root's events were made) instead of walking its events.
+Status classifyAndSizeSahSplit(const SahNode& node, const SahSplit& split,
+                               const float* triangleBounds, uint8_t* sides, SahNode& below,
+                               SahNode& above);
+
 // Writes node's lists into the children's, after classifySahSplit. Each child's lists may be
 // written one entry past their end. below may use node's own lists (written in place: no entry
 // is written before it is read); otherwise the lists must not overlap.

@@ -4,6 +4,8 @@
 // before the axes are compared.
 #include "kd_sah_split.h"
 
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -107,6 +109,13 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
     int32_t chunkEnds = 0, chunkFlats = 0, chunkStarts = 0;  // before the chunk
     int32_t lastLying = 0;
     bool firstRunDone = false;
+    // Sorted by key: the events the clamp moves are a run of starts below the cell and one of
+    // ends above it.
+    int32_t clampedBelow = 0, clampedAbove = m;
+    while (clampedBelow < m && eventKey(events[clampedBelow]) < clamp.lo)
+        ++clampedBelow;
+    while (clampedAbove > clampedBelow && eventKey(events[clampedAbove - 1]) > clamp.hi)
+        --clampedAbove;
     uint64_t event = events[0];
     uint32_t key = clamp(event);
     sweep.firstKey = key;
@@ -116,21 +125,29 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
         int32_t runCount = 0;
         uint32_t counts = 0;
         int32_t i = chunk;
-        for (; i < lookAheadEnd; ++i) {
+        auto step = [&](auto keyOf) {
             counts += kKindCounts[eventKind(event)];
             ends[runCount] = key | uint64_t(counts) << 32;
             event = events[i + 1];
-            const uint32_t next = clamp(event);
+            const uint32_t next = keyOf(event);
             runCount += int32_t(next != key);
             key = next;
-        }
+        };
+        // Only the events before clampedBelow and from clampedAbove on need the clamp: the
+        // next event's key is read unclamped in between.
+        for (; i < std::min(lookAheadEnd, clampedBelow - 1); ++i)
+            step(clamp);
+        for (; i < std::min(lookAheadEnd, clampedAbove - 1); ++i)
+            step(eventKey);
+        for (; i < lookAheadEnd; ++i)
+            step(clamp);
         if (i < chunkEnd) {  // the last event ends the last run
             counts += kKindCounts[eventKind(event)];
             ends[runCount++] = key | uint64_t(counts) << 32;
         }
         // The costs, keeping the first of the cheapest: its run and whether flat ones lie below.
         // The second cost of a run with nothing lying at it equals the first, so it never wins
-        // and is computed without a branch.
+        // and is skipped: most meshes have few flat triangles, and the branch is then cheap.
         double bestCost = sweep.best.cost;
         int32_t bestChoice = -1, bestBelow = 0, bestAbove = 0;
         for (int32_t r = 0; r < runCount; ++r) {
@@ -149,12 +166,14 @@ RunSweep sweepRuns(const uint64_t* events, int32_t m, int32_t n, KeyClamp clamp,
             bestBelow = costWins ? below : bestBelow;
             bestAbove = costWins ? above : bestAbove;
             bestCost = costWins ? cost : bestCost;
-            const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
-            const bool flatWins = flatCost < bestCost;
-            bestChoice = flatWins ? 2 * r + 1 : bestChoice;
-            bestBelow = flatWins ? below + lying : bestBelow;
-            bestAbove = flatWins ? above - lying : bestAbove;
-            bestCost = flatWins ? flatCost : bestCost;
+            if (lying != 0) {
+                const double flatCost = double(below + lying) * toLo + double(above - lying) * toHi;
+                const bool flatWins = flatCost < bestCost;
+                bestChoice = flatWins ? 2 * r + 1 : bestChoice;
+                bestBelow = flatWins ? below + lying : bestBelow;
+                bestAbove = flatWins ? above - lying : bestAbove;
+                bestCost = flatWins ? flatCost : bestCost;
+            }
             lastLying = lying;
             below = startsThrough + flatsThrough;
             flatsBefore = flatsThrough;
@@ -275,20 +294,32 @@ void boundAxisCosts(const SahNode& node, const float* triangleBounds, const Axis
                     double (&least)[3])
 {
     // Trimming to the cell is folded into the minimum: min(f, hi) - lo = min(f - lo, hi - lo).
-    double lo[3], hi[3], extent[3], sum[3] = {0.0, 0.0, 0.0};
-    for (int k = 0; k < 3; ++k) {
-        lo[k] = node.cell.lo[k];
-        hi[k] = node.cell.hi[k];
-        extent[k] = hi[k] - lo[k];
-    }
-    for (int32_t i = 0; i < node.count; ++i) {
+    // The three axes go side by side in the lanes of a vector (the fourth lane is not used),
+    // each lane the same operations as one axis's scalar sum; two partial sums let successive
+    // triangles proceed without waiting for each other, and any order of the terms gives a sum
+    // within the margin. _mm256_min_pd(b, a) is std::min(a, b), NaN included.
+    const Cell& cell = node.cell;
+    const __m256d lo = _mm256_setr_pd(cell.lo[0], cell.lo[1], cell.lo[2], 0.0);
+    const __m256d hi = _mm256_setr_pd(cell.hi[0], cell.hi[1], cell.hi[2], 0.0);
+    const __m256d extent = _mm256_sub_pd(hi, lo);
+    auto term = [&](int32_t i) {
         const float* bounds = triangleBounds + 6 * int64_t(node.list[i] & kListTriangleMask);
-        for (int k = 0; k < 3; ++k) {
-            const double fromLo = double(bounds[k + 3]) - lo[k];
-            const double toHi = hi[k] - double(bounds[k]);
-            sum[k] += std::min(std::min(fromLo, toHi), extent[k]);
-        }
+        const __m128 lower = _mm_loadu_ps(bounds);       // lower x, y, z, then upper x
+        const __m128 around = _mm_loadu_ps(bounds + 2);  // lower z, then upper x, y, z
+        const __m128 upper = _mm_shuffle_ps(around, around, _MM_SHUFFLE(3, 3, 2, 1));
+        const __m256d fromLo = _mm256_sub_pd(_mm256_cvtps_pd(upper), lo);
+        const __m256d toHi = _mm256_sub_pd(hi, _mm256_cvtps_pd(lower));
+        return _mm256_min_pd(extent, _mm256_min_pd(toHi, fromLo));
+    };
+    __m256d even = _mm256_setzero_pd(), odd = _mm256_setzero_pd();
+    int32_t i = 0;
+    for (; i + 2 <= node.count; i += 2) {
+        even = _mm256_add_pd(even, term(i));
+        odd = _mm256_add_pd(odd, term(i + 1));
     }
+    if (i < node.count) even = _mm256_add_pd(even, term(i));
+    alignas(32) double sum[4];
+    _mm256_store_pd(sum, _mm256_add_pd(even, odd));
     for (int k = 0; k < 3; ++k) {
         const bool flatOnAxis = node.eventCount[k] != 2 * node.count;
         least[k] = (double(node.count) * starts[k].model.across + sum[k]) * starts[k].scale *

@@ -105,8 +105,13 @@ Status SahSubtreeBuilder::split(OpenNode& node, const SahSplit& best, OpenNode& 
     ++splitCount_;
 
     SahNode below{}, higher{};
-    classifySahSplit(node.lists, best, sides_);
-    status = sizeSahChildren(node.lists, best, sides_, below, higher);
+    if (rules_.triangleBounds != nullptr) {
+        status =
+            classifyAndSizeSahSplit(node.lists, best, rules_.triangleBounds, sides_, below, higher);
+    } else {
+        classifySahSplit(node.lists, best, sides_);
+        status = sizeSahChildren(node.lists, best, sides_, below, higher);
+    }
     if (status != StatusOk) return status;
     // A cut that leaves one side empty (empty space, flat triangles in the cell's face) hands
     // the other side the node's own lists, which are already what the partition would write.

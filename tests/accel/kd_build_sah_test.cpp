@@ -504,7 +504,9 @@ TEST(KdBuildSah, BudgetBelowTheRequirementIsRefusedBeforeAnyAllocation)
 
 TEST(KdBuildSah, EveryFailedAllocationIsNoMemoryWithNothingLeaked)
 {
-    const Mesh mesh = concatenate(makeTriangleSoup(2000, 6), makeBoxMesh(-2.0f, 2.0f));
+    // More triangles than a level split needs, so that the full depth's levels allocate too.
+    const Mesh mesh = concatenate(makeTriangleSoup(accel::kSahLevelMinTriangles + 500, 6),
+                                  makeBoxMesh(-2.0f, 2.0f));
     for (uint32_t method : kSahMethods) {
         int n = 1;
         for (;; ++n) {
