@@ -113,18 +113,24 @@ TEST(IntersectEye, IgnoresHitsBehindTheOriginDegenerateRecordsAndEmptyLeaves)
     tree.inner(0, 0, 0.0f, 1);
     tree.leaf(1, -1);
     tree.list(2, {4, 0, 1});
-    for (int height : {4, 5}) {
-        EyeRays rays = raysDown(4, height, -0.85f, 1.8f / float(4 * height), 0.2f);
-        for (int i = 0; i < rays.count(); i += 3)
-            rays.dir[2][i] = 1.0f;  // pointing away: the plane lies behind the origin
-        rays.reset();
-        intersectEye(rays, scene.context(tree.root()));
-        for (int i = 0; i < rays.count(); ++i) {
-            const bool expectHit = rays.dir[0][i] > 0.0f && rays.dir[2][i] < 0.0f;
-            if (expectHit)
-                EXPECT_TRUE(rays.triIndex[i] == 0 || rays.triIndex[i] == 1) << "ray " << i;
-            else
-                EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+    // From x = -0.1 the all-zero record's plane x = 0 lies ahead of the rays going +x. From
+    // (0.1, 0, 0), inside the listed leaf, every crossing of the quads lies at t = 0: no hit.
+    for (const int height : {4, 5}) {
+        for (const float z : {1.0f, 0.0f}) {
+            EyeRays rays = raysDown(4, height, -0.85f, 1.8f / float(4 * height), 0.2f);
+            rays.origin[0] = z > 0.0f ? -0.1f : 0.1f;
+            rays.origin[2] = z;
+            for (int i = 0; i < rays.count(); i += 3)
+                rays.dir[2][i] = 1.0f;  // pointing away: the plane lies behind the origin
+            rays.reset();
+            intersectEye(rays, scene.context(tree.root()));
+            for (int i = 0; i < rays.count(); ++i) {
+                const bool expectHit = z > 0.0f && rays.dir[0][i] > 0.1f && rays.dir[2][i] < 0.0f;
+                if (expectHit)
+                    EXPECT_TRUE(rays.triIndex[i] == 0 || rays.triIndex[i] == 1) << "ray " << i;
+                else
+                    EXPECT_EQ(rays.triIndex[i], -1) << "ray " << i;
+            }
         }
     }
 }

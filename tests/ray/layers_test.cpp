@@ -127,12 +127,13 @@ TEST_P(RayScenes, OneLayerIsTheNearestHit)
 
 // --- Hand-made cases, each on both paths (onBothPaths) ------------------------------------
 
-// Rays from origin along dirOf(i) for each path.
+// Rays from origin along dirOf(i) for each path, in the mesh's box unless another is given.
 template <class DirFn>
 std::vector<LayeredRays> shootLayers(const PreparedScene& scene, const void* root,
-                                     const float origin[3], int layers, DirFn dirOf)
+                                     const float origin[3], int layers, DirFn dirOf,
+                                     const float* box = nullptr)
 {
-    const IntersectContext context = scene.context(root);
+    const IntersectContext context = scene.context(root, box);
     return onBothPaths<EyeRays>(origin, dirOf, [&](const EyeRays& rays) {
         LayeredRays out(rays, layers);
         EXPECT_EQ(ray::takesLayersPacketPath(out.block()), rays.height == 4);
@@ -166,6 +167,26 @@ TEST(LayersRules, ClosedBoxIsCrossedTwiceThenNothing)
             EXPECT_EQ(out.triIndex[out.at(3, i)], -1) << "ray " << i;
             EXPECT_EQ(out.dist[out.at(3, i)], EyeRays::kUntouched) << "ray " << i;
             EXPECT_EQ(out.u[out.at(3, i)], EyeRays::kUntouched) << "ray " << i;
+        }
+    }
+}
+
+TEST(LayersRules, ContinuedRayReachesAsFarAsItsWidenedBoxExit)
+{
+    // Walls 0 and 1 at x = 0.5 and 1 bound the box on x; wall 1 is listed only past a split at
+    // x = 1.00025. Continued from wall 0, the ray leaves the box at t = 0.5, widened to 0.5001:
+    // the split lies 1.5e-4 beyond, within the per-ray tolerance (1.9e-4) but not the tile's
+    // (1.2e-5), so only the ray-at-a-time path finds wall 1 in layer 1.
+    const PreparedScene scene(wallsAt({0.5f, 1.0f}));
+    const HandTree tree = splitTree(0, 1.00025f, 0, 1);
+    const float origin[3] = {0, 0, 0};
+    const float box[6] = {0.5f, -2, -2, 1.0f, 4, 4};
+    const auto dirOf = [](int i) { return std::array<float, 3>{1.0f, 0.001f * float(i), 0.002f}; };
+    for (const LayeredRays& out : shootLayers(scene, tree.root(), origin, 2, dirOf, box)) {
+        const bool tile = out.rays.height == 4;
+        for (int i = 0; i < out.rays.count(); ++i) {
+            EXPECT_EQ(out.triIndex[out.at(0, i)], 0) << "ray " << i;
+            EXPECT_EQ(out.triIndex[out.at(1, i)], tile ? -1 : 1) << "ray " << i;
         }
     }
 }

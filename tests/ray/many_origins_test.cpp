@@ -66,15 +66,15 @@ const float kWideBox[6] = {-2, -2, -2, 2, 2, 2};
 
 TEST(ManyOriginsRules, TinyComponentMissesUnlessStrictlyInsideItsSlab)
 {
-    // The box ends at y = 0.5; the wall x = 0.5 reaches y = 3. A y component of magnitude up
-    // to the float epsilon hits the wall only from strictly inside the slab; on either face
+    // The box spans y = -0.5 to 0.5, the wall x = 0.5 y = -1 to 3. A y component of magnitude
+    // up to the float epsilon hits the wall only from strictly inside the slab; on either face
     // it misses. Just above the epsilon, the ray from the face enters the box.
     const Mesh mesh = wallsAt({0.5f});
     const HandTree tree = listLeafTree({0});
-    const float box[6] = {-2, -2, -2, 2, 0.5f, 2};
+    const float box[6] = {-2, -0.5f, -2, 2, 0.5f, 2};
     const float tiny[] = {0.0f, -0.0f, 1e-8f, -1e-8f, 1.1920929e-7f, -1.1920929e-7f};
     for (const auto& [y, inside] : std::vector<std::pair<float, bool>>{
-             {0.25f, true}, {0.75f, false}, {0.5f, false}, {-2.0f, false}}) {
+             {0.25f, true}, {0.75f, false}, {0.5f, false}, {-0.5f, false}, {-0.75f, false}}) {
         const float origin[3] = {-1, y, 0};
         for (float dy : tiny)
             for (const Shot& shot : shoot(mesh, tree.root(), box, origin, 1.0f, dy))
@@ -105,11 +105,12 @@ TEST(ManyOriginsRules, SlabDistancesMultiplyByTheReciprocal)
 TEST(ManyOriginsRules, EdgeOnTriangleIsNeverHit)
 {
     // The wall x = 0.5 crossed at t ~ 1 with den = dx: below 1.1920929e-6 the wall is passed
-    // over, above it is hit, for either sign.
+    // over, at or above it is hit, for either sign.
     const Mesh mesh = wallsAt({0.5f});
     const HandTree tree = listLeafTree({0});
     for (const auto& [dx, hit] : std::vector<std::pair<float, bool>>{
-             {1e-6f, false}, {-1e-6f, false}, {1.18e-6f, false}, {1.3e-6f, true}, {-1.3e-6f, true}}) {
+             {1e-6f, false}, {-1e-6f, false}, {1.18e-6f, false}, {1.1920929e-6f, true},
+             {1.3e-6f, true}, {-1.3e-6f, true}}) {
         const float origin[3] = {0.5f - dx, -0.5f, 0};
         for (const Shot& shot : shoot(mesh, tree.root(), kWideBox, origin, dx, 1.0f))
             EXPECT_EQ(shot.triangle, hit ? 0 : -1) << "dx " << dx;

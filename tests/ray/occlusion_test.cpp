@@ -116,6 +116,31 @@ TEST(OcclusionRules, FirstOccluderInTraversalOrderIsReported)
     const float origin[3] = {0, 0, 0};
     for (int found : occludersOf(wallsAt({1.5f, 0.5f}), splitTree(0, 1.0f, 0, 1), origin, 0.0f))
         EXPECT_EQ(found, 0);
+    // Within one leaf the list order decides, ray by ray. From x = -0.5: the all-zero record 1
+    // (its plane x = 0 on the segment) never occludes; triangle 0 (x = 1, top edge at
+    // z = 0.0026) covers rays 0 to 3 of the z spread, wall 2 (x = 1.25) every ray.
+    Mesh mesh;
+    const int a = mesh.addVertex(1, -1, -1);
+    const int b = mesh.addVertex(1, 1, 0.0026f);
+    const int c = mesh.addVertex(1, -1, 0.0026f);
+    mesh.addTriangle(a, b, c);
+    mesh.addTriangle(a, b, b);
+    const PreparedScene scene(concatenate(mesh, wallsAt({1.25f})));
+    ASSERT_EQ(scene.records[1].axes, 0u);
+    const HandTree tree = listLeafTree({1, 0, 2});
+    const float behind[3] = {-0.5f, 0, 0};
+    const float farBox[6] = {10, 10, 10, 11, 11, 11};
+    const IntersectContext context = scene.context(tree.root(), farBox);
+    const auto dirOf = [](int i) { return std::array<float, 3>{2.0f, 0.0f, 0.001f * float(i)}; };
+    for (const auto& found : onBothPaths<Segments>(behind, dirOf, [&](Segments& s) {
+             s.reset();
+             EXPECT_EQ(vekrIntersectAnySO_32f(s.origin, s.dirs(), s.triIndex.data(), s.mask.data(),
+                                              s.width, s.height, &context),
+                       StatusOk);
+             return s.triIndex;
+         }))
+        for (size_t i = 0; i < found.size(); ++i)
+            EXPECT_EQ(found[i], i <= 3 ? 0 : 2) << "ray " << i;
 }
 
 TEST(OcclusionRules, LeafEndingAtTheSegmentEndEndsTheRay)

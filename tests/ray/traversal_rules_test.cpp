@@ -56,6 +56,10 @@ TEST(TraversalRules, FarEndIsWidenedBeforeDescending)
     const float box[6] = {-1, -2, -2, 0, 2, 2};
     for (const Shot& shot : shoot(mesh, splitTree(0, 5e-5f, -1, 0), box, origin, 0.0f))
         EXPECT_EQ(shot.triangle, 0);
+    // The wall's own box is flat: the ray enters and leaves it at the same t, and still hits.
+    const float flat[6] = {-0.5f, -2, -2, -0.5f, 2, 2};
+    for (const Shot& shot : shoot(mesh, oneLeafTree(0), flat, origin, 0.0f))
+        EXPECT_EQ(shot.triangle, 0);
 }
 
 TEST(TraversalRules, HitAtTheEndOfALeafEndsTheRay)
@@ -69,6 +73,19 @@ TEST(TraversalRules, HitAtTheEndOfALeafEndsTheRay)
         EXPECT_EQ(shot.triangle, 0);
         EXPECT_EQ(shot.dist, 1.0f);
     }
+}
+
+TEST(TraversalRules, NearPartEndsNoEarlierThanTheEntry)
+{
+    // The box is entered at t = 1; the split lies 5e-6 before, within the tolerance, so both
+    // children are visited and the near part ends at max(entry, split) = 1. The lower leaf's
+    // wall 0 is hit at t = 1 - 2e-6, before that end, which ends the ray; the upper leaf's
+    // wall 1, nearer still, is never tested.
+    const Mesh mesh = wallsAt({-2e-6f, -4e-6f});
+    const float origin[3] = {-1, 0, 0};
+    const float box[6] = {0, -2, -2, 1, 2, 2};
+    for (const Shot& shot : shoot(mesh, splitTree(0, -5e-6f, 0, 1), box, origin, 0.0f))
+        EXPECT_EQ(shot.triangle, 0);
 }
 
 TEST(TraversalRules, NearlyParallelAxisTakesTheSubstituteInverseAndNoSign)

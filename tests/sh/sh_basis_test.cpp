@@ -300,6 +300,17 @@ TEST(ShKernels, VectorBasisAndBandMatchTheScalarTwinsBitForBit)
         const size_t j = size_t(i * 7 % all.size());
         d.x.push_back(all.x[j]), d.y.push_back(all.y[j]), d.z.push_back(all.z[j]);
     }
+    // Every lower order gives the leading values of order 15 bit for bit: no band is left out.
+    const sh::Directions twenty{d.x.data(), d.y.data(), d.z.data(), d.size()};
+    std::vector<float> full(size_t(kMaxShCount * d.size())), part(full.size());
+    sh::evalBasisDirectScalar(twenty, 15, full.data());
+    for (unsigned order = 0; order < 15; ++order) {
+        const size_t count = size_t(shCount(order));
+        sh::evalBasisDirectScalar(twenty, order, part.data());
+        for (size_t i = 0; i < size_t(d.size()); ++i)
+            EXPECT_EQ(std::memcmp(&part[i * count], &full[i * kMaxShCount], count * 4), 0)
+                << "order " << order << " direction " << i;
+    }
     for (unsigned order : {0u, 1u, 2u, 7u, 15u}) {
         const ShState state = makeState(order, SHMethodRecurrence);
         const sh::RecurrenceTables tables = sh::recurrenceTables(*state);

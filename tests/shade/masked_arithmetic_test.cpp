@@ -212,7 +212,9 @@ const Family kDistance{"DistAttenuation", 3, 0, 1, distanceReference,
 
 // Inputs and expected contents of every plane after one call (read-only planes unchanged). Values
 // mix [-2, 2] with zeros of both signs, infinities, NaN and +-1; output planes start as the
-// sentinel; mask words are 0, -1 and 5, with every fourth group of eight all -1.
+// sentinel; mask words are 0, -1 and a positive word with exponent and mantissa bits set (a
+// sign test must ignore them, a bitwise mask must clear them). Every fourth group of eight is all
+// -1, and the group after it all -1 but its first word.
 struct Case {
     std::array<std::vector<float>, 7> plane, expected;
     std::vector<int32_t> mask;
@@ -224,14 +226,15 @@ struct Case {
         std::uniform_real_distribution<float> uniform(-2.0f, 2.0f);
         std::uniform_int_distribution<int> kind(0, 19), word(0, 2);
         const float specials[7] = {0.0f, -0.0f, kInf, -kInf, kNaN, 1.0f, -1.0f};
-        const int32_t words[3] = {0, -1, 5};
+        const int32_t words[3] = {0, -1, 0x00C00005};
         for (int i = 0; i < length; ++i) {
             for (int j = 0; j < f.planeCount(); ++j) {
                 const int k = kind(rng);
                 const bool output = j >= f.inCount + f.ioCount;
                 plane[j].push_back(output ? bitsToFloat(kSentinelBits) : k < 7 ? specials[k] : uniform(rng));
             }
-            mask.push_back((i / 8) % 4 == 2 ? -1 : words[word(rng)]);
+            const int group = (i / 8) % 4;
+            mask.push_back(group == 2 || (group == 3 && i % 8 != 0) ? -1 : words[word(rng)]);
         }
         computeExpected(f);
     }

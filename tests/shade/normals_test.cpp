@@ -95,7 +95,8 @@ std::vector<float> runTriangles(void (*kernel)(const float*, const int*, float*,
 constexpr float kRsqrtTolerance = 0x1p-20f;
 
 // Hits in groups of four of each kind the vector path tells apart (one triangle, all missed,
-// mixed, several), NaN and infinite u, v on missed rays, and triangle 0 weighing N(0) =
+// mixed, several), NaN and infinite u, v on some missed rays and finite ones on others (a
+// finite pair must not leak a normal into a mixed group), and triangle 0 weighing N(0) =
 // (2^-12, 2^-12, 0) alone: s = FLT_EPSILON exactly, zero on the vector path only, which shows
 // the path taken. Flat copies exact bits; smooth gives the bits of the twin the alignment rule
 // names, the scalar one within 1e-6 of the exact normal; missed rays get +0.
@@ -114,7 +115,7 @@ void expectPerRayNormals(FlushEnd flush, size_t shifted, int step, int n)
                               int((t + i % 4 % 3) % 8)};
         hits.push_back(kinds[i / 4 % 4]);
         v[i] = (1 - u[i]) * float(rng() % 1024) / 1024;
-        if (hits[i] < 0 && i % 3 > 0) u[i] = kNaN, v[i] = i % 3 == 1 ? kInf : -kInf;
+        if (hits[i] < 0 && i % 4 > 1) u[i] = kNaN, v[i] = i % 3 == 1 ? kInf : -kInf;
         if (hits[i] == 0) u[i] = 1, v[i] = 0;
     }
     for (int i = 0; i < 8 * step; ++i)

@@ -61,7 +61,8 @@ struct Source {
 };
 
 // Positions around the window on one axis: mostly inside, some a little outside, exactly on
-// either bound, the next float above the maximum, and NaN.
+// either bound, the next float above the maximum, NaN, and half voxels (nearest rounds those
+// ties to even).
 float randomCoordinate(std::mt19937& rng, int32_t lo, int32_t hi)
 {
     switch (std::uniform_int_distribution<int>(0, 9)(rng)) {
@@ -73,6 +74,9 @@ float randomCoordinate(std::mt19937& rng, int32_t lo, int32_t hi)
             return std::nextafter(float(hi), 1e9f);
         case 3:
             return std::numeric_limits<float>::quiet_NaN();
+        case 4:
+            return float(std::uniform_int_distribution<int32_t>(lo, std::max(lo, hi - 1))(rng)) +
+                   0.5f;
         default:
             return std::uniform_real_distribution<float>(lo - 1.0f, hi + 1.0f)(rng);
     }

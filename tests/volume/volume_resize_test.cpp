@@ -340,4 +340,25 @@ TEST(ResizeWorkspace, CarvedAreasFitTheReportedShareAtAnyAlignment)
                     }
 }
 
+// The 8u linear x weights in 14-bit fixed point, w1 = trunc(1e-7 + 16384 f) and w0 = 16384 - w1:
+// the 1e-7 lifts a fraction a hair below a step (2^-14 - 2^-38) onto it, and no further.
+TEST(ResizeWorkspace, FixedPointWeightsLiftOnlyAHairBelowAStep)
+{
+    const volume::InterpolationKernel& linear =
+        *volume::findInterpolationKernel(InterpolationLinear);
+    std::vector<uint8_t> storage(volume::resizeBufferBytesPerThread(1, 1, 1, InterpolationLinear));
+    for (const auto& [fraction, w1] : std::vector<std::pair<double, int>>{
+             {0.0, 0}, {0.5, 8192}, {0x1p-14 - 0x1p-38, 1}, {0x1p-14 - 0x1p-30, 0},
+             {1.0 - 0x1p-24, 16383}}) {
+        volume::ResizeWorkspace ws =
+            volume::carveResizeWorkspace(storage.data(), 1, 1, 1, linear, true);
+        volume::ResizeRegion region;
+        for (volume::AxisMapping& axis : region.axis)
+            axis = {1.0, fraction, 0, 1};  // p = fraction
+        volume::fillResizeTables(ws, region, VolumeSize{4, 4, 4}, linear);
+        EXPECT_EQ(ws.axis[0].fixedWeights[1], w1) << "fraction " << fraction;
+        EXPECT_EQ(ws.axis[0].fixedWeights[0], 16384 - w1) << "fraction " << fraction;
+    }
+}
+
 }  // namespace
